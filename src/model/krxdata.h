@@ -1,0 +1,241 @@
+// The in-memory model: the KRXDATA record that the host fills through the setters and that the
+// writer turns into a file (the reader fills the same record), its node table and mode registry,
+// the list of all models, and creation and release. Per-mode vectors never live here: they are
+// spooled to the temporary vector store (krxtools.h), whose slots the record owns.
+#pragma once
+
+#include <rpc/xdr.h>
+
+#include <array>
+#include <cstdint>
+#include <cstdio>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace krx {
+
+constexpr int kFlagCount = 100;
+constexpr int kBlockCount = 32;
+
+// Vector kinds of the temporary store.
+constexpr int kModeShapes = 0;
+constexpr int kModalStress = 1;
+constexpr int kModalStrain = 2;
+
+// Content-flag indices (byte j of the content summary stands for block j + 4, with gaps at 7 and 11).
+enum Flag : int {
+  kFlagNodalCoords = 0,
+  kFlagElementTopology = 1,
+  kFlagGlobalBodyProps = 2,
+  kFlagEigenvalues = 3,
+  kFlagModeShapes = 4,
+  kFlagNodalMasses = 5,
+  kFlagNodalInertias = 6,
+  kFlagUnits = 8,
+  kFlagGeneralizedStiffness = 9,
+  kFlagGeneralizedMass = 10,
+  kFlagElementFaces = 12,
+  kFlagGeneralizedDamping = 13,
+  kFlagModeTransformation = 14,
+  kFlagInterfaceNodes = 15,
+  kFlagModalStress = 16,
+  kFlagInvariant1 = 17,  // 17..21: invariants 1..5
+  kFlagInvariant7 = 22,
+  kFlagInvariant8 = 23,
+  kFlagInvariant9 = 24,
+  kFlagPreload = 25,
+  kFlagModalLoads = 26,
+  kFlagModalStrain = 27,
+  kFlagModalStatistics = 28,
+  kFlagPreStress = 29,
+  kFlagPreStrain = 30,
+};
+
+constexpr double kInfiniteEigenvalue = 1.2345e20;
+constexpr double kTwoPi = 6.28318530718;
+
+struct NodeRecord {
+  int32_t id = 0;
+  double x = 0.0, y = 0.0, z = 0.0;
+  double mass = 0.0;
+  // I11, I22, I33, I12, I13, I23; allocated when the node first gets an inertia.
+  std::unique_ptr<std::array<double, 6>> inertia;
+};
+
+struct MatrixEntry {
+  int32_t row = 0;  // mode index
+  int32_t column = 0;
+  double value = 0.0;
+};
+
+struct LoadCase {
+  std::string label;  // at most 255 characters
+  int32_t applied = 0;  // 1 once the rigid-body part has been replaced by resultants
+  std::vector<double> values;  // one per mode
+};
+
+// A file opened by the model: the file it was read from or is written to, or a temporary file.
+struct FileSlot {
+  FILE *file = nullptr;
+  std::string path;
+  int xdr_in_use = 0;
+  std::unique_ptr<XDR> xdr;
+  int precision = 1;  // 1: 8-byte doubles, 0: 4-byte floats
+};
+
+// One kind of the temporary vector store. Records are laid out back to back, one per possible
+// mode, each node-capacity x 48 bytes; a node's six values sit at its slot x 48.
+struct VectorSlot {
+  FileSlot io;
+  int opened = 0;
+  bool owns_file = false;  // a temporary file the library made, deleted at release
+  int64_t slot_bytes = 48;  // step between nodes inside a record
+  std::vector<int64_t> record_start;  // per mode index
+  // Kinds 1 and 2: node positions in the order they first received a value, and the sorted
+  // (node id, slot) index.
+  std::vector<int32_t> nodes;
+  std::vector<std::pair<int32_t, int32_t>> index;
+  // The one cached record (six doubles per node of the kind) and the mode index it holds.
+  std::vector<double> record;
+  int32_t held_mode = -1;
+  // Store-private state (write combining, tracked file position).
+  std::vector<unsigned char> pending;
+  int64_t pending_offset = -1;
+  int64_t position = -1;
+};
+
+struct EigenRecord {
+  int32_t number = 0;  // slot 0
+  double eigenvalue = 0.0;
+  double hertz = 0.0;
+  double radians = 0.0;
+  double generalized_mass = 0.0;
+  double generalized_stiffness = 0.0;
+};
+
+// One per exported mode: 13 integer and 13 real slots, written as they stand.
+struct ModalStatistics {
+  std::array<int32_t, 13> ints{};
+  std::array<double, 13> reals{};
+};
+
+struct KRXDATA {
+  // Own file: the file read from, or being written.
+  FileSlot own;
+  std::array<int64_t, kBlockCount + 1> block_start{};  // by block number, as located by the reader
+  int char_width = 1;
+  int real_width = 8;
+  bool read_from_file = false;
+
+  // Temporary vector store, one slot per kind.
+  std::array<VectorSlot, 3> store;
+  std::vector<float> scratch;  // single-precision conversion buffer
+
+  // Writer switches set by the generalized-mass setter.
+  int gm_off_diagonal = 0;  // orthogonalise flag
+  int gm_not_unit = 0;      // transform flag
+
+  // Units: ratios of the last change, and canonical names (empty = not set).
+  double force_ratio = 1.0, length_ratio = 1.0, mass_ratio = 1.0, time_ratio = 1.0;
+  std::array<char, 16> mass_unit{}, length_unit{}, time_unit{}, force_unit{};
+
+  // Version code and header texts.
+  int32_t version = 31;
+  std::array<char, 128> title{};
+  std::array<char, 32> date{};
+  std::array<char, 128> input_name{};
+  std::array<char, 16> input_type{};
+  std::array<std::array<char, 80>, 3> comments{};
+
+  std::array<uint8_t, kFlagCount> flags{};
+
+  // Node table; allocated entries grow by 1000.
+  uint32_t node_capacity = 0;
+  std::vector<NodeRecord> nodes;
+  std::vector<std::pair<int32_t, int32_t>> node_index;  // (id, position) sorted by id
+  bool node_index_built = false;
+
+  // Mode registry: mode numbers in order of first mention.
+  int32_t mode_capacity = 0;
+  std::vector<int32_t> modes;
+  int32_t retained_modes = 0;  // equals the registry count until the eigen solution sets it
+  bool retained_set = false;
+
+  // Generalized matrices: appended, never merged; a list grows by 100 entries.
+  std::vector<MatrixEntry> stiffness, mass, damping;
+
+  // Global body properties.
+  double total_mass = 0.0;
+  std::array<double, 3> centre_of_mass{};
+  std::array<double, 9> global_inertia{};
+
+  // Faces: per face its vertex count then that many node positions.
+  std::vector<int32_t> faces;
+  int32_t face_count = 0;
+  std::vector<int32_t> face_node_set;  // cached sorted node positions of faces and interface nodes
+  bool face_node_set_built = false;
+
+  // Interface nodes, as node positions in the order given.
+  std::vector<int32_t> interface_nodes;
+
+  // Inertia invariants, cached; empty until computed or set.
+  bool has_invariant1 = false;
+  double invariant1 = 0.0;
+  std::vector<double> invariant2;  // 3
+  std::vector<double> invariant3;  // 3 x M, component-major
+  std::vector<double> invariant4;  // 3 x M, component-major
+  std::vector<double> invariant5;  // M arrays of 3 x M
+  std::vector<double> invariant7;  // 9
+  std::vector<double> invariant8;  // M arrays of 9
+  std::vector<double> invariant9;  // M x M arrays of 9
+
+  // Eigen solution: one record per retained mode, the maps, and the transformation (n x n,
+  // row-major, column j = new mode j in the host's modes) with the mode numbers it stands for.
+  std::vector<EigenRecord> eigen;
+  std::vector<int32_t> record_map;
+  std::vector<int32_t> record_numbers;
+  std::vector<double> transformation;
+  std::vector<int32_t> transformation_modes;
+
+  std::vector<ModalStatistics> statistics;
+
+  // Pre-stress and pre-strain: six values per node of the kind's node list.
+  std::vector<double> pre_stress, pre_strain;
+
+  std::vector<LoadCase> load_cases;
+
+  // Modal preload: one value per mode.
+  std::vector<double> preload;
+  int32_t preload_applied = 0;
+  int32_t preload_extra = 0;  // the second int of the preload block
+};
+
+// The list of all models, in order of creation or reading.
+std::vector<std::unique_ptr<KRXDATA>> &model_list();
+
+// Sends "The database has not been initialized." when model is null.
+bool model_exists(const KRXDATA *model);
+
+// Creation appends to the model list; null (and no message) when allocation fails.
+KRXDATA *create_model(uint32_t node_capacity, int32_t mode_capacity);
+// Unlinks and releases one model; a model not in the list is left alone.
+void release_model(KRXDATA *model);
+void release_all_models();
+// The first model read from path, or a model read afresh from the file; null on failure.
+KRXDATA *find_or_read_model(const char *path);
+
+// Node identifiers to positions: -1 when unknown. add_node appends and returns the new position.
+int32_t node_position(KRXDATA *model, int32_t id);
+int32_t add_node(KRXDATA *model, int32_t id);
+// The position of id, adding the node when it is unknown; -1 on failure.
+int32_t node_position_or_add(KRXDATA *model, int32_t id);
+int32_t node_count(const KRXDATA *model);
+
+// Mode numbers to indices: -1 when unknown. register_mode checks the mode capacity.
+int32_t mode_index(const KRXDATA *model, int32_t number);
+int32_t register_mode(KRXDATA *model, int32_t number);
+int32_t mode_count(const KRXDATA *model);
+
+}  // namespace krx

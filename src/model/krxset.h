@@ -1,0 +1,53 @@
+// The setters behind the exported entries: each stores plain values in the model, raises the
+// matching content flag and checks what can be checked (consistency only warns, legality fails).
+// Every setter returns 1 on success and 0 on failure and first checks that the model exists.
+#pragma once
+
+#include <cstdint>
+
+#include "model/krxdata.h"
+
+namespace krx {
+
+// The texts are changed in place (newlines become blanks).
+int set_header(KRXDATA *model, char *title, char *input_name, char *input_type, char *comment1,
+               char *comment2, char *comment3);
+int set_node_coordinates(KRXDATA *model, int32_t node_id, double x, double y, double z);
+int set_nodal_mass(KRXDATA *model, int32_t node_id, double mass);
+int add_nodal_mass(KRXDATA *model, int32_t node_id, double mass);
+// I11, I22, I33, I12, I13, I23.
+int set_nodal_inertia(KRXDATA *model, int32_t node_id, const double inertia[6]);
+int set_nodal_inertia_term(KRXDATA *model, int32_t node_id, int row, int column, double value);
+int set_global_mass(KRXDATA *model, double mass, const double *centre, const double *inertia);
+int set_generalized_mass(KRXDATA *model, int32_t row_mode, int32_t column_mode, double value);
+int set_generalized_stiffness(KRXDATA *model, int32_t row_mode, int32_t column_mode, double value);
+int set_generalized_damping(KRXDATA *model, int32_t row_mode, int32_t column_mode, double value);
+int set_interface_node(KRXDATA *model, int32_t node_id);
+int set_modal_preload(KRXDATA *model, int32_t mode_number, double value);
+int set_load_case_count(KRXDATA *model, int32_t count);
+// load_case is 0-based.
+int set_modal_load(KRXDATA *model, int32_t load_case, int32_t mode_number, double value);
+int set_modal_load_label(KRXDATA *model, int32_t load_case, const char *label);
+// Pre-stress (kind 1) or pre-strain (kind 2) of a node.
+int set_pre_values(KRXDATA *model, int32_t node_id, int kind, const double values[6]);
+
+// Direct invariant setters; 3x3 matrices row by row.
+int set_invariant1(KRXDATA *model, double value);
+int set_invariant2(KRXDATA *model, const double values[3]);
+int set_invariant3(KRXDATA *model, int32_t mode_number, const double values[3]);
+int set_invariant4(KRXDATA *model, int32_t mode_number, const double values[3]);
+int set_invariant5(KRXDATA *model, int32_t mode_i, int32_t mode_j, const double values[3]);
+// One value per mode in mode-index order.
+int set_invariant6(KRXDATA *model, const double *values);
+int set_invariant7(KRXDATA *model, const double values[9]);
+int set_invariant8(KRXDATA *model, int32_t mode_number, const double values[9]);
+int set_invariant9(KRXDATA *model, int32_t mode_i, int32_t mode_j, const double values[9]);
+
+// Relative difference of the consistency checks: |(a - b) / s|, s = a when |a| > 1, else 1.
+double relative_difference(double a, double b);
+
+// Generalized matrix of a list as a dense n x n row-major matrix over the first n mode indices:
+// the last value set for a pair wins, a pair never set is 0.
+std::vector<double> dense_matrix(const std::vector<MatrixEntry> &entries, int32_t n);
+
+}  // namespace krx

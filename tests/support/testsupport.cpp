@@ -1,0 +1,85 @@
+#include "testsupport.h"
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <filesystem>
+
+#include "host/krx_fortran.h"
+#include "krx/krx.h"
+
+namespace krxtest {
+namespace {
+
+RecordingHost *active = nullptr;
+
+int on_message(const char *text) {
+  if (active) active->messages.push_back({0, text});
+  return 0;
+}
+int on_error(int level, const char *text) {
+  if (active) active->messages.push_back({level, text});
+  return 0;
+}
+int on_inquiry(int *key) {
+  if (!active) return 0;
+  active->inquiries += 1;
+  return *key == 4 ? active->quiet : 0;
+}
+
+}  // namespace
+
+RecordingHost::RecordingHost(int quiet_answer) : quiet(quiet_answer) {
+  active = this;
+  krx_register_host_callbacks(on_message, on_error, on_inquiry);
+}
+
+RecordingHost::~RecordingHost() {
+  active = nullptr;
+  krx_register_host_callbacks(nullptr, nullptr, nullptr);
+}
+
+bool RecordingHost::has(int level, const std::string &text) const {
+  for (const Message &m : messages)
+    if (m.level == level && m.text == text) return true;
+  return false;
+}
+
+std::vector<std::string> RecordingHost::texts(int level) const {
+  std::vector<std::string> out;
+  for (const Message &m : messages)
+    if (m.level == level) out.push_back(m.text);
+  return out;
+}
+
+void create_model(int nodes, int modes) {
+  int status = -1;
+  KRX_CREATE(&nodes, &modes, &status);
+  ASSERT_EQ(status, 0);
+}
+
+void terminate_model() {
+  if (krx::current_model()) {
+    int status = -1;
+    KRX_TERMINATE(&status);
+  }
+  krx::current_model() = nullptr;
+}
+
+TempDir::TempDir() {
+  std::string base = std::filesystem::temp_directory_path().string();
+  if (const char *tmp = std::getenv("TMP")) base = tmp;
+  std::string pattern = base + "/krxtest_XXXXXX";
+  std::vector<char> name(pattern.begin(), pattern.end());
+  name.push_back('\0');
+  char *made = mkdtemp(name.data());
+  path = made ? made : base;
+}
+
+TempDir::~TempDir() {
+  std::error_code ignored;
+  std::filesystem::remove_all(path, ignored);
+}
+
+}  // namespace krxtest

@@ -1,0 +1,40 @@
+// Test support: a host that records every message it is sent, and a fresh current model.
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace krxtest {
+
+struct Message {
+  int level;  // 0 note, 2 warning, 3 error
+  std::string text;
+  bool operator==(const Message &) const = default;
+};
+
+// Installs recording callbacks for its lifetime; quiet sets the answer to the quiet inquiry.
+struct RecordingHost {
+  explicit RecordingHost(int quiet_answer = 0);
+  ~RecordingHost();
+  std::vector<Message> messages;
+  int quiet = 0;
+  int inquiries = 0;
+  void clear() { messages.clear(); }
+  bool has(int level, const std::string &text) const;
+  std::vector<std::string> texts(int level) const;
+};
+
+// KRX_CREATE with the given capacities; asserts success.
+void create_model(int nodes, int modes);
+// KRX_TERMINATE when there is a current model, leaving no model behind.
+void terminate_model();
+
+// A fresh directory under the test binary directory, removed at destruction.
+struct TempDir {
+  TempDir();
+  ~TempDir();
+  std::string path;
+  std::string file(const std::string &name) const { return path + "/" + name; }
+};
+
+}  // namespace krxtest
