@@ -31,7 +31,7 @@ void apply_model_options(WriteState &state) {
   KRXDATA *model = state.model;
   const WriteOptions &o = state.options;
   if (o.lbrf2cm) shift_to_centre_of_mass(model);
-  if (!o.sketch.empty()) apply_sketch_file(model, o.sketch.c_str());
+  if (!o.sketch_file.empty()) apply_sketch_file(model, o.sketch_file.c_str());
   if (o.strip_face) strip_interior_faces(model);
   if (o.lbrf2cm) shift_to_centre_of_mass(model);
   if (!o.coarsen.empty()) coarsen_mesh(model, o.coarsen.c_str());
@@ -58,17 +58,15 @@ void apply_frequency_band(WriteState &state) {
   note("Exporting frequency range [%le,%le]\n", state.options.highpass, state.options.lowpass);
   std::fflush(stdout);
   int32_t n = std::min<int32_t>(retained_count(model), int32_t(model->eigen.size()));
-  int32_t start = 0;
-  while (start < n && !(model->eigen[start].hertz > state.options.highpass)) ++start;
-  if (start == n) start = 0;
-  int32_t end = 0;
-  while (end < n && model->eigen[end].generalized_mass != 0.0 &&
-         !(model->eigen[end].hertz > state.options.lowpass)) {
-    ++end;
+  std::vector<double> hertz(std::size_t(n)), masses(std::size_t(n));
+  for (int32_t j = 0; j < n; ++j) {
+    hertz[j] = model->eigen[j].hertz;
+    masses[j] = model->eigen[j].generalized_mass;
   }
-  state.band_start = start;
-  state.band_count = std::max(0, end - start);
-  int32_t shift = start;  // the number of the first exported mode minus one
+  ModeBand band = select_frequency_band(hertz, masses, state.options.highpass, state.options.lowpass);
+  state.band_start = band.first;
+  state.band_count = band.count;
+  int32_t shift = band.first;  // the number of the first exported mode minus one
   for (EigenRecord &record : model->eigen) record.number -= shift;
   for (int32_t &number : model->record_numbers) number -= shift;
 }
@@ -140,17 +138,17 @@ void flag_invariants(KRXDATA *model, bool full) {
 // properties. A failed reduction is remembered but does not stop the write.
 void decide_invariant_flags(WriteState &state) {
   KRXDATA *model = state.model;
-  InvariantRequest request = state.options.invariants;
-  if (request == InvariantRequest::Full) {
+  Invariants request = state.options.invariants;
+  if (request == Invariants::full) {
     compute_full_invariants(model);
     flag_invariants(model, true);
-  } else if (request == InvariantRequest::Fast) {
+  } else if (request == Invariants::fast) {
     compute_fast_invariants(model);
     flag_invariants(model, false);
   }
   if (model->flags[kFlagInvariant1 + 2]) {
     prepare_loads(model);
-    if (request != InvariantRequest::Illegal) state.reduction_failed = !reduce_to_face_nodes(model);
+    if (request != Invariants::illegal) state.reduction_failed = !reduce_to_face_nodes(model);
     global_properties_from_invariants(model);
     return;
   }
@@ -305,14 +303,14 @@ int write_krx(KRXDATA *model, const char *path) {
   state.model = model;
   FILE *file = open_output(model, state, path);
   if (!file) return 0;
-  const char *text = std::getenv("QOR_KRXWRITE_OPTIONS");
-  state.options = parse_write_options(text ? text : nullptr);
+  state.options = read_write_options();
   apply_model_options(state);
-  state.generation = state.options.version & 0xFF;
-  state.dense_stress = !state.options.sparse;
-  bool stream_ok = open_write_stream(state.stream, file, state.path.c_str(),
-                                     version_is_xdr(state.options.version),
-                                     version_is_single(state.options.version));
+  report_write_options(state.options);
+  state.generation = state.options.generation;
+  // Generation 60 lists only the nodes that carry values; the older generations every node.
+  state.dense_stress = state.generation != 60;
+  bool stream_ok = open_write_stream(state.stream, file, state.path.c_str(), state.options.xdr,
+                                     state.options.single);
   int ok = write_version_and_header(state, !state.options.failed, stream_ok) &&
            decide_content(state) && write_body(state);
   ok = close_write_stream(state.stream) && ok;
