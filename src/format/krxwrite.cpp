@@ -58,7 +58,7 @@ void apply_frequency_band(WriteState &state) {
   note("Exporting frequency range [%le,%le]\n", state.options.highpass, state.options.lowpass);
   std::fflush(stdout);
   int32_t n = std::min<int32_t>(retained_count(model), int32_t(model->eigen.size()));
-  std::vector<double> hertz(std::size_t(n)), masses(std::size_t(n));
+  std::vector<double> hertz(static_cast<std::size_t>(n)), masses(static_cast<std::size_t>(n));
   for (int32_t j = 0; j < n; ++j) {
     hertz[j] = model->eigen[j].hertz;
     masses[j] = model->eigen[j].generalized_mass;

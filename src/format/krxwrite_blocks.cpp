@@ -464,8 +464,8 @@ int dispatch(WriteState &state, int block) {
     case 18:
     case 29: {
       int kind = block == 18 ? kModalStress : kModalStrain;
-      assert(("write_dense_modes ? !trim_stress_strain : KRX_TRUE",
-              state.dense_stress ? !state.options.sparse_str : true));
+      assert((state.dense_stress ? !state.options.sparse_str : true) &&
+             "write_dense_modes ? !trim_stress_strain : KRX_TRUE");
       return write_mode_vectors(state, kind);
     }
     case 19: case 20: case 21: case 22: case 23: return write_invariant(state, block - 18);
