@@ -243,6 +243,17 @@ TEST_F(VectorStore, ReadsBackWhatWasStoredInEitherOrder) {
     }
   expect_records(model, krx::kModalStrain);
   EXPECT_TRUE(host.texts(3).empty());
+
+  // Scattered order over a node table set up beforehand: no two stores are neighbours.
+  model = make(kNodes, kModes);
+  for (int node = 0; node < kNodes; ++node) krx::add_node(model, node);
+  for (int step = 0; step < kNodes * kModes; ++step) {
+    int which = int((int64_t(step) * 7919) % (kNodes * kModes));
+    int mode = which % kModes + 1, node = which / kModes;
+    vector_for(mode, node, v);
+    ASSERT_EQ(krx::store_node_vector(model, mode, node, krx::kModeShapes, v), 1);
+  }
+  expect_records(model, krx::kModeShapes);
 }
 
 TEST_F(VectorStore, SeesStoresMadeBetweenReads) {

@@ -111,6 +111,9 @@ struct VectorSlot {
   // each at most run_capacity bytes. Dropped unwritten when the model is released.
   std::vector<PendingRun> runs;
   int64_t run_capacity = 0;
+  // Node position and mode index of the last store, tried before the lookups.
+  int32_t node_hint = -1;
+  int32_t mode_hint = -1;
 };
 
 struct EigenRecord {

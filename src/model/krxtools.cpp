@@ -315,12 +315,34 @@ struct Target {
   int64_t offset = -1;
 };
 
-int locate(KRXDATA *model, int32_t mode_number, int32_t node_id, int kind, Target &target) {
+// Hosts store either the node of the last store or the next one, and mostly the same mode as
+// last time or one of a few; the hints spare the lookups on the common path.
+int32_t hinted_node_position(KRXDATA *model, VectorSlot &slot, int32_t node_id) {
+  const auto &nodes = model->nodes;
+  for (int32_t at : {slot.node_hint, slot.node_hint + 1})
+    if (at >= 0 && size_t(at) < nodes.size() && nodes[size_t(at)].id == node_id)
+      return slot.node_hint = at;
   int32_t position = node_position_or_add(model, node_id);
-  if (position < 0) return 0;
+  if (position >= 0) slot.node_hint = position;
+  return position;
+}
+
+int32_t hinted_mode_index(KRXDATA *model, VectorSlot &slot, int32_t mode_number) {
+  const auto &modes = model->modes;
+  for (int32_t at : {slot.mode_hint, slot.mode_hint + 1})
+    if (at >= 0 && size_t(at) < modes.size() && modes[size_t(at)] == mode_number)
+      return slot.mode_hint = at;
+  int32_t index = register_mode(model, mode_number);
+  if (index >= 0) slot.mode_hint = index;
+  return index;
+}
+
+int locate(KRXDATA *model, int32_t mode_number, int32_t node_id, int kind, Target &target) {
   VectorSlot &slot = model->store[kind];
+  int32_t position = hinted_node_position(model, slot, node_id);
+  if (position < 0) return 0;
   if (!slot.io.file && !open_vector_file(model, kind)) return 0;
-  target.index = register_mode(model, mode_number);
+  target.index = hinted_mode_index(model, slot, mode_number);
   if (target.index < 0) return 0;
   int32_t node_slot = position;
   if (kind != kModeShapes) {
@@ -365,7 +387,7 @@ double decode_value(const unsigned char *at, int width, bool big_endian) {
 // which is big-endian) and the node step are resolved in memory.
 bool read_record(KRXDATA *model, VectorSlot &slot, int kind, int32_t index, int32_t count) {
   if (!slot.io.file || size_t(index) >= slot.record_start.size()) return false;
-  if (!flush_runs(slot, kind)) return false;
+  flush_runs(slot, kind);  // a failed flush has said so; the read shows what the file holds
   int width = value_width(slot);
   int64_t step = slot.slot_bytes;
   int64_t span = int64_t(count - 1) * step + 6 * width;
