@@ -4,7 +4,9 @@
 
 #include <algorithm>
 #include <cmath>
+#include <array>
 #include <cstdio>
+#include <memory>
 #include <random>
 #include <string>
 #include <vector>
@@ -316,4 +318,127 @@ TEST_F(EigenTest, FillsTheTransformationColumnMajorOverTheModelModes) {
   std::vector<double> out;
   ASSERT_EQ(krx::fill_mode_transformation(&model(), out), 1);
   EXPECT_EQ(out, (std::vector<double>{1.0, 3.0, 2.0, 4.0}));
+}
+
+namespace {
+
+std::vector<double> shape(int mode, int node) {
+  std::vector<double> v(6);
+  for (int c = 0; c < 6; ++c) v[c] = std::sin(1.0 + mode * 0.7 + node * 1.3 + c * 0.37) * (c + 1);
+  return v;
+}
+
+}  // namespace
+
+TEST_F(EigenTest, RewritesModeShapesAndStressesThroughTheTransformation) {
+  const int n = 5, nodes = 7;
+  krxtest::RecordingHost host;
+  for (int m = 1; m <= n; ++m)
+    for (int node = 0; node < nodes; ++node) {
+      ASSERT_EQ(krx::store_node_vector(&model(), m, 100 + node, krx::kModeShapes,
+                                       shape(m, node).data()), 1);
+      if (node % 2 == 0) {
+        ASSERT_EQ(krx::store_node_vector(&model(), m, 100 + node, krx::kModalStress,
+                                         shape(m + 9, node).data()), 1);
+      }
+    }
+  std::string old_path = model().store[krx::kModeShapes].io.path;
+  std::vector<double> k, g;
+  known_modes(n, {40.0, 10.0, 30.0, 20.0, 50.0}, k, g, 11);
+  set_pencil(k, g, n);
+  host.clear();
+  ASSERT_EQ(krx::solve_and_orthonormalise(&model()), 1);
+  std::vector<std::string> notes = host.texts(0);
+  int file_notes = 0;
+  for (const std::string &s : notes) {
+    if (s.rfind("Orthogonal mode file: ", 0) != 0) continue;
+    ++file_notes;
+    std::string dir = old_path.substr(0, old_path.rfind('/'));
+    EXPECT_EQ(s.substr(22, dir.size()), dir);
+  }
+  EXPECT_EQ(file_notes, 2);
+  EXPECT_NE(model().store[krx::kModeShapes].io.path, old_path);
+  for (int kind : {krx::kModeShapes, krx::kModalStress}) {
+    int count = kind == krx::kModeShapes ? nodes : (nodes + 1) / 2;
+    for (int j = 0; j < n; ++j) {
+      ASSERT_EQ(krx::load_mode_record_by_index(&model(), j, kind), 1);
+      const std::vector<double> &got = model().store[kind].record;
+      for (int i = 0; i < count; ++i) {
+        int node = kind == krx::kModeShapes ? i : 2 * i;
+        for (int c = 0; c < 6; ++c) {
+          double want = 0;
+          for (int m = 0; m < n; ++m)
+            want += t(m, j) * shape(kind == krx::kModeShapes ? m + 1 : m + 10, node)[c];
+          EXPECT_NEAR(got[i * 6 + c], want, 1e-12) << kind << " " << j << " " << i;
+        }
+      }
+    }
+  }
+  // A second write of the same model finds the vectors already rewritten.
+  host.clear();
+  ASSERT_EQ(krx::solve_and_orthonormalise(&model()), 1);
+  EXPECT_TRUE(host.messages.empty());
+}
+
+TEST_F(EigenTest, QuietHostGetsNoFileNote) {
+  krxtest::RecordingHost host(1);
+  for (int m = 1; m <= 2; ++m)
+    ASSERT_EQ(krx::store_node_vector(&model(), m, 1, krx::kModeShapes, shape(m, 0).data()), 1);
+  set_diagonal({1.0, 2.0}, {4.0, 1.0});
+  ASSERT_EQ(krx::solve_and_orthonormalise(&model()), 1);
+  for (const std::string &s : host.texts(0)) EXPECT_EQ(s.find("Orthogonal"), std::string::npos);
+  ASSERT_EQ(krx::load_mode_record_by_index(&model(), 0, krx::kModeShapes), 1);
+  EXPECT_NEAR(model().store[krx::kModeShapes].record[0], shape(1, 0)[0] / 2.0, 1e-15);
+}
+
+TEST(RewriteKernel, MatchesTheTripleLoopForRaggedSizes) {
+  std::mt19937_64 rng(5);
+  std::uniform_real_distribution<double> u(-1.0, 1.0);
+  for (int old_count : {1, 3, 8}) {
+    for (int new_count : {1, 2, 5, 8}) {
+      const std::size_t values = 36, stride = 40;
+      std::vector<double> old(stride * old_count), t(old_count * 9), out(stride * new_count, -7.0);
+      for (double &v : old) v = u(rng);
+      for (double &v : t) v = u(rng);
+      krx::transform_block(old.data(), stride, old_count, t.data(), 9, new_count, values,
+                           out.data(), stride);
+      for (int j = 0; j < new_count; ++j)
+        for (std::size_t v = 0; v < values; ++v) {
+          double want = 0;
+          for (int k = 0; k < old_count; ++k) want += t[k * 9 + j] * old[k * stride + v];
+          EXPECT_NEAR(out[j * stride + v], want, 1e-14);
+        }
+      EXPECT_EQ(out[stride - 1], -7.0);  // past the values: untouched
+    }
+  }
+}
+
+TEST_F(EigenTest, AdditionalGeneralizedMassesCoupleTheAppendedModes) {
+  krxtest::RecordingHost host;
+  for (int m = 1; m <= 3; ++m)
+    for (int node = 0; node < 3; ++node)
+      ASSERT_EQ(krx::store_node_vector(&model(), m, 10 + node, krx::kModeShapes,
+                                       shape(m, node).data()), 1);
+  for (int node = 0; node < 3; ++node) model().nodes[node].mass = 1.0 + node;
+  model().nodes[1].inertia =
+      std::make_unique<std::array<double, 6>>(std::array<double, 6>{2, 3, 4, 0.5, 0.25, 0.125});
+  EXPECT_EQ(krx::add_generalized_masses(&model(), 1, 1), 0);
+  EXPECT_TRUE(host.has(3, "Mode count mismatch while generating additional generalized masses."));
+  ASSERT_EQ(krx::add_generalized_masses(&model(), 2, 1), 1);
+  std::vector<double> m = dense(model().mass, 3);
+  for (int j = 0; j < 2; ++j) {
+    double want = 0;
+    for (int node = 0; node < 3; ++node) {
+      std::vector<double> a = shape(j + 1, node), b = shape(3, node);
+      want += (1.0 + node) * (a[0] * b[0] + a[1] * b[1] + a[2] * b[2]);
+      if (node == 1) {
+        double jm[9] = {2, 0.5, 0.25, 0.5, 3, 0.125, 0.25, 0.125, 4};
+        for (int r = 0; r < 3; ++r)
+          for (int c = 0; c < 3; ++c) want += a[3 + r] * jm[3 * r + c] * b[3 + c];
+      }
+    }
+    EXPECT_NEAR(m[j * 3 + 2], want, 1e-12);
+    EXPECT_NEAR(m[2 * 3 + j], want, 1e-12);
+  }
+  EXPECT_EQ(m[0], 0.0);
 }

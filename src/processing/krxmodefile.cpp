@@ -2,6 +2,9 @@
 // transformation, and the generalized masses of appended modes.
 #include <unistd.h>
 
+#include <cerrno>
+#include <cstdint>
+
 #include <algorithm>
 #include <array>
 #include <cstdio>
@@ -58,6 +61,7 @@ bool read_all(int fd, void *buffer, std::size_t bytes, int64_t offset) {
   auto *p = static_cast<unsigned char *>(buffer);
   while (bytes > 0) {
     ssize_t got = pread(fd, p, bytes, off_t(offset));
+    if (got < 0 && errno == EINTR) continue;
     if (got <= 0) return false;
     p += got;
     bytes -= std::size_t(got);
@@ -70,6 +74,7 @@ bool write_all(int fd, const void *buffer, std::size_t bytes, int64_t offset) {
   auto *p = static_cast<const unsigned char *>(buffer);
   while (bytes > 0) {
     ssize_t put = pwrite(fd, p, bytes, off_t(offset));
+    if (put < 0 && errno == EINTR) continue;
     if (put <= 0) return false;
     p += put;
     bytes -= std::size_t(put);
@@ -79,54 +84,61 @@ bool write_all(int fd, const void *buffer, std::size_t bytes, int64_t offset) {
 }
 
 // The file side of one rewrite: where the old values are and where the new ones go. Reads and
-// writes are positioned, so the stream positions the store keeps are never disturbed.
+// writes are positioned on the descriptors, like every access of the store.
 struct Spans {
   int old_fd = -1, new_fd = -1;
-  int old_precision = 1, new_precision = 1;
-  int64_t slot_bytes = 48;
+  int old_width = 8, new_width = 8;  // bytes per value
+  bool old_big_endian = false;        // a store that reads a file in XDR encoding
+  int64_t old_step = 48;              // bytes between nodes; the new file uses 48
   const std::vector<int64_t> *old_start = nullptr;
   const std::vector<int64_t> *new_start = nullptr;
   std::vector<unsigned char> bytes;
+  std::vector<float> narrow;
 };
 
-bool contiguous(const Spans &s, int precision) {
-  return precision == 1 && s.slot_bytes == 6 * int64_t(sizeof(double));
+constexpr int64_t kNewStep = 48;
+
+double decode(const unsigned char *at, int width, bool big_endian) {
+  if (width == 8) {
+    uint64_t bits;
+    std::memcpy(&bits, at, 8);
+    if (big_endian) bits = __builtin_bswap64(bits);
+    double v;
+    std::memcpy(&v, &bits, 8);
+    return v;
+  }
+  uint32_t bits;
+  std::memcpy(&bits, at, 4);
+  if (big_endian) bits = __builtin_bswap32(bits);
+  float v;
+  std::memcpy(&v, &bits, 4);
+  return v;
 }
 
 // Nodes [first, first + count) of old record `mode` as doubles.
 bool read_nodes(Spans &s, int32_t mode, int32_t first, int32_t count, double *out) {
-  int64_t offset = (*s.old_start)[mode] + int64_t(first) * s.slot_bytes;
-  if (contiguous(s, s.old_precision)) return read_all(s.old_fd, out, std::size_t(count) * 48, offset);
-  std::size_t value_bytes = s.old_precision == 1 ? sizeof(double) : sizeof(float);
-  std::size_t span = std::size_t(count - 1) * std::size_t(s.slot_bytes) + 6 * value_bytes;
+  int64_t offset = (*s.old_start)[mode] + int64_t(first) * s.old_step;
+  if (s.old_width == 8 && s.old_step == 48 && !s.old_big_endian)
+    return read_all(s.old_fd, out, std::size_t(count) * 48, offset);
+  std::size_t span = std::size_t(count - 1) * std::size_t(s.old_step) + 6 * std::size_t(s.old_width);
   s.bytes.resize(span);
   if (!read_all(s.old_fd, s.bytes.data(), span, offset)) return false;
   for (int32_t i = 0; i < count; ++i) {
-    const unsigned char *node = s.bytes.data() + std::size_t(i) * std::size_t(s.slot_bytes);
-    for (int c = 0; c < 6; ++c) {
-      if (s.old_precision == 1) {
-        std::memcpy(&out[6 * i + c], node + c * sizeof(double), sizeof(double));
-      } else {
-        float f;
-        std::memcpy(&f, node + c * sizeof(float), sizeof f);
-        out[6 * i + c] = f;
-      }
-    }
+    const unsigned char *node = s.bytes.data() + std::size_t(i) * std::size_t(s.old_step);
+    for (int c = 0; c < 6; ++c) out[6 * i + c] = decode(node + c * s.old_width, s.old_width, s.old_big_endian);
   }
   return true;
 }
 
+// The new file has the store's own layout: 48 bytes per node, six floats and 24 zero bytes in
+// single precision.
 bool write_nodes(Spans &s, int32_t record, int32_t first, int32_t count, const double *values) {
-  int64_t offset = (*s.new_start)[record] + int64_t(first) * s.slot_bytes;
-  if (contiguous(s, s.new_precision))
-    return write_all(s.new_fd, values, std::size_t(count) * 48, offset);
-  // Single precision: each node's 24 bytes at its own place, the bytes between left alone.
-  for (int32_t i = 0; i < count; ++i) {
-    float f[6];
-    for (int c = 0; c < 6; ++c) f[c] = float(values[6 * i + c]);
-    if (!write_all(s.new_fd, f, sizeof f, offset + int64_t(i) * s.slot_bytes)) return false;
-  }
-  return true;
+  int64_t offset = (*s.new_start)[record] + int64_t(first) * kNewStep;
+  if (s.new_width == 8) return write_all(s.new_fd, values, std::size_t(count) * 48, offset);
+  s.narrow.assign(std::size_t(count) * 12, 0.0f);
+  for (std::size_t i = 0; i < std::size_t(count); ++i)
+    for (int c = 0; c < 6; ++c) s.narrow[i * 12 + c] = float(values[i * 6 + c]);
+  return write_all(s.new_fd, s.narrow.data(), s.narrow.size() * sizeof(float), offset);
 }
 
 std::size_t round_up(std::size_t v, std::size_t step) { return (v + step - 1) / step * step; }
@@ -225,9 +237,10 @@ int write_transformed_vectors(KRXDATA *model, int kind, int32_t count) {
   std::fflush(w.file.io.file);
   w.spans.old_fd = fileno(slot.io.file);
   w.spans.new_fd = fileno(w.file.io.file);
-  w.spans.old_precision = slot.io.precision;
-  w.spans.new_precision = w.file.io.precision;
-  w.spans.slot_bytes = slot.slot_bytes;
+  w.spans.old_width = slot.io.precision ? 8 : 4;
+  w.spans.new_width = w.file.io.precision ? 8 : 4;
+  w.spans.old_big_endian = slot.io.xdr_in_use != 0;
+  w.spans.old_step = slot.slot_bytes;
   w.spans.old_start = &slot.record_start;
   w.spans.new_start = &w.file.record_start;
   int done = 0;
