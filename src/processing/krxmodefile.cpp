@@ -27,28 +27,50 @@ constexpr std::size_t kBlockBytes = std::size_t(16) << 20;  // old and new value
 
 using v4d = double __attribute__((vector_size(32)));
 
-// One tile column of 12 values for every group of four new modes: the 12 values of each old mode
-// are loaded once per group and stay in the first-level cache across the groups. The vector width
-// is chosen when the library is loaded.
-__attribute__((target_clones("arch=haswell", "default"))) void transform_tiles(
-    const double *old, std::size_t old_stride, int32_t old_count, const double *packed,
-    int32_t groups, std::size_t values, double *out, std::size_t out_stride) {
+// The old values of a block, packed tile by tile: for each tile of 12 values, the 12 values of
+// every old mode back to back, so that the mode loop of the kernel reads one contiguous stream.
+void pack_old(const double *old, std::size_t old_stride, int32_t old_count, std::size_t values,
+              double *packed) {
+  for (std::size_t v = 0; v < values; v += kTileValues)
+    for (int32_t k = 0; k < old_count; ++k, packed += kTileValues)
+      std::memcpy(packed, old + std::size_t(k) * old_stride + v, kTileValues * sizeof(double));
+}
+
+// For each tile of 12 values and each group of four new modes, a 4 x 12 block of sums held in
+// registers while the old modes stream past; a tile's old values (12 per old mode) stay in the
+// first-level cache across the groups. The vector width is chosen when the library is loaded.
+__attribute__((target_clones("avx2", "default"))) void transform_tiles(
+    const double *packed_old, int32_t old_count, const double *packed_t, int32_t groups,
+    std::size_t values, double *out, std::size_t out_stride) {
   for (std::size_t v = 0; v < values; v += kTileValues) {
+    const double *tile = packed_old + (v / kTileValues) * std::size_t(old_count) * kTileValues;
     for (int32_t g = 0; g < groups; ++g) {
-      const double *t = packed + std::size_t(g) * old_count * kTileModes;
-      v4d acc[kTileModes][3] = {};
+      const double *t = packed_t + std::size_t(g) * old_count * kTileModes;
+      v4d a00 = {}, a01 = {}, a02 = {}, a10 = {}, a11 = {}, a12 = {};
+      v4d a20 = {}, a21 = {}, a22 = {}, a30 = {}, a31 = {}, a32 = {};
       for (int32_t k = 0; k < old_count; ++k) {
-        v4d o[3];
-        std::memcpy(o, old + std::size_t(k) * old_stride + v, sizeof o);
+        v4d o0, o1, o2;
+        std::memcpy(&o0, tile + std::size_t(k) * kTileValues, sizeof o0);
+        std::memcpy(&o1, tile + std::size_t(k) * kTileValues + 4, sizeof o1);
+        std::memcpy(&o2, tile + std::size_t(k) * kTileValues + 8, sizeof o2);
         const double *tk = t + std::size_t(k) * kTileModes;
-        for (int r = 0; r < kTileModes; ++r) {
-          acc[r][0] += tk[r] * o[0];
-          acc[r][1] += tk[r] * o[1];
-          acc[r][2] += tk[r] * o[2];
-        }
+        double t0 = tk[0], t1 = tk[1], t2 = tk[2], t3 = tk[3];
+        a00 += t0 * o0;
+        a01 += t0 * o1;
+        a02 += t0 * o2;
+        a10 += t1 * o0;
+        a11 += t1 * o1;
+        a12 += t1 * o2;
+        a20 += t2 * o0;
+        a21 += t2 * o1;
+        a22 += t2 * o2;
+        a30 += t3 * o0;
+        a31 += t3 * o1;
+        a32 += t3 * o2;
       }
-      for (int r = 0; r < kTileModes; ++r)
-        std::memcpy(out + std::size_t(g * kTileModes + r) * out_stride + v, acc[r], sizeof acc[r]);
+      double *o = out + std::size_t(g * kTileModes) * out_stride + v;
+      const v4d rows[kTileModes][3] = {{a00, a01, a02}, {a10, a11, a12}, {a20, a21, a22}, {a30, a31, a32}};
+      for (int r = 0; r < kTileModes; ++r) std::memcpy(o + r * out_stride, rows[r], sizeof rows[r]);
     }
   }
 }
@@ -175,6 +197,7 @@ int rewrite_blocks(Rewrite &w, bool quiet) {
               t[std::size_t(k) * w.old_count + j];
       }
   std::vector<double> old(stride * std::size_t(w.old_count), 0.0);
+  std::vector<double> packed_old(stride * std::size_t(w.old_count), 0.0);
   std::vector<double> out(stride * std::size_t(groups) * kTileModes, 0.0);
   int64_t blocks = (w.slots + nodes - 1) / nodes;
   if (!quiet) progress_start(blocks);
@@ -186,7 +209,8 @@ int rewrite_blocks(Rewrite &w, bool quiet) {
       if (!read_nodes(w.spans, k, first, count, row)) return 0;
       std::fill(row + std::size_t(count) * 6, row + values, 0.0);
     }
-    transform_tiles(old.data(), stride, w.old_count, packed.data(), groups, values, out.data(),
+    pack_old(old.data(), stride, w.old_count, values, packed_old.data());
+    transform_tiles(packed_old.data(), w.old_count, packed.data(), groups, values, out.data(),
                     stride);
     for (int32_t j = 0; j < w.new_count; ++j)
       if (!write_nodes(w.spans, j, first, count, out.data() + std::size_t(j) * stride)) return -1;
@@ -206,13 +230,15 @@ void transform_block(const double *old, std::size_t old_stride, int32_t old_coun
     for (int32_t j = 0; j < new_count; ++j)
       packed[(std::size_t(j / kTileModes) * old_count + k) * kTileModes + j % kTileModes] =
           t[std::size_t(k) * t_stride + j];
+  std::vector<double> packed_old(values * std::size_t(old_count));
+  pack_old(old, old_stride, old_count, values, packed_old.data());
   // The last group writes up to three rows past new_count: they go to a scratch copy.
   if (new_count % kTileModes == 0) {
-    transform_tiles(old, old_stride, old_count, packed.data(), groups, values, out, out_stride);
+    transform_tiles(packed_old.data(), old_count, packed.data(), groups, values, out, out_stride);
     return;
   }
   std::vector<double> scratch(std::size_t(groups) * kTileModes * values);
-  transform_tiles(old, old_stride, old_count, packed.data(), groups, values, scratch.data(),
+  transform_tiles(packed_old.data(), old_count, packed.data(), groups, values, scratch.data(),
                   values);
   for (int32_t j = 0; j < new_count; ++j)
     std::copy_n(scratch.data() + std::size_t(j) * values, values, out + std::size_t(j) * out_stride);
