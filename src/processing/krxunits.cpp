@@ -272,9 +272,9 @@ void convert_stored_data(KRXDATA *model) {
   model->total_mass *= m;
   scale_array(model->centre_of_mass.data(), 3, L);
   scale_array(model->global_inertia.data(), 9, mL2);
-  convert_eigen_records(model, FL / mL2, 1.0 / t, mL2, FL);
-
+  // The rigid-body modes are judged on the frequencies as they stood before the change.
   const int32_t rigid = rigid_body_mode_count(model);
+  convert_eigen_records(model, FL / mL2, 1.0 / t, mL2, FL);
   scale_load_vector(model->preload, model->preload_applied != 0, rigid, F, FL);
   for (LoadCase &load : model->load_cases)
     scale_load_vector(load.values, load.applied != 0, rigid, F, FL);
