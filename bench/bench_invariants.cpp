@@ -26,9 +26,9 @@ krx::KRXDATA *build(int nodes, int modes) {
 
 void clear_caches(krx::KRXDATA *model) {
   model->has_invariant1 = false;
-  for (auto *cache : {&model->invariant2, &model->invariant3, &model->invariant4,
-                      &model->invariant5, &model->invariant7, &model->invariant8,
-                      &model->invariant9})
+  for (auto *cache :
+       {&model->invariant2, &model->invariant3, &model->invariant4, &model->invariant5,
+        &model->invariant7, &model->invariant8, &model->invariant9})
     cache->clear();
 }
 

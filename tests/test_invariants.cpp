@@ -38,7 +38,9 @@ struct InvariantTest : ::testing::Test {
     node.x = x, node.y = y, node.z = z, node.mass = mass;
     if (mass != 0.0) model->flags[krx::kFlagNodalMasses] = 1;
   }
-  void shape(int mode, int id, V v) { ASSERT_TRUE(krx::store_node_vector(model, mode, id, 0, v.data())); }
+  void shape(int mode, int id, V v) {
+    ASSERT_TRUE(krx::store_node_vector(model, mode, id, 0, v.data()));
+  }
 
   // Node 1 at (1,0,0), mass 2, with an inertia; node 2 at (0,2,0), mass 3; node 3 at (0,0,1)
   // without mass but with large mode shapes, which must contribute nothing.
@@ -193,12 +195,11 @@ TEST_F(InvariantTest, WithoutModesThePerModeInvariantsAreAbsent) {
   krx::compute_rigid_invariants(model);
   krx::compute_fast_invariants(model);
   krx::compute_full_invariants(model);
-  EXPECT_EQ(host.messages, (std::vector<krxtest::Message>{
-                               {0, "Computing *rigid* invariants"},
-                               {3, kPartialWarning},
-                               {0, "Computing fast set of invariants"},
-                               {3, kFullWarning},
-                               {0, "Computing *all* invariants"}}));
+  EXPECT_EQ(host.messages, (std::vector<krxtest::Message>{{0, "Computing *rigid* invariants"},
+                                                          {3, kPartialWarning},
+                                                          {0, "Computing fast set of invariants"},
+                                                          {3, kFullWarning},
+                                                          {0, "Computing *all* invariants"}}));
   EXPECT_DOUBLE_EQ(krx::invariant1(model), 2.0);
 }
 

@@ -204,7 +204,8 @@ TEST_F(ConversionTest, EigenRecordsStatisticsAndInvariants) {
 TEST_F(ConversionTest, PreparedLoadsHoldForcesInFrontOfMoments) {
   // Two rigid-body modes, then 20 Hz: k = 2.
   model->eigen.resize(4);
-  for (int j = 0; j < 4; ++j) model->eigen[j].hertz = std::vector<double>{1e-4, 2e-4, 20.0, 30.0}[j];
+  for (int j = 0; j < 4; ++j)
+    model->eigen[j].hertz = std::vector<double>{1e-4, 2e-4, 20.0, 30.0}[j];
   model->retained_modes = 4;
   model->preload = {1.0, 1.0, 1.0, 1.0};
   model->load_cases.resize(2);

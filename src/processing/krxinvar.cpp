@@ -186,7 +186,8 @@ bool sum_pair_invariants(KRXDATA *model, std::vector<double> *five, std::vector<
   for (int32_t j = 0; j < M; ++j) {
     const double *shape_j = load_shape(model, j);
     if (!shape_j) continue;
-    for (std::size_t i = 0; i < N; ++i) std::memcpy(&first[3 * i], shape_j + 6 * i, 3 * sizeof(double));
+    for (std::size_t i = 0; i < N; ++i)
+      std::memcpy(&first[3 * i], shape_j + 6 * i, 3 * sizeof(double));
     for (int32_t k = j; k < M; ++k) {
       const double *shape_k = k == j ? shape_j : load_shape(model, k);
       if (!shape_k) continue;
@@ -220,8 +221,10 @@ bool sum_pair_invariants(KRXDATA *model, std::vector<double> *five, std::vector<
 bool ensure_pair_invariants(KRXDATA *model, bool want5, bool want9) {
   const int32_t M = retained_count(model);
   const std::size_t n5 = std::size_t(M) * 3 * M, n9 = std::size_t(M) * M * 9;
-  want5 = want5 && model->invariant5.empty() && !fill_from_file(model, kBlock5, model->invariant5, n5);
-  want9 = want9 && model->invariant9.empty() && !fill_from_file(model, kBlock9, model->invariant9, n9);
+  want5 =
+      want5 && model->invariant5.empty() && !fill_from_file(model, kBlock5, model->invariant5, n5);
+  want9 =
+      want9 && model->invariant9.empty() && !fill_from_file(model, kBlock9, model->invariant9, n9);
   if (!want5 && !want9) return true;
   if (want5 && !allocate_cache(model->invariant5, n5)) return false;
   if (want9 && !allocate_cache(model->invariant9, n9)) return false;
@@ -274,25 +277,36 @@ bool read_invariant_block(KRXDATA *model, int block, std::vector<double> &values
 std::size_t invariant_block_values(int block, int32_t modes) {
   const std::size_t M = std::size_t(std::max<int32_t>(0, modes));
   switch (block) {
-    case kBlock1: return 1;
-    case kBlock2: return 3;
+    case kBlock1:
+      return 1;
+    case kBlock2:
+      return 3;
     case kBlock3:
-    case kBlock4: return 3 * M;
-    case kBlock5: return 3 * M * M;
-    case kBlock7: return 9;
-    case kBlock8: return 9 * M;
-    case kBlock9: return 9 * M * M;
-    default: return 0;
+    case kBlock4:
+      return 3 * M;
+    case kBlock5:
+      return 3 * M * M;
+    case kBlock7:
+      return 9;
+    case kBlock8:
+      return 9 * M;
+    case kBlock9:
+      return 9 * M * M;
+    default:
+      return 0;
   }
 }
 
 void check_invariant_mode_count(const KRXDATA *model, int32_t file_modes) {
-  if (file_modes != retained_count(model)) error("nm!=ModeCount at line %d in file %s", __LINE__, kSource);
+  if (file_modes != retained_count(model))
+    error("nm!=ModeCount at line %d in file %s", __LINE__, kSource);
 }
 
 void scale_invariant_from_file(const KRXDATA *model, int block, std::vector<double> &values) {
   const double m = model->mass_ratio, L = model->length_ratio;
-  const double factor = block == kBlock1 ? m : (block == kBlock2 || block == kBlock3) ? m * L : m * L * L;
+  const double factor = block == kBlock1                         ? m
+                        : (block == kBlock2 || block == kBlock3) ? m * L
+                                                                 : m * L * L;
   scale_array(values.data(), values.size(), factor);
 }
 
@@ -381,7 +395,8 @@ std::vector<double> invariant7(KRXDATA *model) {
       sum_inertia(model, cache.data());
     } else if (model->total_mass != 0.0) {
       // The host gives products of inertia with the opposite sign to the tensor kept here.
-      for (int e = 0; e < 9; ++e) cache[e] = (e % 4 == 0) ? model->global_inertia[e] : -model->global_inertia[e];
+      for (int e = 0; e < 9; ++e)
+        cache[e] = (e % 4 == 0) ? model->global_inertia[e] : -model->global_inertia[e];
     }
   }
   return copy_array(cache);
@@ -433,12 +448,14 @@ std::array<double, 9> peek_invariant7(const KRXDATA *model) {
 
 void compute_rigid_invariants(KRXDATA *model) {
   if (!model_exists(model)) return;
-  const bool cached = model->has_invariant1 && !model->invariant2.empty() && !model->invariant7.empty();
+  const bool cached =
+      model->has_invariant1 && !model->invariant2.empty() && !model->invariant7.empty();
   const bool in_file = file_has_block(model, kBlock1) && file_has_block(model, kBlock2) &&
                        file_has_block(model, kBlock7);
   if (!cached && !in_file && !holds_nodal_masses(model))
-    error("There is insufficient mass data to compute a full set of mass invariants.\n"
-          "Some or all mass invariants will be set to zero.");
+    error(
+        "There is insufficient mass data to compute a full set of mass invariants.\n"
+        "Some or all mass invariants will be set to zero.");
   note("Computing *rigid* invariants");
   invariant1(model);
   invariant2(model);
@@ -455,8 +472,9 @@ void compute_fast_invariants(KRXDATA *model) {
   for (int block : {kBlock1, kBlock2, kBlock3, kBlock4, kBlock7, kBlock8})
     in_file = in_file && file_has_block(model, block);
   if (!cached && !in_file && !(holds_nodal_masses(model) && retained_count(model) > 0))
-    error("There is insufficient mass data to compute a partial set of mass invariants.\n"
-          "Some or all mass invariants will be set to zero.");
+    error(
+        "There is insufficient mass data to compute a partial set of mass invariants.\n"
+        "Some or all mass invariants will be set to zero.");
   note("Computing fast set of invariants");
   invariant1(model);
   invariant2(model);
@@ -474,10 +492,12 @@ void compute_full_invariants(KRXDATA *model) {
                       !model->invariant5.empty() && !model->invariant7.empty() &&
                       !model->invariant8.empty() && !model->invariant9.empty();
   bool in_file = true;
-  for (int block = kBlock1; block <= kBlock9; ++block) in_file = in_file && file_has_block(model, block);
+  for (int block = kBlock1; block <= kBlock9; ++block)
+    in_file = in_file && file_has_block(model, block);
   if (!cached && !in_file && !(holds_nodal_masses(model) && retained_count(model) > 0))
-    error("There is insufficient mass data to compute a full set of mass invariants.\n"
-          "Some or all mass invariants will be set to zero.");
+    error(
+        "There is insufficient mass data to compute a full set of mass invariants.\n"
+        "Some or all mass invariants will be set to zero.");
   note("Computing *all* invariants");
   invariant1(model);
   invariant2(model);
