@@ -206,6 +206,7 @@ TEST_F(InvariantTest, WithoutModesThePerModeInvariantsAreAbsent) {
 TEST_F(InvariantTest, FullDriverFillsEveryCache) {
   RecordingHost host;
   build_two_mode_model();
+  host.clear();  // the store's temporary-file note
   krx::compute_full_invariants(model);
   EXPECT_EQ(host.messages, (std::vector<krxtest::Message>{{0, "Computing *all* invariants"}}));
   EXPECT_TRUE(model->has_invariant1);
