@@ -8,6 +8,7 @@
 #include "host/krx_fortran.h"
 #include "model/krxtools.h"
 #include "processing/krxinvar.h"
+#include "processing/krxunits.h"
 #include "testsupport.h"
 
 using krxtest::RecordingHost;
@@ -224,6 +225,15 @@ TEST_F(InvariantTest, FastDriverLeavesThePairInvariantsAlone) {
   EXPECT_EQ(model->invariant8.size(), 18u);
   EXPECT_TRUE(model->invariant5.empty());
   EXPECT_TRUE(model->invariant9.empty());
+}
+
+TEST_F(InvariantTest, AfterAUnitChangeShapesAndMassesCarryTheNewUnits) {
+  build_two_mode_model();
+  ASSERT_EQ(krx::set_units_by_names(model, "lbm", "in", "s", "lbf"), 1);
+  ASSERT_EQ(krx::set_units_by_names(model, "kg", "m", "s", "n"), 1);
+  const double mL = 0.45359237 * 0.0254;
+  expect_near(krx::invariant3(model), {3 * mL, 0, 2 * mL, 3 * mL, 0, 2 * mL});
+  EXPECT_NEAR(krx::invariant9(model, 0, 0)[8], -5 * mL * 0.0254, 1e-15);
 }
 
 TEST_F(InvariantTest, PresetInvariantNineSurvivesTheComputationOfFive) {
