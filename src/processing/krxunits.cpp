@@ -281,6 +281,8 @@ void convert_stored_data(KRXDATA *model) {
 
   convert_invariants(model, m, mL, mL2);
   convert_statistics(model, L, F / (L * L));
+  // A record held by the store was scaled with the old ratios; the next load reads it afresh.
+  for (VectorSlot &slot : model->store) slot.held_mode = -1;
 }
 
 }  // namespace
