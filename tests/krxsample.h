@@ -18,6 +18,7 @@ struct Sample {
   std::vector<int32_t> stress_ids{30, 10};
   std::vector<int32_t> mode_numbers{1, 2};
   int mass_dims = 1;
+  int eigen_records = -1;  // -1: one per mode
 };
 
 // The mode-shape value of (mode r, node i, component c); stresses and strains add 100 and 200.
@@ -67,7 +68,7 @@ inline bool write_sample(const std::string &path, const Sample &s) {
   ok = ok && write_global_body_block(b, {2.0, 0.5, 0.25, 0.125, 1, 0, 0, 0, 2, 0, 0, 0, 3});
   if (s.eigenvalues) {
     std::vector<EigenRecord> eigen;
-    for (int32_t r = 0; r < M; ++r) eigen.push_back({s.mode_numbers[r], 4.0 * (r + 1), 0.5 * (r + 1), 3.0, 1.0, 4.0});
+    for (int32_t r = 0; r < (s.eigen_records < 0 ? M : s.eigen_records); ++r) eigen.push_back({s.mode_numbers[r], 4.0 * (r + 1), 0.5 * (r + 1), 3.0, 1.0, 4.0});
     ok = ok && write_eigenvalues_block(b, eigen);
   }
   auto write_modes = [&](const std::vector<int32_t> &ids, double offset) {

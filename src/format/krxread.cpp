@@ -102,10 +102,14 @@ int locate_blocks(KRXDATA &model) {
   int64_t file_size = stream_file_size(model.own);
   model.block_start[1] = 0;
   for (int k = 1; k < kBlockCount; ++k) {
+    const char *problem = block_info(k)->size_problem;
     int64_t size = block_size(&model, k - 1);
-    if (size >= 0 && file_size >= 0 && size > file_size - model.block_start[k]) size = -1;
     if (size < 0) {
-      if (!block_info(k)->size_problem) error("%s", block_problem(k));
+      if (!problem) error("%s", block_problem(k));  // the size query has no text of its own
+      return 0;
+    }
+    if (file_size >= 0 && size > file_size - model.block_start[k]) {
+      error("%s", problem ? problem : block_problem(k));
       return 0;
     }
     model.block_start[k + 1] = model.block_start[k] + size;
