@@ -33,5 +33,5 @@ foreach(case ${KRXDUMP_CASES})
            COMMAND ${CMAKE_COMMAND} -DTOOL=$<TARGET_FILE:krxdump> "-DARGS=${args}"
                    -DDATA=${CMAKE_CURRENT_SOURCE_DIR}/data -DOUT=${CMAKE_CURRENT_BINARY_DIR}
                    -DEXPECTED=krxdump_${name}.txt -DSTATUS=${status}
-                   -P ${CMAKE_CURRENT_SOURCE_DIR}/krxdump_run.cmake)
+                   -P ${CMAKE_CURRENT_SOURCE_DIR}/support/krxdump_run.cmake)
 endforeach()
