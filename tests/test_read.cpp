@@ -9,6 +9,7 @@
 #include "format/krxread.h"
 #include "host/krx_fortran.h"
 #include "inspect/krxtoc.h"
+#include "processing/krxinvar.h"
 #include "krxsample.h"
 #include "testsupport.h"
 
@@ -103,13 +104,25 @@ TEST_F(ReadFixture, ReadsEveryEncodingAndPrecisionValueForValue) {
       EXPECT_EQ(2u, model->statistics.size());
       std::vector<double> inv;
       int32_t nm = 0;
-      ASSERT_TRUE(read_invariant_block(model, 26, inv, &nm));
+      ASSERT_TRUE(read_invariant_values(model, 26, inv, &nm));
       EXPECT_EQ(2, nm);
       ASSERT_EQ(36u, inv.size());
       EXPECT_EQ(26 + 0.5 * 35, inv[35]);
     }
     release_all_models();
     host.clear();
+  }
+}
+
+TEST_F(ReadFixture, InvariantsComeFromTheFile) {
+  for (int32_t version : {316, 828, 50}) {
+    krxtest::Sample s;
+    s.version = version;
+    KRXDATA *model = write_and_read(s);
+    ASSERT_NE(nullptr, model);
+    EXPECT_EQ((std::vector<double>{20.0, 20.5, 21.0}), invariant2(model));
+    EXPECT_EQ(21.0 + 0.5 * 5, invariant3(model)[5]);
+    release_all_models();
   }
 }
 

@@ -19,10 +19,10 @@ int read_krx(KRXDATA *model, FILE *file, const char *path);
 // file in its encoding and precision: six doubles per node of the block, unscaled.
 int read_mode_values(KRXDATA *model, int kind, int32_t mode_index, std::vector<double> &out);
 
-// Reads invariant block 19..26 from the model's file into out, as many values as the model's
-// mode count calls for. file_modes receives the block's own mode count (-1 when it has none).
+// Reads invariant block 19..26 from the model's file into out, unscaled, as many values as the
+// model's retained mode count calls for (krx::read_invariant_block adds the checks and scaling). file_modes receives the block's own mode count (-1 when it has none).
 // 0 when the block is absent or cannot be read.
-int read_invariant_block(KRXDATA *model, int block, std::vector<double> &out,
+int read_invariant_values(KRXDATA *model, int block, std::vector<double> &out,
                          int32_t *file_modes = nullptr);
 
 }  // namespace krx

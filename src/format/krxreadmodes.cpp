@@ -9,6 +9,7 @@
 #include "format/krxreadint.h"
 #include "host/krxmsg.h"
 #include "inspect/krxtoc.h"
+#include "processing/krxunits.h"
 
 namespace krx {
 namespace {
@@ -204,7 +205,10 @@ int read_pre_block_of(KRXDATA &model, int kind) {
   return 1;
 }
 
-void normalize_file_units(KRXDATA &) {}
+void normalize_file_units(KRXDATA &model) {
+  for (auto *name : {&model.mass_unit, &model.length_unit, &model.time_unit, &model.force_unit})
+    if ((*name)[0]) normalize_unit_name(name->data());
+}
 
 int read_mode_values(KRXDATA *model, int kind, int32_t mode_index, std::vector<double> &out) {
   if (!model || kind < 0 || kind > 2) return 0;
@@ -222,7 +226,7 @@ int read_mode_values(KRXDATA *model, int kind, int32_t mode_index, std::vector<d
   return get_reals(slot.io, model->scratch, out.data(), out.size());
 }
 
-int read_invariant_block(KRXDATA *model, int block, std::vector<double> &out, int32_t *file_modes) {
+int read_invariant_values(KRXDATA *model, int block, std::vector<double> &out, int32_t *file_modes) {
   if (file_modes) *file_modes = -1;
   if (!model || block < 19 || block > 26 || !model->own.file) return 0;
   int64_t back = tell_stream(model->own);
@@ -230,7 +234,7 @@ int read_invariant_block(KRXDATA *model, int block, std::vector<double> &out, in
   BlockIo io = model_block_io(*model);
   io.limit = stream_file_size(model->own);
   InvariantBlock values;
-  int ok = read_invariant_block(io, block, int32_t(model->modes.size()), values);
+  int ok = read_invariant_block(io, block, model->retained_modes, values);
   if (back >= 0) seek_stream(model->own, back);
   if (!ok) return 0;
   if (file_modes && (block == 21 || block == 22 || block == 23 || block == 25 || block == 26))

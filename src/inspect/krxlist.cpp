@@ -270,7 +270,7 @@ void list_interface(KRXDATA &m, FILE *out) {
 std::vector<double> invariant_values(KRXDATA &m, int block) {
   std::vector<double> v;
   if (m.read_from_file) {
-    if (!read_invariant_block(&m, block, v)) v.clear();
+    if (!read_invariant_values(&m, block, v)) v.clear();
     return v;
   }
   switch (block) {
