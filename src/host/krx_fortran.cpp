@@ -61,7 +61,6 @@ std::array<double, 9> to_row_order(const double *column_order) {
 
 // Both halves of a node's stress or strain record: first three values, then the last three.
 int read_node_record(KRXDATA *model, int mode, int node_id, int kind, double *out[6]) {
-  if (!load_mode_record(model, mode, kind)) return 0;
   double half0[3], half1[3];
   if (!node_values(model, mode, kind, node_id, 0, half0)) return 0;
   if (!node_values(model, mode, kind, node_id, 1, half1)) return 0;
