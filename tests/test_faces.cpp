@@ -80,11 +80,11 @@ TEST_F(FaceTest, AddFaceCreatesUnknownNodesAndStoresPositions) {
   EXPECT_EQ(krx::node_count(model), 3);
 }
 
-TEST_F(FaceTest, ManyFacesGrowTheListInSteps) {
-  for (int32_t f = 0; f < 500; ++f) ASSERT_EQ(add({f, f + 1, f + 2, f + 3, f + 4, f + 5, f + 6, f + 7}), 1);
+TEST_F(FaceTest, ListGrowsAsFacesArrive) {
+  for (int32_t f = 0; f < 500; ++f)
+    ASSERT_EQ(add({f, f + 1, f + 2, f + 3, f + 4, f + 5, f + 6, f + 7}), 1);
   EXPECT_EQ(model->face_count, 500);
   EXPECT_EQ(model->faces.size(), 4500u);
-  EXPECT_EQ(model->faces.capacity() % 100, 0u);
   Faces read = faces();
   EXPECT_EQ(read[499], (std::vector<int32_t>{499, 500, 501, 502, 503, 504, 505, 506}));
 }

@@ -152,6 +152,8 @@ void link_faces_to_nodes(Coarsening &c) {
   }
   for (WorkNode &node : c.nodes)
     if (node.faces.empty()) node.entry = false;
+  c.seen_stamp.assign(c.nodes.size(), 0);
+  c.seen_at.assign(c.nodes.size(), 0);
 }
 
 // (p2 - p1) x (p0 - p1), made unit unless it is exactly zero; only the first three vertices count.

@@ -114,13 +114,17 @@ void remove_pinches(Coarsening &c, std::vector<int32_t> &poly) {
   size_t m = poly.size();
   size_t t = size_t(double(m) * 0.3);
   c.invalid.assign(m, 0);
-  // Positions grouped by vertex: same_next[p] is the next later position of the same vertex.
-  c.order.clear();
-  for (size_t p = 0; p < m; ++p) c.order.emplace_back(poly[p], int32_t(p));
-  std::sort(c.order.begin(), c.order.end());
+  // same_next[p]: the next later position of the same vertex, found walking backwards with the
+  // last position seen of each node (stamped per polygon, so nothing is cleared between nodes).
   c.same_next.assign(m, -1);
-  for (size_t r = 0; r + 1 < m; ++r)
-    if (c.order[r].first == c.order[r + 1].first) c.same_next[size_t(c.order[r].second)] = c.order[r + 1].second;
+  c.stamp += 1;
+  for (size_t p = m; p-- > 0;) {
+    int32_t v = poly[p];
+    if (v < 0 || v >= int32_t(c.nodes.size())) continue;
+    if (c.seen_stamp[size_t(v)] == c.stamp) c.same_next[p] = c.seen_at[size_t(v)];
+    c.seen_stamp[size_t(v)] = c.stamp;
+    c.seen_at[size_t(v)] = int32_t(p);
+  }
   for (size_t p = 0; p < m; ++p) {
     if (c.invalid[p]) continue;
     for (int32_t q = c.same_next[p]; q >= 0; q = c.same_next[size_t(q)]) {

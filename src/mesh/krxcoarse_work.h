@@ -36,7 +36,8 @@ struct Coarsening {
   std::vector<int32_t> polygon;
   std::vector<char> merged, reversed, invalid;
   std::vector<int32_t> same_next;
-  std::vector<std::pair<int32_t, int32_t>> order;
+  std::vector<int32_t> seen_stamp, seen_at;  // per node
+  int32_t stamp = 0;
 };
 
 inline bool has_entry(const Coarsening &c, int32_t node) {

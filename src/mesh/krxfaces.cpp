@@ -16,11 +16,13 @@ constexpr const char *kSource = "..\\krxfaces";
 constexpr size_t kFaceGrowth = 100;
 constexpr size_t kSketchGrowth = 1000;
 
-// Grows a face list's capacity in fixed steps until `needed` integers fit below it.
+// Grows a face list's capacity until `needed` integers fit below it: by the fixed step, or by
+// half the list when that is more, since every growth copies the list and fixed steps alone
+// would make a million faces cost a quadratic number of copies.
 void reserve_in_steps(std::vector<int32_t> &list, size_t needed, size_t step) {
   size_t capacity = list.capacity();
   if (needed < capacity) return;
-  while (needed >= capacity) capacity += step;
+  while (needed >= capacity) capacity += std::max(step, capacity / 2);
   list.reserve(capacity);
 }
 
@@ -127,7 +129,7 @@ bool read_sketch_faces(KRXDATA *model, FILE *file, int32_t face_total,
     }
     // One step per face; the node reads grow the list further only as far as the file holds ids.
     if (list.size() + size_t(count) + 1 >= list.capacity())
-      list.reserve(list.capacity() + kSketchGrowth);
+      reserve_in_steps(list, list.capacity(), kSketchGrowth);
     list.push_back(count);
     for (int32_t j = 0; j < count; ++j) {
       int32_t id = 0;
