@@ -57,9 +57,10 @@ CoarsenSettings parse_arguments(const char *text) {
   if (resolution > 0.0 && resolution <= 0.5) {
     settings.resolution = resolution;
   } else {
-    warning("Coarsening resolution outside the 0-50 percent range not supported.  You selected "
-            "%lf\n",
-            resolution * 100.0);
+    warning(
+        "Coarsening resolution outside the 0-50 percent range not supported.  You selected "
+        "%lf\n",
+        resolution * 100.0);
   }
   if (angle > 0.0 && angle <= 45.0) {
     settings.angle = angle;

@@ -53,14 +53,16 @@ bool chain_fan(Coarsening &c, const std::vector<int32_t> &fan, size_t start, boo
   c.reversed.assign(fan.size(), 0);
   c.polygon.clear();
   const std::vector<int32_t> &first = c.faces[size_t(fan[start])].vertices;
-  for (size_t j = 1; j < first.size(); ++j) c.polygon.push_back(fan_vertex(first, reverse_start, j));
+  for (size_t j = 1; j < first.size(); ++j)
+    c.polygon.push_back(fan_vertex(first, reverse_start, j));
   c.merged[start] = 1;
   for (size_t remaining = fan.size() - 1; remaining > 0; --remaining) {
     if (c.polygon.empty()) return false;
     int32_t t = next_fan_face(c, fan, c.polygon.back());
     if (t < 0) return false;
     const std::vector<int32_t> &v = c.faces[size_t(fan[size_t(t)])].vertices;
-    for (size_t j = 2; j < v.size(); ++j) c.polygon.push_back(fan_vertex(v, c.reversed[size_t(t)], j));
+    for (size_t j = 2; j < v.size(); ++j)
+      c.polygon.push_back(fan_vertex(v, c.reversed[size_t(t)], j));
     c.merged[size_t(t)] = 1;
   }
   return true;

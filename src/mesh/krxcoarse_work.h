@@ -26,7 +26,7 @@ struct Coarsening {
   std::vector<WorkNode> nodes;
   bool faces_built = false;
   bool nodes_built = false;
-  double model_size = 0.0;  // diagonal of the bounding box of all nodes
+  double model_size = 0.0;      // diagonal of the bounding box of all nodes
   double distance_limit = 0.0;  // squared
   double cos_limit = 1.0;
   // Per face, the nodes whose face lists name it: a merge rewrites exactly those lists instead

@@ -119,8 +119,7 @@ std::vector<int32_t> surviving_faces(const std::vector<FaceKey> &keys,
 }
 
 // The sketch file's faces as internal positions; false (with its message) when it is unusable.
-bool read_sketch_faces(KRXDATA *model, FILE *file, int32_t face_total,
-                       std::vector<int32_t> &list) {
+bool read_sketch_faces(KRXDATA *model, FILE *file, int32_t face_total, std::vector<int32_t> &list) {
   for (int32_t f = 1; f <= face_total; ++f) {
     int32_t count = 0;
     if (std::fscanf(file, "%d", &count) != 1 || count < 0) {
@@ -196,9 +195,8 @@ void strip_interior_faces(KRXDATA *model) {
     std::vector<FaceKey> keys;
     std::vector<int32_t> copy;
     if (!build_keys(*model, keys, copy)) return;
-    std::sort(keys.begin(), keys.end(), [&copy](const FaceKey &a, const FaceKey &b) {
-      return compare_keys(a, b, copy) < 0;
-    });
+    std::sort(keys.begin(), keys.end(),
+              [&copy](const FaceKey &a, const FaceKey &b) { return compare_keys(a, b, copy) < 0; });
     int32_t written = 0;
     std::vector<int32_t> out = surviving_faces(keys, copy, written);
     // The survivors overwrite the list from its start; its capacity stays.
