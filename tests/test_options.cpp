@@ -1,0 +1,243 @@
+// The writer's option words: version code steps, conflicts, arguments and their bounds, the band.
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+#include "format/krxoptions.h"
+#include "testsupport.h"
+
+using krx::Invariants;
+using krx::OptionMessage;
+using krx::parse_write_options;
+using krx::WriteOptions;
+using krxtest::RecordingHost;
+
+namespace {
+
+std::vector<std::string> texts(const WriteOptions &options) {
+  std::vector<std::string> out;
+  for (const OptionMessage &m : options.messages) out.push_back(m.text);
+  return out;
+}
+
+TEST(WriteOptions, NoTextGivesXdrDoublePrecisionGeneration60) {
+  for (const char *text : {static_cast<const char *>(nullptr), "", "nothing we know"}) {
+    WriteOptions options = parse_write_options(text);
+    EXPECT_EQ(options.version, 316);
+    EXPECT_EQ(options.generation, 60);
+    EXPECT_TRUE(options.xdr);
+    EXPECT_FALSE(options.single);
+    EXPECT_EQ(options.highpass, -1.0);
+    EXPECT_EQ(options.lowpass, 1.0e8);
+    EXPECT_EQ(options.invariants, Invariants::none);
+    EXPECT_FALSE(options.failed);
+    EXPECT_TRUE(options.messages.empty());
+  }
+}
+
+struct CodeCase {
+  const char *text;
+  int32_t version;
+  bool xdr;
+  bool single;
+};
+
+TEST(WriteOptions, VersionCodeStepsRunInFixedOrderWhateverTheWordOrder) {
+  const CodeCase cases[] = {
+      {"full_str single no_xdr", 50, false, true},
+      {"no_xdr,single,full_str", 50, false, true},
+      {"single full_str", 51, true, true},
+      {"full_str", 41, true, false},
+      {"no_xdr full_str", 40, false, false},
+      {"single", 316 | 0x200, true, true},
+      {"no_xdr", 60, false, false},
+      {"no_xdrsingle", 60 | 0x200, false, true},
+      {"82_comp no_xdr", 20, false, false},
+      {"full_str 82_comp", 20, false, false},
+      {"81_comp 82_comp", 10, false, false},
+      {"82_comp81_comp", 10, false, false},
+      {"NO_XDR Single", 316, true, false},
+  };
+  for (const CodeCase &c : cases) {
+    WriteOptions options = parse_write_options(c.text);
+    EXPECT_EQ(options.version, c.version) << c.text;
+    EXPECT_EQ(options.generation, c.version & 0xFF) << c.text;
+    EXPECT_EQ(options.xdr, c.xdr) << c.text;
+    EXPECT_EQ(options.single, c.single) << c.text;
+    EXPECT_FALSE(options.failed) << c.text;
+  }
+}
+
+TEST(WriteOptions, ConflictsFailButStillSettleTheCode) {
+  WriteOptions precision = parse_write_options("82_comp single");
+  EXPECT_TRUE(precision.failed);
+  EXPECT_EQ(precision.version, 20);
+  EXPECT_EQ(precision.messages,
+            (std::vector<OptionMessage>{{3, "8.2 compatible KRX cannot be single precision"}}));
+  EXPECT_EQ(parse_write_options("sparse_str full_str").version, 41);
+}
+
+TEST(WriteOptions, EveryConflictIsReportedInStepOrder) {
+  WriteOptions options = parse_write_options("81_comp 82_comp fast_invar single full_str sparse_str");
+  EXPECT_TRUE(options.failed);
+  EXPECT_EQ(options.version, 10);
+  EXPECT_EQ(texts(options), (std::vector<std::string>{
+                                "Cannot specify full and sparse stress and strain modes.",
+                                "8.2 compatible KRX cannot contain Invariants",
+                                "8.2 compatible KRX cannot be single precision",
+                                "8.2 compatible KRX cannot have sparse stress or strain modes",
+                                "8.1 compatible KRX cannot contain Invariants",
+                                "8.1 compatible KRX cannot be single precision",
+                                "8.1 compatible KRX cannot have sparse stress or strain modes",
+                            }));
+  for (const OptionMessage &m : options.messages) EXPECT_EQ(m.level, 3);
+}
+
+TEST(WriteOptions, InvarAloneIsIllegalAndFullInvarContainsIt) {
+  EXPECT_EQ(parse_write_options("full_invar").invariants, Invariants::full);
+  EXPECT_EQ(parse_write_options("xfast_invarx").invariants, Invariants::fast);
+  EXPECT_TRUE(parse_write_options("full_invar").messages.empty());
+  for (const char *text : {"invar", "invariants", "fullinvar"}) {
+    WriteOptions options = parse_write_options(text);
+    EXPECT_EQ(options.invariants, Invariants::illegal) << text;
+    EXPECT_FALSE(options.failed) << text;
+    EXPECT_EQ(options.messages,
+              (std::vector<OptionMessage>{{2, "Illegal invariants option, use full_invar or fast_invar."}}));
+  }
+  // The compatibility check looks for the word, legal or not.
+  EXPECT_TRUE(parse_write_options("81_comp full_invar").failed);
+}
+
+TEST(WriteOptions, FlagWordsAreCaseSensitiveSubstrings) {
+  WriteOptions options = parse_write_options("lbrf2cmstrip_faceno_ortho sparse_str emptyMKS");
+  EXPECT_TRUE(options.lbrf2cm);
+  EXPECT_TRUE(options.strip_face);
+  EXPECT_TRUE(options.no_ortho);
+  EXPECT_TRUE(options.sparse_str);
+  EXPECT_TRUE(options.empty);
+  EXPECT_TRUE(options.mks);
+  EXPECT_FALSE(options.full_str);
+  WriteOptions lower = parse_write_options("mks Empty LBRF2CM");
+  EXPECT_FALSE(lower.mks);
+  EXPECT_FALSE(lower.empty);
+  EXPECT_FALSE(lower.lbrf2cm);
+}
+
+TEST(WriteOptions, FrequenciesReadTheScannedTextAsANumber) {
+  WriteOptions band = parse_write_options("highpass(5) lowpass(50)");
+  EXPECT_EQ(band.highpass, 5.0);
+  EXPECT_EQ(band.lowpass, 50.0);
+  EXPECT_EQ(parse_write_options("lowpass(abc)").lowpass, 1.0e8);
+  EXPECT_EQ(parse_write_options("lowpass( 2.5e3)").lowpass, 2500.0);
+  EXPECT_EQ(parse_write_options("lowpass(1e)").lowpass, 1.0);
+  EXPECT_EQ(parse_write_options("lowpass(-)").lowpass, 0.0);
+  EXPECT_EQ(parse_write_options("highpass(-1.5e-1,2)").highpass, -0.15);
+  EXPECT_EQ(parse_write_options("highpass 5").highpass, -1.0);
+}
+
+TEST(WriteOptions, SketchNameTakesTheFirstFormThatYieldsOne) {
+  EXPECT_EQ(parse_write_options("sketch(\"my faces.skt\") strip_face").sketch_file, "my faces.skt");
+  EXPECT_EQ(parse_write_options("sketch('say \"hi\".skt')").sketch_file, "say \"hi\".skt");
+  EXPECT_EQ(parse_write_options("sketch(plain.skt) no_xdr").sketch_file, "plain.skt");
+  EXPECT_EQ(parse_write_options("sketch(open ended").sketch_file, "open ended");
+  EXPECT_EQ(parse_write_options("sketch").sketch_file, "");
+  EXPECT_EQ(parse_write_options("sketch()").sketch_file, "");
+  // Only the first "sketch" is looked at.
+  EXPECT_EQ(parse_write_options("sketchy sketch(b.skt)").sketch_file, "");
+}
+
+TEST(WriteOptions, CoarsenTakesTheLongestRunOfItsScanSet) {
+  EXPECT_EQ(parse_write_options("coarsen(0.5,preserve_str)").coarsen, "0.5,preserve_str");
+  EXPECT_EQ(parse_write_options("coarsen(0.05, 10,1,101 102)").coarsen, "0.05, 10,1,101 102");
+  // The set is the letters of preserve_str, not the word.
+  EXPECT_EQ(parse_write_options("coarsen(0.1 strip_face)").coarsen, "0.1 str");
+  EXPECT_EQ(parse_write_options("coarsen(x)").coarsen, "");
+  EXPECT_EQ(parse_write_options("coarsen 0.5").coarsen, "");
+}
+
+TEST(WriteOptions, ArgumentsUpTo1024CharactersAreTakenLongerOnesFail) {
+  const std::string name(1024, 'n');
+  EXPECT_EQ(parse_write_options(("sketch(\"" + name + "\")").c_str()).sketch_file, name);
+  const std::string args(1024, '1');
+  EXPECT_EQ(parse_write_options(("coarsen(" + args + ")").c_str()).coarsen, args);
+  EXPECT_EQ(parse_write_options(("lowpass(" + std::string(1023, ' ') + "5)").c_str()).lowpass, 5.0);
+
+  struct Case {
+    std::string text;
+    const char *message;
+  };
+  const Case cases[] = {
+      {"sketch(\"" + name + "n\")", "The argument of the writer option sketch( is longer than 1024 characters."},
+      {"sketch(" + name + "n)", "The argument of the writer option sketch( is longer than 1024 characters."},
+      {"coarsen(" + args + "1", "The argument of the writer option coarsen( is longer than 1024 characters."},
+      {"lowpass(" + std::string(1024, ' ') + "5)",
+       "The argument of the writer option lowpass( is longer than 1024 characters."},
+      {"highpass(" + std::string(2000, '9'), "The argument of the writer option highpass( is longer than 1024 characters."},
+  };
+  for (const Case &c : cases) {
+    WriteOptions options = parse_write_options(c.text.c_str());
+    EXPECT_TRUE(options.failed);
+    EXPECT_EQ(options.messages, (std::vector<OptionMessage>{{3, c.message}}));
+    EXPECT_EQ(options.sketch_file, "");
+    EXPECT_EQ(options.coarsen, "");
+    EXPECT_EQ(options.lowpass, 1.0e8);
+    EXPECT_EQ(options.highpass, -1.0);
+    EXPECT_EQ(options.version, 316);
+  }
+}
+
+TEST(WriteOptions, MessagesFollowTheOrderOfEffects) {
+  RecordingHost host;
+  const std::string text = "invar 82_comp sketch(" + std::string(1100, 'a');
+  WriteOptions options = parse_write_options(text.c_str());
+  EXPECT_TRUE(host.messages.empty());
+  EXPECT_EQ(texts(options), (std::vector<std::string>{
+                                "The argument of the writer option sketch( is longer than 1024 characters.",
+                                "8.2 compatible KRX cannot contain Invariants",
+                                "Illegal invariants option, use full_invar or fast_invar.",
+                            }));
+  krx::report_write_options(options);
+  EXPECT_EQ(host.messages, (std::vector<krxtest::Message>{
+                               {3, "The argument of the writer option sketch( is longer than 1024 characters."},
+                               {3, "8.2 compatible KRX cannot contain Invariants"},
+                               {2, "Illegal invariants option, use full_invar or fast_invar."},
+                           }));
+}
+
+TEST(WriteOptions, ReadsTheEnvironmentEachTime) {
+  ::unsetenv("QOR_KRXWRITE_OPTIONS");
+  EXPECT_EQ(krx::read_write_options().version, 316);
+  ::setenv("QOR_KRXWRITE_OPTIONS", "81_comp lowpass(12)", 1);
+  WriteOptions options = krx::read_write_options();
+  ::unsetenv("QOR_KRXWRITE_OPTIONS");
+  EXPECT_EQ(options.version, 10);
+  EXPECT_EQ(options.lowpass, 12.0);
+}
+
+TEST(FrequencyBand, ExportsModesAboveHighpassUpToAndIncludingLowpass) {
+  const std::vector<double> hertz = {0.0, 0.0, 3.0, 5.0, 7.0, 50.0, 51.0, 60.0};
+  const std::vector<double> mass(hertz.size(), 1.0);
+  krx::ModeBand band = krx::select_frequency_band(hertz, mass, 5.0, 50.0);
+  EXPECT_EQ(band.first, 4);
+  EXPECT_EQ(band.count, 2);
+  band = krx::select_frequency_band(hertz, mass, krx::kDefaultHighpass, krx::kDefaultLowpass);
+  EXPECT_EQ(band.first, 0);
+  EXPECT_EQ(band.count, 8);
+  // No mode above the high-pass frequency: the band starts at the first mode.
+  band = krx::select_frequency_band(hertz, mass, 100.0, krx::kDefaultLowpass);
+  EXPECT_EQ(band.first, 0);
+  EXPECT_EQ(band.count, 8);
+}
+
+TEST(FrequencyBand, EndsAtTheFirstMasslessModeAndNeverGoesNegative) {
+  const std::vector<double> hertz = {1.0, 2.0, 3.0, 4.0};
+  EXPECT_EQ(krx::select_frequency_band(hertz, std::vector<double>{1.0, 1.0, 0.0, 1.0}, -1.0, 1.0e8).count, 2);
+  // Searched from the first mode, so a massless mode before the high-pass start empties the band.
+  EXPECT_EQ(krx::select_frequency_band(hertz, std::vector<double>{0.0, 1.0, 1.0, 1.0}, 2.5, 1.0e8).count, 0);
+  EXPECT_EQ(krx::select_frequency_band(hertz, std::vector<double>{1.0, 1.0, 1.0, 1.0}, 3.0, 2.0).count, 0);
+  EXPECT_EQ(krx::select_frequency_band({}, {}, -1.0, 1.0e8).count, 0);
+}
+
+}  // namespace
