@@ -14,6 +14,7 @@
 #include "mesh/krxcoarse.h"
 #include "mesh/krxfaces.h"
 #include "model/krxdata.h"
+#include "model/krxtools.h"
 #include "testsupport.h"
 
 using krxtest::Message;
@@ -137,11 +138,13 @@ TEST_F(CoarsenTest, ListedAndStressNodesStayAndAreNamed) {
   EXPECT_EQ(host.texts(0)[3], "13 ");
   host.clear();
   krxtest::terminate_model();
-  SetUp();
+  krxtest::create_model(25, 1);
+  model = krx::current_model();
   plate(4);
-  model->store[krx::kModalStress].nodes = {6};   // id 7
-  model->store[krx::kModalStrain].nodes = {12};  // id 13
-  model->interface_nodes = {8};                  // id 9
+  const double values[6] = {1, 2, 3, 4, 5, 6};
+  ASSERT_EQ(krx::store_node_vector(model, 1, 7, krx::kModalStress, values), 1);
+  ASSERT_EQ(krx::store_node_vector(model, 1, 13, krx::kModalStrain, values), 1);
+  model->interface_nodes = {8};  // id 9
   krx::coarsen(model, "0.5,10,0,preserve_str");
   expect_valid_outline({7, 9, 13});
   std::vector<std::string> notes = host.texts(0);
