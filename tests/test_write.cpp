@@ -92,8 +92,8 @@ TEST(WriteFailures, AnOptionConflictWritesNoBlockAndRemovesTheFile) {
   krxtest::terminate_model();
 }
 
-// A full disk: the file size limit is set just above the header in a child process that ignores
-// SIGXFSZ, so the write fails part way and must remove its file.
+// A full disk: the file size limit is set to half the file's length in a child process that
+// ignores SIGXFSZ, so the write fails part way and must remove its file.
 TEST(WriteFailures, AWriteThatFailsMidFileRemovesTheFile) {
   krxtest::TempDir dir;
   std::string path = dir.file("full.krx");
@@ -102,8 +102,12 @@ TEST(WriteFailures, AWriteThatFailsMidFileRemovesTheFile) {
   if (child == 0) {
     krxtest::RecordingHost host;
     small_model();
+    if (write(dir.file("whole.krx")) != 0) _exit(2);
+    struct stat st;
+    if (::stat(dir.file("whole.krx").c_str(), &st) != 0) _exit(3);
     signal(SIGXFSZ, SIG_IGN);
-    struct rlimit limit = {3000, 3000};
+    rlim_t half = rlim_t(st.st_size / 2);
+    struct rlimit limit = {half, half};
     setrlimit(RLIMIT_FSIZE, &limit);
     int status = write(path);
     bool failed = status == 1 && !exists(path);

@@ -10,6 +10,7 @@
 #include "model/krxtools.h"
 #include "processing/krxinvar.h"
 #include "processing/krxloads.h"
+#include "processing/krxunits.h"
 #include "testsupport.h"
 
 namespace {

@@ -7,8 +7,10 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
+#include <memory>
 #include <new>
 
+#include "format/krxformat.h"
 #include "format/krxwrite_state.h"
 #include "host/krxmsg.h"
 #include "mesh/krxcoarse.h"
@@ -34,7 +36,7 @@ void apply_model_options(WriteState &state) {
   if (!o.sketch_file.empty()) apply_sketch_file(model, o.sketch_file.c_str());
   if (o.strip_face) strip_interior_faces(model);
   if (o.lbrf2cm) shift_to_centre_of_mass(model);
-  if (!o.coarsen.empty()) coarsen_mesh(model, o.coarsen.c_str());
+  if (!o.coarsen.empty()) coarsen(model, o.coarsen.c_str());
 }
 
 bool has_faces(const KRXDATA *model) { return !model->faces.empty(); }
@@ -66,7 +68,11 @@ void apply_frequency_band(WriteState &state) {
   ModeBand band = select_frequency_band(hertz, masses, state.options.highpass, state.options.lowpass);
   state.band_start = band.first;
   state.band_count = band.count;
-  int32_t shift = band.first;  // the number of the first exported mode minus one
+  if (band.first >= n) return;
+  // Every mode number drops by the number of the first exported mode minus one, so that the
+  // first exported mode is mode 1. A second write of the same model finds it so already.
+  int32_t shift = model->eigen[band.first].number - 1;
+  if (shift == 0) return;
   for (EigenRecord &record : model->eigen) record.number -= shift;
   for (int32_t &number : model->record_numbers) number -= shift;
 }
@@ -104,21 +110,12 @@ bool has_nodal_masses(const KRXDATA *model) {
   return false;
 }
 
-// Mass, centre of mass and inertia tensor straight from the nodes, for a model that has nodal
-// masses but neither invariants nor global properties of its own.
+// Mass, centre of mass and inertia tensor from the nodal data (or what invariants the model holds)
+// without computing or caching any invariant: no invariants were asked for.
 void global_properties_from_nodes(KRXDATA *model) {
-  double mass = 0.0, first[3] = {0, 0, 0}, inertia[9] = {0};
-  for (const NodeRecord &node : model->nodes) {
-    double x[3] = {node.x, node.y, node.z};
-    mass += node.mass;
-    for (int c = 0; c < 3; ++c) first[c] += node.mass * x[c];
-    skew_accumulate(inertia, -node.mass, x, x);
-    if (node.inertia) {
-      const std::array<double, 6> &j = *node.inertia;
-      const double tensor[9] = {j[0], j[3], j[4], j[3], j[1], j[5], j[4], j[5], j[2]};
-      for (int i = 0; i < 9; ++i) inertia[i] += tensor[i];
-    }
-  }
+  double mass = peek_invariant1(model);
+  std::array<double, 3> first = peek_invariant2(model);
+  std::array<double, 9> inertia = peek_invariant7(model);
   model->total_mass = mass;
   for (int c = 0; c < 3; ++c) model->centre_of_mass[c] = mass != 0.0 ? first[c] / mass : 0.0;
   for (int i = 0; i < 9; ++i) model->global_inertia[i] = (i % 4 == 0) ? inertia[i] : -inertia[i];
@@ -162,7 +159,7 @@ void decide_invariant_flags(WriteState &state) {
 void allocate_statistics(WriteState &state) {
   KRXDATA *model = state.model;
   model->statistics.assign(std::size_t(state.band_count), ModalStatistics{});
-  model->flags[kFlagModalStatistics] = state.band_count > 0;
+  model->flags[kFlagModalStatistics] = 1;
 }
 
 bool has_full_nodal_inertia(const KRXDATA *model) {
@@ -190,7 +187,6 @@ void make_rigid_file(WriteState &state) {
     error("There is insufficient mass data to compute a full set of mass invariants.\n"
           "Some or all mass invariants will be set to zero.");
   }
-  note("Computing *rigid* invariants");
   compute_rigid_invariants(model);
   global_properties_from_invariants(model);
   model->flags[kFlagInvariant1] = 1;
@@ -228,39 +224,56 @@ void print_summary(const KRXDATA *model) {
 }
 
 // The first three steps: the name check and the open. Nothing to remove when they fail.
-FILE *open_output(KRXDATA *model, WriteState &state, const char *path) {
+int open_output(KRXDATA *model, WriteState &state, const char *path) {
   if (!model->own.path.empty() && model->own.path == path) {
     error("The output KRX name must be different than the current KRX name.\n"
           "  Current KRX name:  %s\n  Output KRX name:  %s",
           model->own.path.c_str(), path);
-    return nullptr;
+    return 0;
   }
   try {
     state.path = path;
   } catch (const std::bad_alloc &) {
     KRX_REPORT_ALLOC(kSource);
-    return nullptr;
+    return 0;
   }
-  FILE *file = std::fopen(path, "wb");
-  if (!file) error("Unable to open %s for write. Please check write permissions.", path);
-  return file;
+  state.out.file = std::fopen(path, "wb");
+  if (!state.out.file) {
+    error("Unable to open %s for write. Please check write permissions.", path);
+    return 0;
+  }
+  return 1;
 }
 
-int write_version_and_header(WriteState &state, bool options_ok, bool stream_ok) {
+// The encoding of the file once the version code is settled: an XDR stream bound to the open
+// file, and for single precision the model's conversion array. A stream record that cannot be
+// allocated is reported as a file that cannot be opened.
+int prepare_encoding(WriteState &state) {
+  FileSlot &out = state.out;
+  out.precision = state.options.single ? 0 : 1;
+  if (state.options.xdr) {
+    try {
+      if (!out.xdr) out.xdr = std::make_unique<XDR>();
+    } catch (const std::bad_alloc &) {
+      error("Unable to open %s for write. Please check write permissions.", state.path.c_str());
+      return 0;
+    }
+    if (!bind_xdr_stream(out, XDR_ENCODE, kSource)) return 0;
+  }
+  if (state.options.single && !prepare_scratch(*state.model, kSource)) return 0;
+  return 1;
+}
+
+int write_version_and_header(WriteState &state, bool ready) {
   KRXDATA *model = state.model;
-  if (!options_ok || !stream_ok || !write_version_block(state.stream, state.options.version)) {
+  BlockIo io = state.io();
+  if (!ready || !write_version_block(io, state.options.version)) {
     error("Problem writing version number.");
     return 0;
   }
-  model->version = state.options.version;
-  std::array<char, 32> date = model->date;
-  date[31] = '\0';
-  std::size_t length = std::strlen(date.data());
-  if (length > 0 && date[length - 1] == '\n') date[length - 1] = '\0';
-  HeaderTexts header{model->title.data(),      date.data(),           model->input_name.data(),
-                     model->input_type.data(), model->comments[0].data(), model->comments[1].data(),
-                     model->comments[2].data()};
-  if (!write_header_block(state.stream, header)) {
+  HeaderBlock header;
+  make_header_block(*model, header);
+  if (!write_header_block(io, header)) {
     error("Problem writing header information.");
     return 0;
   }
@@ -285,7 +298,8 @@ int decide_content(WriteState &state) {
 int write_body(WriteState &state) {
   KRXDATA *model = state.model;
   print_summary(model);
-  if (!write_content_summary(state.stream, model->flags.data())) {
+  BlockIo io = state.io();
+  if (!write_content_block(io, model->flags)) {
     error("Problem writing content summary.\n");
     return 0;
   }
@@ -295,26 +309,35 @@ int write_body(WriteState &state) {
   return 1;
 }
 
+int run_write(WriteState &state) {
+  state.options = read_write_options();
+  apply_model_options(state);
+  report_write_options(state.options);
+  state.generation = state.options.generation;
+  state.dense_stress = state.generation != 60;
+  bool ready = !state.options.failed && prepare_encoding(state);
+  if (!write_version_and_header(state, ready)) return 0;
+  return decide_content(state) && write_body(state);
+}
+
 }  // namespace
 
 int write_krx(KRXDATA *model, const char *path) {
   if (!model || !path) return 0;
   WriteState state;
   state.model = model;
-  FILE *file = open_output(model, state, path);
-  if (!file) return 0;
-  state.options = read_write_options();
-  apply_model_options(state);
-  report_write_options(state.options);
-  state.generation = state.options.generation;
-  // Generation 60 lists only the nodes that carry values; the older generations every node.
-  state.dense_stress = state.generation != 60;
-  bool stream_ok = open_write_stream(state.stream, file, state.path.c_str(), state.options.xdr,
-                                     state.options.single);
-  int ok = write_version_and_header(state, !state.options.failed, stream_ok) &&
-           decide_content(state) && write_body(state);
-  ok = close_write_stream(state.stream) && ok;
-  if (!stream_ok) std::fclose(file);
+  if (!open_output(model, state, path)) return 0;
+  int ok = 0;
+  try {
+    ok = run_write(state);
+  } catch (const std::bad_alloc &) {
+    KRX_REPORT_ALLOC(kSource);
+    ok = 0;
+  }
+  // A full disk may show only when the buffer is flushed; an XDR stream over standard I/O keeps
+  // no buffer of its own, so the file's error flag tells about every byte.
+  if (std::fflush(state.out.file) != 0 || std::ferror(state.out.file)) ok = 0;
+  ok = close_stream(state.out) && ok;
   if (!ok) std::remove(state.path.c_str());
   return ok;
 }

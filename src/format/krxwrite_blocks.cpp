@@ -1,10 +1,12 @@
 // The writer's data blocks 4 to 32: for each flagged block its notes, its diagnostics and its
-// failure message; the bytes go through the stream layer in the catalogue's layouts.
+// failure message. Every layout is the catalogue's (krxformat.h); this file only gathers the
+// values from the model, a mode at a time for the per-mode blocks.
+#include <algorithm>
 #include <cassert>
-#include <cmath>
 #include <cstring>
 #include <vector>
 
+#include "format/krxformat.h"
 #include "format/krxwrite.h"
 #include "format/krxwrite_state.h"
 #include "host/krxmsg.h"
@@ -17,27 +19,23 @@ namespace krx {
 
 namespace {
 
-std::vector<int32_t> node_ids(const KRXDATA *model) {
-  std::vector<int32_t> ids;
-  ids.reserve(model->nodes.size());
-  for (const NodeRecord &node : model->nodes) ids.push_back(node.id);
-  return ids;
-}
-
 int write_nodal_coords(WriteState &state) {
-  KRXDATA *model = state.model;
-  KrxStream &s = state.stream;
+  const KRXDATA *model = state.model;
   note("\nNode info:\n   Count: %ld", long(model->nodes.size()));
+  NodalCoordsBlock block;
+  block.ids.reserve(model->nodes.size());
+  block.xyz.reserve(3 * model->nodes.size());
   std::vector<int32_t> at_origin;
-  if (!put_int(s, int32_t(model->nodes.size())) || !put_int(s, 3)) return 0;
   for (const NodeRecord &node : model->nodes) {
-    const double xyz[3] = {node.x, node.y, node.z};
-    if (!put_int(s, node.id) || !put_reals(s, xyz, 3)) return 0;
+    block.ids.push_back(node.id);
+    block.xyz.insert(block.xyz.end(), {node.x, node.y, node.z});
     if (node.x == 0.0 && node.y == 0.0 && node.z == 0.0) {
       if (at_origin.size() == at_origin.capacity()) at_origin.reserve(at_origin.size() + 100);
       at_origin.push_back(node.id);
     }
   }
+  BlockIo io = state.io();
+  if (!write_nodal_coords_block(io, block)) return 0;
   if (!at_origin.empty()) {
     warning("Found %d node(s) with coordinates (0,0,0).  They are:", int(at_origin.size()));
     for (int32_t id : at_origin) warning("   %d", id);
@@ -45,38 +43,15 @@ int write_nodal_coords(WriteState &state) {
   return 1;
 }
 
-// Faces grouped by vertex count (2 to 13), each face preceded by two ints that readers skip.
 int write_element_topology(WriteState &state) {
-  const std::vector<int32_t> &faces = state.model->faces;
-  KrxStream &s = state.stream;
-  constexpr int kGroups = 12;
-  std::vector<std::vector<std::size_t>> groups(kGroups);
-  int32_t face_total = 0;
-  for (std::size_t i = 0; i < faces.size(); i += std::size_t(faces[i]) + 1) {
-    int32_t count = faces[i];
-    if (count >= 2 && count <= 13) groups[count - 2].push_back(i);
-    ++face_total;
-  }
-  int32_t written = 0;
-  for (auto &g : groups) written += int32_t(g.size());
-  (void)face_total;
-  if (!put_int(s, written) || !put_int(s, kGroups)) return 0;
-  for (int g = 0; g < kGroups; ++g) {
-    if (!put_int(s, g) || !put_int(s, int32_t(groups[g].size())) || !put_int(s, g + 2)) return 0;
-  }
-  for (int g = 0; g < kGroups; ++g) {
-    for (std::size_t start : groups[g]) {
-      if (!put_int(s, 0) || !put_int(s, 0)) return 0;
-      for (int v = 1; v <= g + 2; ++v) {
-        if (!put_int(s, state.model->nodes[faces[start + v]].id)) return 0;
-      }
-    }
-  }
-  return 1;
+  ElementTopologyBlock block;
+  if (!make_element_topology_block(*state.model, block)) return 0;
+  BlockIo io = state.io();
+  return write_element_topology_block(io, block);
 }
 
 int write_global_props(WriteState &state) {
-  KRXDATA *model = state.model;
+  const KRXDATA *model = state.model;
   const double *c = model->centre_of_mass.data();
   const double *j = model->global_inertia.data();
   note("\nGlobal body properties:");
@@ -85,364 +60,343 @@ int write_global_props(WriteState &state) {
   note("Inertia Tensor: %lf %lf %lf", j[0], j[1], j[2]);
   note("%lf %lf %lf", j[3], j[4], j[5]);
   note("%lf %lf %lf", j[6], j[7], j[8]);
-  double values[13] = {model->total_mass, c[0], c[1], c[2]};
+  std::array<double, 13> values{model->total_mass, c[0], c[1], c[2]};
   for (int i = 0; i < 9; ++i) values[4 + i] = j[i];
-  return put_reals(state.stream, values, 13);
+  BlockIo io = state.io();
+  return write_global_body_block(io, values);
 }
 
+// Only the exported band, numbered from 1.
 int write_eigenvalues(WriteState &state) {
-  KRXDATA *model = state.model;
+  const KRXDATA *model = state.model;
   note("\nEigenvalue info:\n   Modes: %ld", long(state.band_count));
-  if (!put_int(state.stream, state.band_count)) return 0;
+  std::vector<EigenRecord> records;
+  records.reserve(std::size_t(state.band_count));
   for (int32_t j = 0; j < state.band_count; ++j) {
-    const EigenRecord &e = model->eigen[state.band_start + j];
-    const double values[5] = {e.eigenvalue, e.hertz, e.radians, e.generalized_mass,
-                              e.generalized_stiffness};
-    if (!put_int(state.stream, j + 1) || !put_reals(state.stream, values, 5)) return 0;
+    std::size_t at = std::size_t(state.band_start + j);
+    records.push_back(at < model->eigen.size() ? model->eigen[at] : EigenRecord{});
+    records.back().number = j + 1;
   }
-  return 1;
+  BlockIo io = state.io();
+  return write_eigenvalues_block(io, records);
 }
 
-// Blocks 8, 18 and 29: the node list, then one record per exported mode. Mode shapes list every
-// node; stresses and strains the kind's node list (sparse) or every node with zeros where a node
-// has no value (dense). The statistics are filled on the way.
-int write_mode_vectors(WriteState &state, int kind) {
-  KRXDATA *model = state.model;
-  KrxStream &s = state.stream;
-  bool dense = kind == kModeShapes || state.dense_stress;
-  std::vector<int32_t> ids = node_ids(model);
-  std::vector<int32_t> slot_of;  // dense stresses: the kind's slot per node position, -1 for none
-  if (kind != kModeShapes) {
-    const std::vector<int32_t> &list = model->store[kind].nodes;
-    if (dense) {
-      slot_of.assign(model->nodes.size(), -1);
-      for (std::size_t k = 0; k < list.size(); ++k) {
-        if (list[k] >= 0 && list[k] < int32_t(slot_of.size())) slot_of[list[k]] = int32_t(k);
-      }
-    } else {
-      ids.clear();
-      for (int32_t p : list) ids.push_back(model->nodes[p].id);
-    }
-  }
-  static const char *headers[3] = {"\nTrans Mode info:\n   Modes: %ld\n   Nodes: %ld",
+const char *const kModeHeads[3] = {"\nTrans Mode info:\n   Modes: %ld\n   Nodes: %ld",
                                    "\nStress Mode info:\n   Modes: %ld\n   Nodes: %ld",
                                    "\nStrain Mode info:\n   Modes: %ld\n   Nodes: %ld"};
-  note(headers[kind], long(state.band_count), long(ids.size()));
-  if (kind == kModeShapes) note("\nWriting Mode Shapes");
-  if (!put_int(s, state.band_count) || !put_int(s, int32_t(ids.size())) ||
-      !put_ints(s, ids.data(), ids.size())) {
-    return 0;
+const char *const kZeroTexts[3] = {"The mode shape for mode %d has only zero entries\n",
+                                   "The modal stresses for mode %d have only zero entries\n",
+                                   "The modal strains for mode %d have only zero entries\n"};
+
+// The node ids a per-mode block lists, and for a dense stress or strain block the slot of each
+// listed node in the kind's records (-1: the node has no values, zeros are written).
+void mode_block_nodes(const WriteState &state, int kind, std::vector<int32_t> &ids,
+                      std::vector<int32_t> &slot_of) {
+  const KRXDATA *model = state.model;
+  const std::vector<int32_t> &list = model->store[kind].nodes;
+  if (kind != kModeShapes && !state.dense_stress) {
+    for (int32_t p : list) ids.push_back(model->nodes[std::size_t(p)].id);
+    return;
   }
-  static const char *zero_texts[3] = {"The mode shape for mode %d has only zero entries\n",
-                                      "The modal stresses for mode %d have only zero entries\n",
-                                      "The modal strains for mode %d have only zero entries\n"};
-  std::vector<double> record(ids.size() * 6);
+  int32_t count = kind_node_count(model, kModeShapes);
+  for (int32_t p = 0; p < count; ++p) ids.push_back(model->nodes[std::size_t(p)].id);
+  if (kind == kModeShapes) return;
+  slot_of.assign(std::size_t(count), -1);
+  for (std::size_t s = 0; s < list.size(); ++s)
+    if (list[s] >= 0 && list[s] < count) slot_of[std::size_t(list[s])] = int32_t(s);
+}
+
+// The record of one exported mode as the block lists it: the store's record itself, or for a
+// dense block the record spread over every node.
+const double *block_record(KRXDATA *model, int kind, const std::vector<int32_t> &slot_of,
+                           std::vector<double> &spread) {
+  const std::vector<double> &held = model->store[kind].record;
+  if (slot_of.empty()) return held.data();
+  std::fill(spread.begin(), spread.end(), 0.0);
+  for (std::size_t n = 0; n < slot_of.size(); ++n) {
+    std::size_t from = std::size_t(slot_of[n]) * 6;
+    if (slot_of[n] >= 0 && from + 6 <= held.size()) std::copy_n(&held[from], 6, &spread[6 * n]);
+  }
+  return spread.data();
+}
+
+// Blocks 8, 18 and 29: the node list, then one record per exported mode, numbered from 1. The
+// vectors come from the store a mode at a time; the statistics are filled on the way.
+int write_mode_vectors(WriteState &state, int kind) {
+  KRXDATA *model = state.model;
+  std::vector<int32_t> ids, slot_of;
+  mode_block_nodes(state, kind, ids, slot_of);
+  note(kModeHeads[kind], long(state.band_count), long(ids.size()));
+  if (kind == kModeShapes) note("\nWriting Mode Shapes");
+  BlockIo io = state.io();
+  ModeBlockHead head;
+  head.modes = state.band_count;
+  head.ids = std::move(ids);
+  if (!write_mode_block_head(io, head)) return 0;
+  std::size_t nodes = head.ids.size();
+  std::vector<double> spread(slot_of.empty() ? 0 : 6 * nodes);
+  std::vector<double> zeros;
   for (int32_t j = 0; j < state.band_count; ++j) {
-    if (!load_mode_record_by_index(model, state.band_start + j, kind)) return 0;
-    const std::vector<double> &held = model->store[kind].record;
-    for (std::size_t n = 0; n < ids.size(); ++n) {
-      std::size_t from = n;
-      if (!slot_of.empty()) {
-        if (slot_of[n] < 0) {
-          std::fill_n(&record[6 * n], 6, 0.0);
-          continue;
-        }
-        from = std::size_t(slot_of[n]);
-      }
-      for (int c = 0; c < 6; ++c) {
-        record[6 * n + c] = 6 * from + c < held.size() ? held[6 * from + c] : 0.0;
-      }
+    const double *record = nullptr;
+    if (nodes > 0 && load_mode_record_by_index(model, state.band_start + j, kind) &&
+        model->store[kind].record.size() >= (slot_of.empty() ? 6 * nodes : 0)) {
+      record = block_record(model, kind, slot_of, spread);
+    } else {
+      zeros.assign(6 * nodes, 0.0);  // a mode never stored is a mode of zeros
+      record = zeros.data();
     }
     bool all_zero = true;
-    for (std::size_t n = 0; n < ids.size(); ++n) {
-      const double *v = &record[6 * n];
-      if (v[0] || v[1] || v[2] || v[3] || v[4] || v[5]) all_zero = false;
-      if (j < int32_t(model->statistics.size())) update_statistics(model->statistics[j], kind, ids[n], v);
+    ModalStatistics *stats =
+        std::size_t(j) < model->statistics.size() ? &model->statistics[std::size_t(j)] : nullptr;
+    for (std::size_t n = 0; n < nodes; ++n) {
+      const double *v = record + 6 * n;
+      if (v[0] != 0.0 || v[1] != 0.0 || v[2] != 0.0 || v[3] != 0.0 || v[4] != 0.0 || v[5] != 0.0)
+        all_zero = false;
+      if (stats) update_statistics(*stats, kind, head.ids[n], v);
     }
-    if (all_zero) warning(zero_texts[kind], j + 1);
-    if (state.generation != 10 && !put_int(s, j + 1)) return 0;
-    if (!put_reals(s, record.data(), record.size())) return 0;
+    if (all_zero) warning(kZeroTexts[kind], j + 1);
+    if (!write_mode_record(io, j + 1, record, nodes)) return 0;
   }
   return 1;
 }
 
 int write_nodal_masses(WriteState &state) {
-  KRXDATA *model = state.model;
-  KrxStream &s = state.stream;
-  if (!put_int(s, int32_t(model->nodes.size())) || !put_int(s, 1)) return 0;
+  const KRXDATA *model = state.model;
+  NodalMassesBlock block;
+  block.ids.reserve(model->nodes.size());
+  block.values.reserve(model->nodes.size());
   int massless = 0;
-  // The results of the per-node writes are not checked; the loop goes on regardless (kept so).
   for (const NodeRecord &node : model->nodes) {
+    block.ids.push_back(node.id);
+    block.values.push_back(node.mass);
     if (node.mass == 0.0) ++massless;
-    put_int(s, node.id);
-    put_reals(s, &node.mass, 1);
   }
+  BlockIo io = state.io();
+  if (!write_nodal_masses_block(io, block)) return 0;
   if (massless) warning("Found %d massless node(s)", massless);
   return 1;
 }
 
 int write_nodal_inertias(WriteState &state) {
-  KRXDATA *model = state.model;
-  KrxStream &s = state.stream;
-  static const char rows[6] = {4, 5, 6, 4, 4, 5}, columns[6] = {4, 5, 6, 5, 6, 6};
-  int32_t entries = 0;
-  for (const NodeRecord &node : model->nodes) {
-    if (!node.inertia) continue;
-    for (double v : *node.inertia) entries += v != 0.0;
-  }
-  note("\nNodal inertia info:\n   Sparse matrix entries: %ld", long(entries));
-  if (!put_int(s, entries)) return 0;
-  for (const NodeRecord &node : model->nodes) {
-    if (!node.inertia) continue;
-    for (int c = 0; c < 6; ++c) {
-      double v = (*node.inertia)[c];
-      if (v == 0.0) continue;
-      if (!put_int(s, node.id) || !put_chars(s, &rows[c], 1) || !put_chars(s, &columns[c], 1) ||
-          !put_reals(s, &v, 1)) {
-        return 0;
-      }
-    }
-  }
-  return 1;
+  std::vector<InertiaEntry> entries;
+  make_nodal_inertia_entries(*state.model, entries);
+  note("\nNodal inertia info:\n   Sparse matrix entries: %ld", long(entries.size()));
+  BlockIo io = state.io();
+  return write_nodal_inertia_block(io, entries);
 }
 
 int write_units(WriteState &state) {
-  char names[4][16] = {};
-  get_unit_names(state.model, names[0], names[1], names[2], names[3]);
-  note("\nUnits:\n   Mass:   %s\n   Length: %s\n   Time:   %s\n   Force:  %s", names[0], names[1],
-       names[2], names[3]);
-  for (auto &name : names) {
-    if (!put_chars(state.stream, name, 16)) return 0;
-  }
-  return 1;
+  std::array<std::array<char, 16>, 4> names{};
+  get_unit_names(state.model, names[0].data(), names[1].data(), names[2].data(), names[3].data());
+  note("\nUnits:\n   Mass:   %s\n   Length: %s\n   Time:   %s\n   Force:  %s", names[0].data(),
+       names[1].data(), names[2].data(), names[3].data());
+  BlockIo io = state.io();
+  return write_units_block(io, names);
 }
 
-// Blocks 12, 13 and 15: the non-zero entries over the exported modes, 1-based among them.
+// Blocks 12, 13 and 15: the non-zero entries over the exported modes, 1-based among them. The
+// model's list is appended to, never merged: the last value set for a pair wins.
 int write_generalized(WriteState &state, const std::vector<MatrixEntry> &entries) {
-  int32_t first = state.band_start, count = state.band_count;
-  std::vector<int32_t> rows, columns;
-  std::vector<double> values;
-  std::vector<double> dense = dense_matrix(entries, first + count);
+  int32_t first = state.band_start, count = state.band_count, order = first + count;
+  std::vector<double> dense = dense_matrix(entries, order);
+  MatrixBlock block;
+  block.order = count;
   for (int32_t r = 0; r < count; ++r) {
     for (int32_t c = 0; c < count; ++c) {
-      double v = dense[std::size_t(first + r) * (first + count) + first + c];
-      if (v == 0.0) continue;
-      rows.push_back(r + 1);
-      columns.push_back(c + 1);
-      values.push_back(v);
+      double v = dense[std::size_t(first + r) * std::size_t(order) + std::size_t(first + c)];
+      if (v != 0.0) block.entries.push_back({r + 1, c + 1, v, 1});
     }
   }
-  KrxStream &s = state.stream;
-  if (!put_int(s, int32_t(values.size())) || !put_int(s, count)) return 0;
-  for (std::size_t i = 0; i < values.size(); ++i) {
-    if (!put_int(s, rows[i]) || !put_int(s, columns[i]) || !put_reals(s, &values[i], 1) ||
-        !put_int(s, 1)) {
-      return 0;
-    }
-  }
-  return 1;
+  BlockIo io = state.io();
+  return write_matrix_block(io, block);
 }
 
 int write_element_faces(WriteState &state) {
-  KRXDATA *model = state.model;
-  KrxStream &s = state.stream;
-  int32_t words = int32_t(model->faces.size());
-  int32_t faces = 0;
-  std::vector<int32_t> list = model->faces;
-  // The face list holds node positions in memory and node ids in the file.
-  for (std::size_t i = 0; i < list.size(); i += std::size_t(model->faces[i]) + 1) {
-    ++faces;
-    for (int32_t v = 1; v <= model->faces[i] && i + v < list.size(); ++v) {
-      list[i + v] = model->nodes[model->faces[i + v]].id;
-    }
-  }
-  if (!put_int(s, 4 * words + 16) || !put_int(s, 0) || !put_int(s, faces) || !put_int(s, words) ||
-      !put_ints(s, list.data(), list.size())) {
-    return 0;
-  }
-  note("\nNumber of Element Faces: %d", faces);
+  ElementFacesBlock block;
+  if (!make_element_faces_block(*state.model, block)) return 0;
+  BlockIo io = state.io();
+  if (!write_element_faces_block(io, block)) return 0;
+  note("\nNumber of Element Faces: %d", block.face_count);
   return 1;
 }
 
 // The model's whole n x n transformation, over the host's mode numbers.
 int write_transformation(WriteState &state) {
-  KRXDATA *model = state.model;
-  std::vector<int32_t> numbers = model->transformation_modes;
-  int32_t n = int32_t(std::sqrt(double(model->transformation.size())) + 0.5);
-  if (int32_t(numbers.size()) != n) numbers.assign(model->modes.begin(), model->modes.begin() + std::min<std::size_t>(n, model->modes.size()));
-  numbers.resize(std::size_t(n), 0);
-  KrxStream &s = state.stream;
-  return put_int(s, n) && put_ints(s, numbers.data(), numbers.size()) &&
-         put_reals(s, model->transformation.data(), std::size_t(n) * n);
+  const KRXDATA *model = state.model;
+  TransformationBlock block;
+  block.modes = model->transformation_modes;
+  std::size_t n = block.modes.size();
+  if (model->transformation.size() != n * n) {
+    // No list of its own: the model's mode numbers, as many as the matrix has rows.
+    n = 0;
+    while ((n + 1) * (n + 1) <= model->transformation.size()) ++n;
+    block.modes.assign(model->modes.begin(), model->modes.begin() + std::min(n, model->modes.size()));
+    block.modes.resize(n, 0);
+  }
+  block.matrix.assign(model->transformation.begin(), model->transformation.begin() + n * n);
+  BlockIo io = state.io();
+  return write_transformation_block(io, block);
 }
 
 int write_interface_nodes(WriteState &state) {
+  const KRXDATA *model = state.model;
   std::vector<int32_t> ids;
-  for (int32_t p : state.model->interface_nodes) ids.push_back(state.model->nodes[p].id);
-  return put_int(state.stream, int32_t(ids.size())) && put_ints(state.stream, ids.data(), ids.size());
+  ids.reserve(model->interface_nodes.size());
+  for (int32_t p : model->interface_nodes) ids.push_back(model->nodes[std::size_t(p)].id);
+  BlockIo io = state.io();
+  return write_interface_block(io, ids);
 }
 
-int32_t invariant_modes(const WriteState &state) { return state.band_count; }
-
-// Invariants hold one value group per retained mode; the exported band is written.
-int write_invariant(WriteState &state, int number) {
+// Per-mode invariants hold one group per retained mode; the exported band is written, in the
+// layout the model keeps them in, over the band's m modes.
+void band_of_invariant(WriteState &state, int number, InvariantBlock &block) {
   KRXDATA *model = state.model;
-  KrxStream &s = state.stream;
-  int32_t m = invariant_modes(state), first = state.band_start;
-  int32_t held = int32_t(model->invariant3.size() / 3);
+  int32_t m = state.band_count, first = state.band_start;
+  std::size_t um = std::size_t(m);
+  block.modes = m;
+  std::vector<double> &out = block.values;
   switch (number) {
-    case 1: {
-      double v = invariant1(model);
-      return put_reals(s, &v, 1);
+    case 19: out.assign(1, invariant1(model)); return;
+    case 20: out = invariant2(model); out.resize(3, 0.0); return;
+    case 24: out = invariant7(model); out.resize(9, 0.0); return;
+    case 21:
+    case 22: {
+      std::vector<double> v = number == 21 ? invariant3(model) : invariant4(model);
+      std::size_t total = v.size() / 3;
+      out.assign(3 * um, 0.0);
+      for (std::size_t c = 0; c < 3; ++c)
+        for (std::size_t j = 0; j < um && first + j < total; ++j) out[c * um + j] = v[c * total + first + j];
+      return;
     }
-    case 2: {
-      std::vector<double> v = invariant2(model);
-      v.resize(3, 0.0);
-      return put_reals(s, v.data(), 3);
-    }
-    case 3:
-    case 4: {
-      std::vector<double> v = number == 3 ? invariant3(model) : invariant4(model);
-      int32_t total = int32_t(v.size() / 3);
-      std::vector<double> out(std::size_t(3) * m, 0.0);
-      for (int c = 0; c < 3; ++c) {
-        for (int32_t j = 0; j < m && first + j < total; ++j) out[c * m + j] = v[c * total + first + j];
+    case 23: {
+      out.assign(3 * um * um, 0.0);
+      for (std::size_t j = 0; j < um; ++j) {
+        std::vector<double> v = invariant5(model, int32_t(first + j));
+        std::size_t total = v.size() / 3;
+        for (std::size_t c = 0; c < 3; ++c)
+          for (std::size_t k = 0; k < um && first + k < total; ++k)
+            out[j * 3 * um + c * um + k] = v[c * total + first + k];
       }
-      return put_int(s, m) && put_reals(s, out.data(), out.size());
+      return;
     }
-    case 5: {
-      if (!put_int(s, m)) return 0;
-      for (int32_t j = 0; j < m; ++j) {
-        std::vector<double> v = invariant5(model, first + j);
-        int32_t total = held > 0 ? held : int32_t(v.size() / 3);
-        std::vector<double> out(std::size_t(3) * m, 0.0);
-        for (int c = 0; c < 3; ++c) {
-          for (int32_t k = 0; k < m && first + k < total && std::size_t(c * total + first + k) < v.size(); ++k) {
-            out[c * m + k] = v[c * total + first + k];
-          }
+    case 25: {
+      out.assign(9 * um, 0.0);
+      for (std::size_t j = 0; j < um; ++j) {
+        std::vector<double> v = invariant8(model, int32_t(first + j));
+        std::copy_n(v.begin(), std::min<std::size_t>(9, v.size()), &out[9 * j]);
+      }
+      return;
+    }
+    default: {  // 26
+      out.assign(9 * um * um, 0.0);
+      for (std::size_t j = 0; j < um; ++j)
+        for (std::size_t k = 0; k < um; ++k) {
+          std::vector<double> v = invariant9(model, int32_t(first + j), int32_t(first + k));
+          std::copy_n(v.begin(), std::min<std::size_t>(9, v.size()), &out[9 * (j * um + k)]);
         }
-        if (!put_reals(s, out.data(), out.size())) return 0;
-      }
-      return 1;
-    }
-    case 7: {
-      std::vector<double> v = invariant7(model);
-      v.resize(9, 0.0);
-      return put_reals(s, v.data(), 9);
-    }
-    case 8: {
-      if (!put_int(s, m)) return 0;
-      for (int32_t j = 0; j < m; ++j) {
-        std::vector<double> v = invariant8(model, first + j);
-        v.resize(9, 0.0);
-        if (!put_reals(s, v.data(), 9)) return 0;
-      }
-      return 1;
-    }
-    default: {
-      if (!put_int(s, m)) return 0;
-      for (int32_t j = 0; j < m; ++j) {
-        for (int32_t k = 0; k < m; ++k) {
-          std::vector<double> v = invariant9(model, first + j, first + k);
-          v.resize(9, 0.0);
-          if (!put_reals(s, v.data(), 9)) return 0;
-        }
-      }
-      return 1;
+      return;
     }
   }
+}
+
+int write_invariant(WriteState &state, int number) {
+  InvariantBlock block;
+  band_of_invariant(state, number, block);
+  BlockIo io = state.io();
+  return write_invariant_block(io, number, block);
 }
 
 std::vector<double> band_values(const WriteState &state, const std::vector<double> &values) {
   std::vector<double> out(std::size_t(state.band_count), 0.0);
   for (int32_t j = 0; j < state.band_count; ++j) {
     std::size_t i = std::size_t(state.band_start + j);
-    if (i < values.size()) out[j] = values[i];
+    if (i < values.size()) out[std::size_t(j)] = values[i];
   }
   return out;
 }
 
 int write_preload(WriteState &state) {
-  std::vector<double> v = band_values(state, state.model->preload);
-  KrxStream &s = state.stream;
-  return put_int(s, state.band_count) && put_int(s, state.model->preload_extra) &&
-         put_reals(s, v.data(), v.size());
+  PreloadBlock block;
+  block.extra = state.model->preload_extra;
+  block.values = band_values(state, state.model->preload);
+  BlockIo io = state.io();
+  return write_preload_block(io, block);
 }
 
 int write_modal_loads(WriteState &state) {
-  KRXDATA *model = state.model;
-  KrxStream &s = state.stream;
-  if (!put_int(s, state.band_count) || !put_int(s, int32_t(model->load_cases.size()))) return 0;
-  for (const LoadCase &load : model->load_cases) {
-    char label[256] = {};
-    std::strncpy(label, load.label.c_str(), 255);
-    std::vector<double> v = band_values(state, load.values);
-    if (!put_chars(s, label, 256) || !put_int(s, load.applied) || !put_reals(s, v.data(), v.size())) {
-      return 0;
-    }
+  ModalLoadsBlock block;
+  block.modes = state.band_count;
+  for (const LoadCase &load : state.model->load_cases) {
+    LoadCaseRecord record;
+    std::strncpy(record.name.data(), load.label.c_str(), record.name.size() - 1);
+    record.projected = load.applied;
+    record.values = band_values(state, load.values);
+    block.cases.push_back(std::move(record));
   }
-  return 1;
+  BlockIo io = state.io();
+  return write_modal_loads_block(io, block);
 }
 
 int write_statistics(WriteState &state) {
-  KRXDATA *model = state.model;
-  KrxStream &s = state.stream;
-  if (!put_int(s, int32_t(model->statistics.size()))) return 0;
-  for (const ModalStatistics &stats : model->statistics) {
-    if (!put_ints(s, stats.ints.data(), 13) || !put_reals(s, stats.reals.data(), 13)) return 0;
-  }
-  return 1;
+  BlockIo io = state.io();
+  return write_statistics_block(io, state.model->statistics);
 }
 
+// Blocks 31 and 32 follow the node list of blocks 18 and 29: spread over every mode-shape node
+// in a dense file.
 int write_pre_values(WriteState &state, int kind) {
-  const std::vector<double> &values = kind == kModalStress ? state.model->pre_stress : state.model->pre_strain;
-  int32_t n = int32_t(values.size() / 6);
+  const KRXDATA *model = state.model;
+  const std::vector<double> &values = kind == kModalStress ? model->pre_stress : model->pre_strain;
+  std::vector<double> spread;
+  const std::vector<double> *written = &values;
+  if (state.dense_stress) {
+    std::vector<int32_t> ids, slot_of;
+    mode_block_nodes(state, kind, ids, slot_of);
+    spread.assign(6 * slot_of.size(), 0.0);
+    for (std::size_t n = 0; n < slot_of.size(); ++n) {
+      std::size_t from = std::size_t(slot_of[n]) * 6;
+      if (slot_of[n] >= 0 && from + 6 <= values.size()) std::copy_n(&values[from], 6, &spread[6 * n]);
+    }
+    written = &spread;
+  }
   note(kind == kModalStress ? "\nPre-Stress info:\n   Nodes: %ld" : "\nPre-Strain info:\n   Nodes: %ld",
-       long(n));
-  return put_int(state.stream, n) && put_reals(state.stream, values.data(), std::size_t(n) * 6);
+       long(written->size() / 6));
+  BlockIo io = state.io();
+  return write_pre_block(io, *written);
 }
 
-struct BlockRule {
-  int flag;
-  const char *failure;
+const char *const kFailures[kBlockCount + 1] = {
+    "", "", "", "",
+    "Problem writing nodal coordinates.\n",
+    "Problem writing element topology map.",
+    "Problem writing Global Body Properties.",
+    "Problem writing eigenvalues.",
+    "Problem writing Mode Shapes.",
+    "Problem writing Nodal Masses.\n",
+    "Problem writing Nodal Inertia info.",
+    "Problem writing Units strings.",
+    "Problem writing Generalized Stiffness info.",
+    "Problem writing Generalized Mass info.",
+    "Problem writing element face info.",
+    "Problem writing Generalized Damping info.",
+    "Problem writing Mode Shape Transformation.",
+    "Problem writing Interface Nodes.",
+    "Problem writing Modal Stress.\n",
+    "Problem writing Invariant 1.\n",
+    "Problem writing Invariant 2.\n",
+    "Problem writing Invariant 3.\n",
+    "Problem writing Invariant 4.\n",
+    "Problem writing Invariant 5.\n",
+    "Problem writing Invariant 7.\n",
+    "Problem writing Invariant 8.\n",
+    "Problem writing Invariant 9.\n",
+    "Problem writing Preload.\n",
+    "Problem writing Modal Loads.\n",
+    "Problem writing Modal Strain.",
+    "Problem writing Modal Statistics.\n",
+    "Problem writing Pre-Stress.\n",
+    "Problem writing Pre-Strain.\n",
 };
-
-// Block number to content flag and failure message; blocks 1 to 3 are written by the pipeline.
-const BlockRule &rule_of(int block) {
-  static const BlockRule rules[kBlockCount + 1] = {
-      {-1, ""}, {-1, ""}, {-1, ""}, {-1, ""},
-      {kFlagNodalCoords, "Problem writing nodal coordinates.\n"},
-      {kFlagElementTopology, "Problem writing element topology map."},
-      {kFlagGlobalBodyProps, "Problem writing Global Body Properties."},
-      {kFlagEigenvalues, "Problem writing eigenvalues."},
-      {kFlagModeShapes, "Problem writing Mode Shapes."},
-      {kFlagNodalMasses, "Problem writing Nodal Masses.\n"},
-      {kFlagNodalInertias, "Problem writing Nodal Inertia info."},
-      {kFlagUnits, "Problem writing Units strings."},
-      {kFlagGeneralizedStiffness, "Problem writing Generalized Stiffness info."},
-      {kFlagGeneralizedMass, "Problem writing Generalized Mass info."},
-      {kFlagElementFaces, "Problem writing element face info."},
-      {kFlagGeneralizedDamping, "Problem writing Generalized Damping info."},
-      {kFlagModeTransformation, "Problem writing Mode Shape Transformation."},
-      {kFlagInterfaceNodes, "Problem writing Interface Nodes."},
-      {kFlagModalStress, "Problem writing Modal Stress.\n"},
-      {kFlagInvariant1, "Problem writing Invariant 1.\n"},
-      {kFlagInvariant1 + 1, "Problem writing Invariant 2.\n"},
-      {kFlagInvariant1 + 2, "Problem writing Invariant 3.\n"},
-      {kFlagInvariant1 + 3, "Problem writing Invariant 4.\n"},
-      {kFlagInvariant1 + 4, "Problem writing Invariant 5.\n"},
-      {kFlagInvariant7, "Problem writing Invariant 7.\n"},
-      {kFlagInvariant8, "Problem writing Invariant 8.\n"},
-      {kFlagInvariant9, "Problem writing Invariant 9.\n"},
-      {kFlagPreload, "Problem writing Preload.\n"},
-      {kFlagModalLoads, "Problem writing Modal Loads.\n"},
-      {kFlagModalStrain, "Problem writing Modal Strain."},
-      {kFlagModalStatistics, "Problem writing Modal Statistics.\n"},
-      {kFlagPreStress, "Problem writing Pre-Stress.\n"},
-      {kFlagPreStrain, "Problem writing Pre-Strain.\n"},
-  };
-  return rules[block];
-}
 
 int dispatch(WriteState &state, int block) {
   KRXDATA *model = state.model;
@@ -462,29 +416,26 @@ int dispatch(WriteState &state, int block) {
     case 16: return write_transformation(state);
     case 17: return write_interface_nodes(state);
     case 18:
-    case 29: {
-      int kind = block == 18 ? kModalStress : kModalStrain;
+    case 29:
       assert((state.dense_stress ? !state.options.sparse_str : true) &&
              "write_dense_modes ? !trim_stress_strain : KRX_TRUE");
-      return write_mode_vectors(state, kind);
-    }
-    case 19: case 20: case 21: case 22: case 23: return write_invariant(state, block - 18);
-    case 24: case 25: case 26: return write_invariant(state, block - 17);
+      return write_mode_vectors(state, block == 18 ? kModalStress : kModalStrain);
     case 27: return write_preload(state);
     case 28: return write_modal_loads(state);
     case 30: return write_statistics(state);
     case 31: return write_pre_values(state, kModalStress);
-    default: return write_pre_values(state, kModalStrain);
+    case 32: return write_pre_values(state, kModalStrain);
+    default: return write_invariant(state, block);  // 19 to 26
   }
 }
 
 }  // namespace
 
 int write_data_block(WriteState &state, int block) {
-  const BlockRule &rule = rule_of(block);
-  if (rule.flag < 0 || !state.model->flags[rule.flag]) return 1;
+  const BlockInfo *info = block_info(block);
+  if (!info || info->flag < 0 || !state.model->flags[std::size_t(info->flag)]) return 1;
   if (dispatch(state, block)) return 1;
-  error("%s", rule.failure);
+  error("%s", kFailures[block]);
   return 0;
 }
 

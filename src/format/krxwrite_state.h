@@ -6,8 +6,8 @@
 #include <string>
 #include <vector>
 
+#include "format/krxformat.h"
 #include "format/krxoptions.h"
-#include "format/krxstream.h"
 #include "model/krxdata.h"
 
 namespace krx {
@@ -16,13 +16,17 @@ struct WriteState {
   KRXDATA *model = nullptr;
   std::string path;
   WriteOptions options;
-  KrxStream stream;
+  FileSlot out;  // the output file; the model's own slot keeps the file it was read from
   int generation = 60;
   // The exported band of retained modes: records [band_start, band_start + band_count).
   int32_t band_start = 0;
   int32_t band_count = 0;
-  bool dense_stress = true;  // every mode-shape node listed in blocks 18 and 29
+  // Generation 60 lists only the nodes that carry stress (strain) values; every other generation
+  // lists every mode-shape node, with zeros where a node has none.
+  bool dense_stress = false;
   bool reduction_failed = false;
+
+  BlockIo io() { return BlockIo{out, model->scratch, generation, -1, false}; }
 };
 
 // Writes block 4 to 32 of the given number when flagged; prints the block's notes and diagnostics

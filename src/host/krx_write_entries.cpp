@@ -3,6 +3,7 @@
 // removed); KRX_WRITE_VELOX_KRX copies exactly the hidden length, blanks and all, without limit.
 #include <cstring>
 #include <memory>
+#include <string>
 #include <new>
 
 #include "format/krxwrite.h"
@@ -22,7 +23,7 @@ KRX_API void KRX_WRITE_VELOX_KRX(const char *path, int *normal_modes, int *addit
                                  int *status, int path_len) {
   krx::run_entry(status, [&](krx::KRXDATA *model) {
     // The result is ignored on purpose: the file is written in any case.
-    krx::generate_additional_masses(model, *normal_modes, *additional_modes);
+    krx::add_generalized_masses(model, *normal_modes, *additional_modes);
     std::unique_ptr<char[]> name;
     if (path_len >= 0) name.reset(new (std::nothrow) char[std::size_t(path_len) + 1]());
     if (!name) {

@@ -10,6 +10,7 @@
 #include "model/krxtools.h"
 #include "processing/krxinvar.h"
 #include "processing/krxnumerics.h"
+#include "processing/krxunits.h"
 
 namespace krx {
 
@@ -54,18 +55,6 @@ int apply_resultant(KRXDATA *model, std::vector<double> &values, int k, bool rig
 }
 
 }  // namespace
-
-int rigid_body_mode_count(const KRXDATA *model) {
-  const std::vector<EigenRecord> &e = model->eigen;
-  int n = int(e.size());
-  if (model->retained_set && model->retained_modes < n) n = model->retained_modes;
-  if (n < 2) return 0;
-  for (int j = 1; j < n; ++j) {
-    if (std::fabs(e[0].hertz) < 0.1 && std::fabs(e[j].hertz) > 10.0) return j;
-    if (std::fabs(e[j].hertz) > 10000.0 * std::fabs(e[j - 1].hertz)) return j;
-  }
-  return 0;
-}
 
 int nodal_mass_resultant(KRXDATA *model, const std::vector<double> &values, int k,
                          std::array<double, 6> &out) {

@@ -11,10 +11,6 @@
 
 namespace krx {
 
-// Number of leading rigid-body modes among the retained modes, from the eigenvalue records'
-// frequencies; 0 with fewer than two records.
-int rigid_body_mode_count(const KRXDATA *model);
-
 // Resultants of the first k entries of a modal vector. Both return 1 on success, 0 on failure.
 // From the nodal masses and the mode shapes of the k modes.
 int nodal_mass_resultant(KRXDATA *model, const std::vector<double> &values, int k,
