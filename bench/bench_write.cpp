@@ -5,8 +5,13 @@
 //   bench_write [modes]   (default 50; run with 10 and 100 to see that memory does not grow)
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
+#include <dirent.h>
+
+#include <algorithm>
 #include <chrono>
+#include <map>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
@@ -26,7 +31,27 @@ double seconds_since(Clock::time_point t) {
 Clock::time_point g_start;
 double g_eigen_start = -1, g_band = -1, g_summary = -1;
 
+// The temporary files of the run, by name, at the largest size seen: the directory is looked at
+// on every message, and the store lays each file out at its full size when it makes it.
+std::string g_dir;
+std::map<std::string, long long> g_temporary;
+void scan_temporary() {
+  DIR *d = opendir(g_dir.c_str());
+  if (!d) return;
+  while (dirent *e = readdir(d)) {
+    if (std::strncmp(e->d_name, "krx_", 4) != 0) continue;
+    struct stat st;
+    std::string path = g_dir + "/" + e->d_name;
+    if (::stat(path.c_str(), &st) == 0) {
+      long long &seen = g_temporary[e->d_name];
+      seen = std::max<long long>(seen, st.st_size);
+    }
+  }
+  closedir(d);
+}
+
 int on_message(const char *text) {
+  scan_temporary();
   double t = seconds_since(g_start);
   if (std::strstr(text, "Solving Generalized Eigenvalue Problem") && g_eigen_start < 0) g_eigen_start = t;
   if (std::strstr(text, "Exporting frequency range")) g_band = t;
@@ -63,7 +88,13 @@ int main(int argc, char **argv) {
   int modes = argc > 1 ? std::atoi(argv[1]) : 50;
   const int nx = 500, ny = 400, nodes = nx * ny;
   const char *tmp = std::getenv("TMP");
-  std::string dir = tmp ? tmp : "/tmp";
+  std::string base = tmp ? tmp : "/tmp";
+  std::vector<char> pattern(base.begin(), base.end());
+  for (char c : std::string("/krxbench_XXXXXX")) pattern.push_back(c);
+  pattern.push_back('\0');
+  if (!mkdtemp(pattern.data())) return 2;
+  std::string dir = g_dir = pattern.data();
+  setenv("TMP", dir.c_str(), 1);
   std::string out = dir + "/bench_write.krx";
   setenv("QOR_KRXWRITE_OPTIONS", "full_invar", 1);
   krx_register_host_callbacks(on_message, on_error, on_inquiry);
@@ -105,17 +136,19 @@ int main(int argc, char **argv) {
     }
   }
   double setters = seconds_since(g_start);
+  scan_temporary();
   KRX_WRITE_KRX(out.c_str(), &status, int(out.size()));
   double total = seconds_since(g_start);
   int write_status = status;
+  scan_temporary();
   KRX_TERMINATE(&status);
 
   double eigen_from = g_eigen_start >= 0 ? g_eigen_start : setters;
   double eigen = g_band - eigen_from, invariants = g_summary - g_band, blocks = total - g_summary;
   double write = total - setters;
   long long output = file_size(out);
-  // Temporary bytes: the two store files laid out, their orthogonal rewrite, plus the output.
-  long long temporary = 2LL * 2 * modes * nodes * 48LL;
+  long long temporary = 0;
+  for (const auto &[name, size] : g_temporary) temporary += size;
   long long bytes = temporary + output;
   double plain = plain_fwrite(dir + "/bench_plain.bin", bytes);
   struct rusage usage;
@@ -126,8 +159,11 @@ int main(int argc, char **argv) {
   std::printf("invariants etc.      %8.3f s\n", invariants);
   std::printf("block writing        %8.3f s  (%.1f MB/s)\n", blocks, output / 1e6 / blocks);
   std::printf("whole write          %8.3f s  (%.1f MB output)\n", write, output / 1e6);
-  std::printf("plain fwrite         %8.3f s  (%.1f MB)  ratio %.2f\n", plain, bytes / 1e6, write / plain);
+  std::printf("temporary files      %8.1f MB in %zu files\n", temporary / 1e6, g_temporary.size());
+  std::printf("plain fwrite         %8.3f s  (%.1f MB = temporary + output)  whole write / plain %.2f\n",
+              plain, bytes / 1e6, write / plain);
   std::printf("peak memory          %8.1f MB\n", usage.ru_maxrss / 1024.0);
   std::remove(out.c_str());
+  rmdir(dir.c_str());
   return write_status;
 }
