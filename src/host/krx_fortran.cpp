@@ -32,7 +32,7 @@ std::string trim_host_string(const char *text, int length, std::size_t field) {
   return buffer;
 }
 
-// PENDING: replaced by processing/krxeigen.h once it lands.
+// The eigen solution's (processing/krxeigen.h); this line gives way to that include when it lands.
 int fill_mode_transformation(KRXDATA *model, std::vector<double> &column_major_n_by_n);
 
 namespace {
