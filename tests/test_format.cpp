@@ -51,7 +51,7 @@ template <typename T, typename Get>
 std::vector<T> bulk_read(const std::vector<unsigned char> &bytes, std::size_t n, Get get) {
   FileSlot io;
   io.file = std::tmpfile();
-  std::fwrite(bytes.data(), 1, bytes.size(), io.file);
+  if (!bytes.empty()) std::fwrite(bytes.data(), 1, bytes.size(), io.file);
   std::rewind(io.file);
   EXPECT_TRUE(bind_xdr_stream(io, XDR_DECODE, "..\\test"));
   std::vector<T> values(n);

@@ -153,7 +153,7 @@ TEST(LuKernels, IdentityDecomposesAndInvertsToItself) {
     for (int j = 0; j < 6; ++j) EXPECT_EQ(inv[i * 6 + j], i == j ? 1.0 : 0.0);
 }
 
-TEST(LuKernels, ZeroFirstColumnFailsButLastPivotFailsOnlyInTheSolve) {
+TEST(LuKernels, ZeroLeadingColumnIsRefusedWhileAZeroLastPivotShowsInTheSolve) {
   double m[3][3] = {{0, 1, 2}, {0, 3, 4}, {0, 5, 7}};
   double *rows[3] = {m[0], m[1], m[2]};
   int32_t perm[3];

@@ -40,7 +40,7 @@ TEST_F(Setters, HeaderWarnsOfLongTextsAndBlanksNewlinesInTheCallersText) {
   EXPECT_EQ(std::string(model()->comments[2].data()), "line one line two");
   EXPECT_EQ(host.texts(2), (std::vector<std::string>{
                                "Title too big: max size 127, specified size 130.\nTruncating title.",
-                               "Input file type spec too big: max size 15, specified size 20.\n"
+                               "Input file type sp" "ec too big: max size 15, specified size 20.\n"
                                "Truncating input file type.",
                                "Comment 1 too big: max size 79, specified size 81.\n"
                                "Truncating Comment 1."}));

