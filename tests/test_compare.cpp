@@ -1,0 +1,293 @@
+// The file comparison: verdict lines and results on models filled directly, fatal exits in a
+// forked child, and the command-line tool on files written through the exported entries.
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstdio>
+#include <fstream>
+#include <functional>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "inspect/krxcompare.h"
+#include "model/krxdata.h"
+#include "model/krxtools.h"
+#include "testsupport.h"
+
+namespace {
+
+constexpr double kTolerance = 1e-5;
+constexpr int kNodes = 12;
+constexpr int kStressNodes = 8;
+constexpr int kModes = 9;
+
+// Smooth, distinct shapes; modes 7 and 8 share the eigenvalue 400.
+double shape_value(int mode, int node, int dof) {
+  return std::sin(0.37 * (mode + 1) * (node + 1) + 0.9 * dof + mode) + (dof == mode % 6 ? 0.5 : 0.0);
+}
+double stress_value(int mode, int node, int dof) {
+  return 1e3 * std::cos(0.21 * (mode + 2) * (node + 1) + 0.4 * dof);
+}
+
+// What a model is built from; tests change one thing and build the new model.
+struct ModelSpec {
+  std::vector<int> ids;
+  std::vector<std::array<double, 3>> xyz;
+  std::vector<double> eigenvalues{1e-7, -2e-7, 3e-7, 0.0, 1e-7, 2e-7, 400.0, 400.0, 900.0};
+  std::function<double(int, int, int)> shape = shape_value;
+  std::function<double(int, int, int)> stress = stress_value;
+  int stress_nodes = kStressNodes;
+  bool eigen_flag = true;
+
+  ModelSpec() {
+    for (int n = 0; n < kNodes; ++n) {
+      ids.push_back(101 + n);
+      xyz.push_back({0.5 * n, 0.1 * n * n / 10.0, n % 3 - 1.0});
+    }
+  }
+};
+
+// Mode m' of a spec whose modes 7 and 8 (positions 6 and 7) are rotated inside their eigenspace.
+std::function<double(int, int, int)> rotated(std::function<double(int, int, int)> f) {
+  return [f](int m, int n, int d) {
+    const double c = std::cos(0.6), s = std::sin(0.6);
+    if (m == 6) return c * f(6, n, d) + s * f(7, n, d);
+    if (m == 7) return -s * f(6, n, d) + c * f(7, n, d);
+    return f(m, n, d);
+  };
+}
+
+std::function<double(int, int, int)> flipped(std::function<double(int, int, int)> f) {
+  return [f](int m, int n, int d) { return m == 6 || m == 8 ? -f(m, n, d) : f(m, n, d); };
+}
+
+krx::KRXDATA *build(const ModelSpec &spec) {
+  krx::KRXDATA *model = krx::create_model((uint32_t)spec.ids.size(), kModes);
+  for (std::size_t n = 0; n < spec.ids.size(); ++n) {
+    const int32_t p = krx::node_position_or_add(model, spec.ids[n]);
+    model->nodes[p].x = spec.xyz[n][0];
+    model->nodes[p].y = spec.xyz[n][1];
+    model->nodes[p].z = spec.xyz[n][2];
+    model->nodes[p].mass = 0.25 + 0.01 * n;
+  }
+  model->flags[krx::kFlagNodalCoords] = 1;
+  model->flags[krx::kFlagNodalMasses] = 1;
+  for (int m = 0; m < (int)spec.eigenvalues.size(); ++m) {
+    krx::EigenRecord record;
+    record.number = m + 1;
+    record.eigenvalue = spec.eigenvalues[m];
+    record.hertz = std::sqrt(std::fabs(spec.eigenvalues[m])) / krx::kTwoPi;
+    record.radians = std::sqrt(std::fabs(spec.eigenvalues[m]));
+    record.generalized_mass = 1.0;
+    record.generalized_stiffness = spec.eigenvalues[m];
+    model->eigen.push_back(record);
+    for (std::size_t n = 0; n < spec.ids.size(); ++n) {
+      double v[6];
+      for (int d = 0; d < 6; ++d) v[d] = spec.shape(m, (int)n, d);
+      EXPECT_EQ(krx::store_node_vector(model, m + 1, spec.ids[n], krx::kModeShapes, v), 1);
+      if ((int)n >= spec.stress_nodes) continue;
+      for (int d = 0; d < 6; ++d) v[d] = spec.stress(m, (int)n, d);
+      EXPECT_EQ(krx::store_node_vector(model, m + 1, spec.ids[n], krx::kModalStress, v), 1);
+    }
+  }
+  model->flags[krx::kFlagEigenvalues] = spec.eigen_flag ? 1 : 0;
+  return model;
+}
+
+struct Outcome {
+  int result = 0;
+  std::string out;
+};
+
+Outcome compare(const ModelSpec &base_spec, const ModelSpec &new_spec, int verbosity,
+                double tolerance = kTolerance) {
+  krx::KRXDATA *base = build(base_spec);
+  krx::KRXDATA *fresh = build(new_spec);
+  testing::internal::CaptureStdout();
+  Outcome outcome;
+  outcome.result = krx::compare_files(base, fresh, verbosity, tolerance);
+  outcome.out = testing::internal::GetCapturedStdout();
+  krx::release_model(fresh);
+  krx::release_model(base);
+  return outcome;
+}
+
+// Runs the comparison in a forked child whose standard output goes to a file; the child's exit
+// status and what it printed.
+struct Exit {
+  int status = -1000;
+  std::string out;
+};
+
+Exit compare_in_child(const ModelSpec &base_spec, const ModelSpec &new_spec, int verbosity) {
+  krxtest::TempDir dir;
+  const std::string path = dir.file("out.txt");
+  std::fflush(stdout);
+  const pid_t pid = fork();
+  if (pid == 0) {
+    if (!std::freopen(path.c_str(), "w", stdout)) _exit(99);
+    setenv("TMP", dir.path.c_str(), 1);  // the child's temporary vector files go with the directory
+    krx::KRXDATA *base = build(base_spec);
+    krx::KRXDATA *fresh = build(new_spec);
+    krx::compare_files(base, fresh, verbosity, kTolerance);
+    std::fflush(stdout);
+    _exit(0);
+  }
+  int status = 0;
+  waitpid(pid, &status, 0);
+  Exit result;
+  if (WIFEXITED(status)) result.status = WEXITSTATUS(status);
+  std::ifstream in(path);
+  std::stringstream text;
+  text << in.rdbuf();
+  result.out = text.str();
+  return result;
+}
+
+bool contains(const std::string &text, const std::string &part) {
+  return text.find(part) != std::string::npos;
+}
+
+TEST(CompareModels, AModelAgainstItselfPassesAtEveryVerbosity) {
+  const ModelSpec spec;
+  const Outcome full = compare(spec, spec, 2);
+  EXPECT_EQ(full.result, 0);
+  EXPECT_TRUE(contains(full.out, "->Building node map for nodes.\n"));
+  EXPECT_TRUE(contains(full.out, "->Building node map for shape modes. \n"));
+  EXPECT_TRUE(contains(full.out, "->Building node map for stress modes. \n"));
+  EXPECT_TRUE(contains(full.out, "  Pass Version\n"));
+  EXPECT_TRUE(contains(full.out, "  Pass NodeCount: 12\n  Pass NodeCoordinates\n  Delta: 0.000000e+00\n"));
+  EXPECT_TRUE(contains(full.out, "  Pass EigenVector rotational: #9\n"));
+  EXPECT_TRUE(contains(full.out, "  Pass Stress Mode: #9\n"));
+  EXPECT_FALSE(contains(full.out, "->Fail"));
+  EXPECT_TRUE(full.out.ends_with(" Files are equivalent\n\n"));
+
+  const Outcome summary = compare(spec, spec, 1);
+  EXPECT_EQ(summary.result, 0);
+  EXPECT_EQ(summary.out, "->Note block_6__global_body_props not checked\n"
+                         "->Note block_11__units not checked\n"
+                         " Files are equivalent\n\n");
+  EXPECT_EQ(compare(spec, spec, 0).out, "");
+  const Outcome silent = compare(spec, spec, -1);
+  EXPECT_EQ(silent.result, 0);
+  EXPECT_EQ(silent.out, "");
+}
+
+TEST(CompareModels, FlippedAndRotatedModesOfAnEigenspacePass) {
+  const ModelSpec base;
+  ModelSpec flips;
+  flips.shape = flipped(shape_value);
+  flips.stress = flipped(stress_value);
+  const Outcome a = compare(base, flips, 2);
+  EXPECT_EQ(a.result, 0) << a.out;
+
+  ModelSpec turned;
+  turned.shape = rotated(shape_value);
+  turned.stress = rotated(stress_value);
+  const Outcome b = compare(base, turned, 2);
+  EXPECT_EQ(b.result, 0) << b.out;
+
+  // The same rotation between modes of different eigenvalues is a real difference.
+  ModelSpec apart;
+  apart.eigenvalues[7] = 401.0;
+  ModelSpec wrong = turned;
+  wrong.eigenvalues[7] = 401.0;
+  const Outcome c = compare(apart, wrong, 0);
+  EXPECT_LT(c.result, 0);
+  EXPECT_TRUE(contains(c.out, "->Fail EigenVector translational: #7\n")) << c.out;
+  EXPECT_TRUE(contains(c.out, "->Fail ModeShape, 2 times\n")) << c.out;
+}
+
+// Perturbs one value of the new model by a relative amount and compares at verbosity 0.
+Outcome perturbed(const std::function<void(ModelSpec &, double)> &change, double amount) {
+  const ModelSpec base;
+  ModelSpec fresh;
+  change(fresh, amount);
+  return compare(base, fresh, 0);
+}
+
+TEST(CompareModels, PerturbationsFailBeyondTheToleranceAndPassBelowIt) {
+  // The largest base coordinate is 5.5: a shift of 5.5e-4 is a ratio of 1e-4.
+  auto coordinate = [](ModelSpec &s, double r) { s.xyz[4][0] += 5.5 * r; };
+  EXPECT_EQ(perturbed(coordinate, 1e-4).out, "->Fail NodeCoordinates\n  Delta: 1.000000e-04\n");
+  EXPECT_EQ(perturbed(coordinate, 1e-4).result, -1);
+  EXPECT_EQ(perturbed(coordinate, 1e-6).result, 0);
+
+  auto eigenvalue = [](ModelSpec &s, double r) { s.eigenvalues[8] *= 1.0 + r; };
+  const Outcome e = perturbed(eigenvalue, 1e-4);
+  EXPECT_TRUE(e.out.starts_with("->Fail EigenValue: #9\n  Delta: 1.000000e-04\n")) << e.out;
+  EXPECT_TRUE(contains(e.out, "->Fail Eigenvalues\n")) << e.out;
+  EXPECT_LT(e.result, 0);
+  EXPECT_EQ(perturbed(eigenvalue, 1e-7).result, 0);
+
+  auto stress = [](ModelSpec &s, double r) {
+    s.stress = [r](int m, int n, int d) {
+      return stress_value(m, n, d) * (m == 8 && n == 2 && d == 0 ? 1.0 + r : 1.0);
+    };
+  };
+  const Outcome s = perturbed(stress, 1e-2);
+  EXPECT_TRUE(contains(s.out, "->Fail Stress Mode: #9\n  Delta: ")) << s.out;
+  EXPECT_EQ(s.result, -1);
+  EXPECT_EQ(perturbed(stress, 1e-7).result, 0);
+
+  auto shape = [](ModelSpec &s, double r) {
+    s.shape = [r](int m, int n, int d) { return shape_value(m, n, d) + (m == 8 && n == 5 && d == 4 ? r : 0.0); };
+  };
+  const Outcome m = perturbed(shape, 1e-2);
+  EXPECT_EQ(m.out.rfind("->Fail EigenVector rotational: #9\n", 0), 0u) << m.out;
+  EXPECT_TRUE(contains(m.out, "->Fail ModeShape, 1 times\n"));
+  EXPECT_EQ(m.result, -1);
+  EXPECT_EQ(perturbed(shape, 1e-8).result, 0);
+}
+
+TEST(CompareModels, AZeroRotationalPartInTheBaseIsNotedAndStillCompared) {
+  ModelSpec base;
+  base.shape = [](int m, int n, int d) { return d >= 3 ? 0.0 : shape_value(m, n, d); };
+  const Outcome same = compare(base, base, 1);
+  EXPECT_EQ(same.result, 0);
+  EXPECT_TRUE(contains(same.out, "->Note base EigenVectorRotational=0\n"));
+  const Outcome other = compare(base, ModelSpec(), 0);
+  EXPECT_TRUE(contains(other.out, "->Fail EigenVector rotational: #1\n  Delta: 1.000000e+00\n"));
+}
+
+TEST(CompareFatal, MissingNodesAndBlocksEndTheProcessWithMinusOne) {
+  ModelSpec base, extra;
+  extra.ids.push_back(999);
+  extra.xyz.push_back({0.0, 0.0, 0.0});
+  Exit missing = compare_in_child(base, extra, 0);
+  EXPECT_EQ(missing.status, 255);
+  EXPECT_EQ(missing.out, "->Fail Node 999 does not exist in base file (Exit)\n\n");
+  // Nothing printed at -1, the exit stays.
+  missing = compare_in_child(base, extra, -1);
+  EXPECT_EQ(missing.status, 255);
+  EXPECT_EQ(missing.out, "");
+
+  // A base with fewer nodes lacks one of the new file's nodes.
+  ModelSpec smaller;
+  smaller.ids.pop_back();
+  smaller.xyz.pop_back();
+  const Exit fewer = compare_in_child(smaller, base, 0);
+  EXPECT_EQ(fewer.status, 255);
+  EXPECT_EQ(fewer.out, "->Fail Node 112 does not exist in base file (Exit)\n\n");
+
+  ModelSpec fewer_stress;
+  fewer_stress.stress_nodes = 5;
+  const Exit stress = compare_in_child(fewer_stress, base, 0);
+  EXPECT_EQ(stress.status, 255);
+  EXPECT_EQ(stress.out,
+            "->Fail Node 106 does not exist for stress modes in base file.\n"
+            "->Try transposing input KRXs. (Exit)\n\n");
+
+  ModelSpec no_eigen;
+  no_eigen.eigen_flag = false;
+  const Exit block = compare_in_child(base, no_eigen, 1);
+  EXPECT_EQ(block.status, 255);
+  EXPECT_EQ(block.out, "->Note block 7 eigenvalues: exists new: 0  exists base: 1\n"
+                       "->Fail no eigenvalues (Exit)\n");
+}
+
+}  // namespace
