@@ -85,6 +85,13 @@ struct FileSlot {
   int precision = 1;  // 1: 8-byte doubles, 0: 4-byte floats
 };
 
+// Bytes of a temporary vector file that the store holds back to write them in one go.
+struct PendingRun {
+  int64_t start = 0;  // file offset of bytes[0]
+  int64_t used = 0;   // 0: nothing pending
+  std::unique_ptr<unsigned char[]> bytes;
+};
+
 // One kind of the temporary vector store. Records are laid out back to back, one per possible
 // mode, each node-capacity x 48 bytes; a node's six values sit at its slot x 48.
 struct VectorSlot {
@@ -100,10 +107,13 @@ struct VectorSlot {
   // The one cached record (six doubles per node of the kind) and the mode index it holds.
   std::vector<double> record;
   int32_t held_mode = -1;
-  // Store-private state (write combining, tracked file position).
-  std::vector<unsigned char> pending;
-  int64_t pending_offset = -1;
-  int64_t position = -1;
+  // Store-private write combining: per mode index one run of consecutive bytes not yet written,
+  // each at most run_capacity bytes. Dropped unwritten when the model is released.
+  std::vector<PendingRun> runs;
+  int64_t run_capacity = 0;
+  // Node position and mode index of the last store, tried before the lookups.
+  int32_t node_hint = -1;
+  int32_t mode_hint = -1;
 };
 
 struct EigenRecord {

@@ -1,0 +1,687 @@
+// The temporary vector store: one file of fixed-size records per vector kind, written by
+// (mode, node) through per-mode runs of pending bytes and read back one record at a time.
+#include "model/krxtools.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <bit>
+#include <cerrno>
+#include <climits>
+#include <cstdlib>
+#include <cstring>
+#include <new>
+
+#include "host/krxmsg.h"
+#include "model/krxset.h"
+
+namespace krx {
+namespace {
+
+constexpr const char *kSource = "..\\krxtools";
+
+// A node's six values start every 48 bytes in both precisions; floats fill the first 24.
+constexpr int64_t kNodeStep = 48;
+// Pending bytes per kind are shared out among the mode records, within these bounds per run.
+constexpr int64_t kRunBudget = int64_t(4) << 20;
+constexpr int64_t kRunMinimum = 4096 / kNodeStep * kNodeStep;
+constexpr int64_t kRunMaximum = 262144 / kNodeStep * kNodeStep;
+constexpr int64_t kZeroChunk = int64_t(1) << 20;
+
+const char *const kEnvName[3] = {"QOR_TMP_MOD", "QOR_TMP_STR", "QOR_TMP_STN"};
+
+const char *const kOpenFailure[3] = {
+    "Unable to open temporary mode shape file %s.\nTo write elsewhere, specify directory name in "
+    "environment variable %s,\nor specify path name (file name) in environment variable "
+    "QOR_TMP_MOD.",
+    "Unable to open temporary modal stress file %s.\nTo write elsewhere, specify directory name in "
+    "environment variable %s,\nor specify path name (file name) in environment variable "
+    "QOR_TMP_STR.",
+    "Unable to open temporary modal strain file %s.\nTo write elsewhere, specify directory name in "
+    "environment variable %s,\nor specify path name (file name) in environment variable "
+    "QOR_TMP_STN."};
+
+// The two blanks before the mode-shape path are deliberate: hosts match the text as it stands.
+const char *const kDiskFailure[3] = {
+    "Insufficient disk space for temporary mode shape file  %s.\nTo write elsewhere, specify "
+    "directory name in environment variable %s,\nor specify path name (file name) in environment "
+    "variable QOR_TMP_MOD.",
+    "Insufficient disk space for temporary modal stress file %s.\nTo write elsewhere, specify "
+    "directory name in environment variable %s,\nor specify path name (file name) in environment "
+    "variable QOR_TMP_STR.",
+    "Insufficient disk space for temporary modal strain file %s.\nTo write elsewhere, specify "
+    "directory name in environment variable %s,\nor specify path name (file name) in environment "
+    "variable QOR_TMP_STN."};
+
+const char *const kOpenNote[3] = {"Temp modeshape file: %s", "Temp modal stress file: %s",
+                                  "Temp modal strain file: %s"};
+
+const char *const kReadFailure[3] = {"Problem reading mode shape %d",
+                                     "Problem reading modal stress vector %d",
+                                     "Problem reading modal strain vector %d"};
+
+const char *const kReplacementOpenFailure =
+    "Unable to open %s for write.  Specify different temporary file directory by\nsetting the %s "
+    "environment variable.";
+const char *const kReplacementDiskFailure =
+    "Insufficient disk space for file %s.  Specify different temporary\nfile directory by setting "
+    "the %s environment variable";
+
+const int kContentFlag[3] = {kFlagModeShapes, kFlagModalStress, kFlagModalStrain};
+
+bool valid_kind(int kind) { return kind >= kModeShapes && kind <= kModalStrain; }
+
+std::vector<double> &pre_values(KRXDATA *model, int kind) {
+  return kind == kModalStress ? model->pre_stress : model->pre_strain;
+}
+
+void report_pre_allocation_failure(int line, int kind) {
+  if (kind == kModalStress)
+    error("Failed to allocate memory for Pre-Stress at line %d in file %s.\n", line, kSource);
+  else
+    error("Failed to allocate memory for Pre-Strain at line %d in file %s.\n", line, kSource);
+}
+
+// ---- Raw file access ----------------------------------------------------------------------------
+// Positioned reads and writes on the stream's descriptor: a stdio seek on a read-write stream
+// flushes and refills its buffer, which costs far more than the 48 bytes of a node vector. The
+// library never reads or writes its own temporary files through the stream's buffer.
+
+bool write_at(FILE *file, const unsigned char *data, int64_t size, int64_t offset) {
+  int fd = fileno(file);
+  if (fd < 0 || offset < 0) return false;
+  while (size > 0) {
+    ssize_t done = pwrite(fd, data, size_t(size), off_t(offset));
+    if (done < 0 && errno == EINTR) continue;
+    if (done <= 0) return false;
+    data += done;
+    size -= done;
+    offset += done;
+  }
+  return true;
+}
+
+bool read_at(FILE *file, unsigned char *data, int64_t size, int64_t offset) {
+  int fd = fileno(file);
+  if (fd < 0 || offset < 0) return false;
+  while (size > 0) {
+    ssize_t done = pread(fd, data, size_t(size), off_t(offset));
+    if (done < 0 && errno == EINTR) continue;
+    if (done <= 0) return false;
+    data += done;
+    size -= done;
+    offset += done;
+  }
+  return true;
+}
+
+bool write_zeros(FILE *file, int64_t size) {
+  std::vector<unsigned char> zeros(size_t(std::min(size, kZeroChunk)), 0);
+  for (int64_t at = 0; at < size; at += kZeroChunk)
+    if (!write_at(file, zeros.data(), std::min(kZeroChunk, size - at), at)) return false;
+  return true;
+}
+
+// Every record is laid out at once, so that a full disk shows now rather than in the middle of
+// the analysis. Space is reserved where the file system can do it; elsewhere zeros are written.
+bool lay_out(FILE *file, int64_t size) {
+  if (size <= 0) return true;
+  int reserved = posix_fallocate(fileno(file), 0, off_t(size));
+  if (reserved == 0) return true;
+  if (reserved == ENOSPC || reserved == EFBIG) return false;
+  return write_zeros(file, size);
+}
+
+// ---- Names --------------------------------------------------------------------------------------
+
+// The directory of unnamed temporary files: TMP, else where the standard temporary names go.
+std::string temp_directory() {
+  for (const char *name : {"TMP", "TMPDIR"}) {
+    const char *dir = std::getenv(name);
+    if (dir && *dir) return dir;
+  }
+  return P_tmpdir;
+}
+
+std::string directory_of(const std::string &path) {
+  auto cut = path.rfind('/');
+  if (cut == std::string::npos) return ".";
+  return cut == 0 ? "/" : path.substr(0, cut);
+}
+
+// A fresh file "<dir>/krx_XXXXXX" opened for reading and writing; path is the name tried.
+FILE *open_unique_file(const std::string &dir, std::string &path) {
+  std::string pattern = dir;
+  if (!pattern.empty() && pattern.back() != '/') pattern += '/';
+  pattern += "krx_XXXXXX";
+  std::vector<char> name(pattern.begin(), pattern.end());
+  name.push_back('\0');
+  int fd = mkstemp(name.data());
+  path = name.data();
+  if (fd < 0) return nullptr;
+  FILE *file = fdopen(fd, "wb+");
+  if (!file) {
+    close(fd);
+    std::remove(path.c_str());
+  }
+  return file;
+}
+
+const char *given_path(int kind) {
+  const char *given = std::getenv(kEnvName[kind]);
+  return given && *given ? given : nullptr;
+}
+
+// ---- Pending writes -----------------------------------------------------------------------------
+
+int64_t run_capacity_for(int64_t records) {
+  int64_t share = std::clamp(kRunBudget / std::max<int64_t>(records, 1), kRunMinimum, kRunMaximum);
+  return share / kNodeStep * kNodeStep;
+}
+
+bool flush_run(VectorSlot &slot, int kind, PendingRun &run) {
+  if (run.used == 0) return true;
+  int64_t used = run.used;
+  run.used = 0;
+  if (write_at(slot.io.file, run.bytes.get(), used, run.start)) return true;
+  error(kDiskFailure[kind], slot.io.path.c_str(), "TMP");
+  return false;
+}
+
+bool flush_runs(VectorSlot &slot, int kind) {
+  bool ok = true;
+  for (PendingRun &run : slot.runs) ok = flush_run(slot, kind, run) && ok;
+  return ok;
+}
+
+// Bytes for a record join that record's run when they continue or overwrite it; otherwise the
+// run is written out and a new one starts. A host storing mode by mode fills one run at a time,
+// one storing node by node across modes fills one run per mode; either way a system call
+// carries thousands of vectors.
+int queue_write(VectorSlot &slot, int kind, int32_t index, int64_t offset,
+                const unsigned char *data, int64_t size) {
+  try {
+    if (slot.runs.size() < slot.record_start.size()) slot.runs.resize(slot.record_start.size());
+    if (slot.run_capacity == 0) slot.run_capacity = run_capacity_for(int64_t(slot.runs.size()));
+    PendingRun &run = slot.runs[size_t(index)];
+    if (run.used > 0 && offset >= run.start && offset <= run.start + run.used &&
+        offset + size <= run.start + slot.run_capacity) {
+      std::memcpy(run.bytes.get() + (offset - run.start), data, size_t(size));
+      run.used = std::max(run.used, offset + size - run.start);
+      return 1;
+    }
+    if (!flush_run(slot, kind, run)) return 0;
+    if (!run.bytes) run.bytes = std::make_unique_for_overwrite<unsigned char[]>(size_t(slot.run_capacity));
+    std::memcpy(run.bytes.get(), data, size_t(size));
+    run.start = offset;
+    run.used = size;
+    return 1;
+  } catch (const std::bad_alloc &) {
+    KRX_REPORT_ALLOC(kSource);
+    return 0;
+  }
+}
+
+// ---- Files of the kinds -------------------------------------------------------------------------
+
+// Closes the kind's file (deleting it when the library made it); the model's own file, which a
+// model read from a file shares with its slots, stays open.
+void release_vector_file(KRXDATA *model, VectorSlot &slot) {
+  slot.runs.clear();
+  if (slot.io.file && slot.io.file != model->own.file) {
+    if (slot.io.xdr_in_use && slot.io.xdr) xdr_destroy(slot.io.xdr.get());
+    std::fclose(slot.io.file);
+    if (slot.owns_file && !slot.io.path.empty()) std::remove(slot.io.path.c_str());
+  }
+  slot.io.xdr.reset();
+  slot.io.xdr_in_use = 0;
+  slot.io.file = nullptr;
+  slot.io.path.clear();
+  slot.owns_file = false;
+  slot.held_mode = -1;
+}
+
+void discard_file(FILE *file, const std::string &path) {
+  std::fclose(file);
+  std::remove(path.c_str());
+}
+
+int open_vector_file(KRXDATA *model, int kind) {
+  VectorSlot &slot = model->store[kind];
+  bool quiet = host_is_quiet();
+  try {
+    std::string path;
+    FILE *file = nullptr;
+    if (const char *given = given_path(kind)) {
+      path = given;
+      file = std::fopen(given, "wb+");
+    } else {
+      file = open_unique_file(temp_directory(), path);
+    }
+    if (!file) {
+      error(kOpenFailure[kind], path.c_str(), "TMP");
+      return 0;
+    }
+    if (!quiet) note(kOpenNote[kind], path.c_str());
+    int32_t records = std::max(model->mode_capacity, 0);
+    int64_t record_bytes = int64_t(model->node_capacity) * kNodeStep;
+    std::vector<int64_t> starts(static_cast<size_t>(records));
+    for (int32_t r = 0; r < records; ++r) starts[size_t(r)] = r * record_bytes;
+    if (!lay_out(file, records * record_bytes)) {
+      error(kDiskFailure[kind], path.c_str(), "TMP");
+      discard_file(file, path);
+      return 0;
+    }
+    slot.io.file = file;
+    slot.io.path = std::move(path);
+    slot.io.xdr_in_use = 0;
+    slot.io.precision = model->own.precision;
+    slot.opened = 1;
+    slot.owns_file = true;
+    slot.slot_bytes = kNodeStep;
+    slot.record_start = std::move(starts);
+    slot.runs.clear();
+    slot.run_capacity = run_capacity_for(records);
+    slot.held_mode = -1;
+    return 1;
+  } catch (const std::bad_alloc &) {
+    KRX_REPORT_ALLOC(kSource);
+    return 0;
+  }
+}
+
+// The slot of a node in the list of kind 1 or 2, appending it when it has none yet.
+int32_t kind_slot_or_add(KRXDATA *model, int kind, int32_t node_id, int32_t position) {
+  VectorSlot &slot = model->store[kind];
+  auto &index = slot.index;
+  auto at = std::lower_bound(index.begin(), index.end(), std::make_pair(node_id, INT32_MIN));
+  if (at != index.end() && at->first == node_id) return at->second;
+  int32_t added = int32_t(slot.nodes.size());
+  slot.nodes.push_back(position);
+  try {
+    index.insert(at, std::make_pair(node_id, added));
+  } catch (...) {
+    slot.nodes.pop_back();
+    throw;
+  }
+  return added;
+}
+
+// Where the values of (mode, node) go: node position, file, mode index and byte offset, in this
+// order. offset is -1 when the mode has no record in the current file.
+struct Target {
+  int32_t index = -1;
+  int64_t offset = -1;
+};
+
+// Hosts store either the node of the last store or the next one, and mostly the same mode as
+// last time or one of a few; the hints spare the lookups on the common path.
+int32_t hinted_node_position(KRXDATA *model, VectorSlot &slot, int32_t node_id) {
+  const auto &nodes = model->nodes;
+  for (int32_t at : {slot.node_hint, slot.node_hint + 1})
+    if (at >= 0 && size_t(at) < nodes.size() && nodes[size_t(at)].id == node_id)
+      return slot.node_hint = at;
+  int32_t position = node_position_or_add(model, node_id);
+  if (position >= 0) slot.node_hint = position;
+  return position;
+}
+
+int32_t hinted_mode_index(KRXDATA *model, VectorSlot &slot, int32_t mode_number) {
+  const auto &modes = model->modes;
+  for (int32_t at : {slot.mode_hint, slot.mode_hint + 1})
+    if (at >= 0 && size_t(at) < modes.size() && modes[size_t(at)] == mode_number)
+      return slot.mode_hint = at;
+  int32_t index = register_mode(model, mode_number);
+  if (index >= 0) slot.mode_hint = index;
+  return index;
+}
+
+int locate(KRXDATA *model, int32_t mode_number, int32_t node_id, int kind, Target &target) {
+  VectorSlot &slot = model->store[kind];
+  int32_t position = hinted_node_position(model, slot, node_id);
+  if (position < 0) return 0;
+  if (!slot.io.file && !open_vector_file(model, kind)) return 0;
+  target.index = hinted_mode_index(model, slot, mode_number);
+  if (target.index < 0) return 0;
+  int32_t node_slot = position;
+  if (kind != kModeShapes) {
+    try {
+      node_slot = kind_slot_or_add(model, kind, node_id, position);
+    } catch (const std::bad_alloc &) {
+      KRX_REPORT_ALLOC(kSource);
+      return 0;
+    }
+  }
+  if (size_t(target.index) < slot.record_start.size())
+    target.offset = slot.record_start[size_t(target.index)] + int64_t(node_slot) * slot.slot_bytes;
+  return 1;
+}
+
+int value_width(const VectorSlot &slot) { return slot.io.precision ? 8 : 4; }
+
+// A stored value makes the held copy of its record stale.
+void finish_store(KRXDATA *model, int kind, int32_t index) {
+  VectorSlot &slot = model->store[kind];
+  if (slot.held_mode == index) slot.held_mode = -1;
+  model->flags[size_t(kContentFlag[kind])] = 1;
+}
+
+// ---- Reading records ----------------------------------------------------------------------------
+
+double decode_value(const unsigned char *at, int width, bool big_endian) {
+  constexpr bool kLittle = std::endian::native == std::endian::little;
+  if (width == 8) {
+    uint64_t bits;
+    std::memcpy(&bits, at, 8);
+    if (big_endian && kLittle) bits = __builtin_bswap64(bits);
+    return std::bit_cast<double>(bits);
+  }
+  uint32_t bits;
+  std::memcpy(&bits, at, 4);
+  if (big_endian && kLittle) bits = __builtin_bswap32(bits);
+  return double(std::bit_cast<float>(bits));
+}
+
+// One read of the record's span, then widening (floats), byte order (files in XDR encoding,
+// which is big-endian) and the node step are resolved in memory.
+bool read_record(KRXDATA *model, VectorSlot &slot, int kind, int32_t index, int32_t count) {
+  if (!slot.io.file || size_t(index) >= slot.record_start.size()) return false;
+  flush_runs(slot, kind);  // a failed flush has said so; the read shows what the file holds
+  int width = value_width(slot);
+  int64_t step = slot.slot_bytes;
+  int64_t span = int64_t(count - 1) * step + 6 * width;
+  int64_t start = slot.record_start[size_t(index)];
+  bool big_endian = slot.io.xdr_in_use != 0;
+  double *out = slot.record.data();
+  if (width == 8 && step == 48 && !big_endian)
+    return read_at(slot.io.file, reinterpret_cast<unsigned char *>(out), span, start);
+  model->scratch.resize(size_t((span + 3) / 4));
+  auto *bytes = reinterpret_cast<unsigned char *>(model->scratch.data());
+  if (!read_at(slot.io.file, bytes, span, start)) return false;
+  for (int32_t node = 0; node < count; ++node)
+    for (int j = 0; j < 6; ++j)
+      out[node * 6 + j] = decode_value(bytes + node * step + j * width, width, big_endian);
+  return true;
+}
+
+// Mode shapes carry the length ratio of the last unit change on their translations, modal
+// stresses the force over area ratio; strains have no unit.
+void scale_record(const KRXDATA *model, int kind, std::vector<double> &record) {
+  if (kind == kModeShapes) {
+    double ratio = model->length_ratio;
+    if (ratio == 1.0) return;
+    for (size_t i = 0; i + 2 < record.size(); i += 6) {
+      record[i] *= ratio;
+      record[i + 1] *= ratio;
+      record[i + 2] *= ratio;
+    }
+  } else if (kind == kModalStress) {
+    double ratio = model->force_ratio / (model->length_ratio * model->length_ratio);
+    if (ratio == 1.0) return;
+    for (double &value : record) value *= ratio;
+  }
+}
+
+int load_pre_record(KRXDATA *model, int kind) {
+  const std::vector<double> &pre = pre_values(model, kind);
+  int32_t count = kind_node_count(model, kind);
+  if (pre.empty() || count <= 0) return 0;
+  VectorSlot &slot = model->store[kind];
+  try {
+    slot.record.assign(size_t(count) * 6, 0.0);
+  } catch (const std::bad_alloc &) {
+    KRX_REPORT_ALLOC(kSource);
+    return 0;
+  }
+  std::copy_n(pre.begin(), std::min(pre.size(), slot.record.size()), slot.record.begin());
+  slot.held_mode = -1;
+  scale_record(model, kind, slot.record);
+  return 1;
+}
+
+}  // namespace
+
+// ---- Storing ------------------------------------------------------------------------------------
+
+int store_node_vector(KRXDATA *model, int32_t mode_number, int32_t node_id, int kind,
+                      const double values[6]) {
+  if (!model_exists(model) || !valid_kind(kind)) return 0;
+  if (mode_number == 0 && kind != kModeShapes)
+    return set_pre_values(model, node_id, kind, values);
+  Target target;
+  if (!locate(model, mode_number, node_id, kind, target)) return 0;
+  if (target.offset < 0) {
+    error("Couldn't seek to mode %ld node %ld position in temporary file", long(mode_number),
+          long(node_id));
+    return 0;
+  }
+  VectorSlot &slot = model->store[kind];
+  unsigned char image[kNodeStep] = {};
+  int64_t size = kNodeStep;
+  if (slot.io.precision) {
+    std::memcpy(image, values, kNodeStep);
+  } else {
+    float narrow[6];
+    for (int j = 0; j < 6; ++j) narrow[j] = float(values[j]);
+    std::memcpy(image, narrow, sizeof narrow);
+    // The unused half of the 48-byte step goes along as zeros, so that runs stay contiguous.
+    if (slot.slot_bytes < kNodeStep) size = sizeof narrow;
+  }
+  if (!queue_write(slot, kind, target.index, target.offset, image, size)) return 0;
+  finish_store(model, kind, target.index);
+  return 1;
+}
+
+int store_node_value(KRXDATA *model, int32_t mode_number, int32_t node_id, int kind, int dof,
+                     double value) {
+  if (!model_exists(model) || !valid_kind(kind) || dof < 0 || dof > 5) return 0;
+  if (mode_number == 0 && kind != kModeShapes) {
+    double six[6] = {};
+    int32_t node_slot = kind_slot(model, kind, node_id);
+    const std::vector<double> &pre = pre_values(model, kind);
+    if (node_slot >= 0 && pre.size() >= size_t(node_slot + 1) * 6)
+      std::copy_n(pre.begin() + node_slot * 6, 6, six);
+    six[dof] = value;
+    return set_pre_values(model, node_id, kind, six);
+  }
+  Target target;
+  if (!locate(model, mode_number, node_id, kind, target)) return 0;
+  if (target.offset < 0) {
+    error("Couldn't seek to mode %ld node %ld dof %ld position in temporary file",
+          long(mode_number), long(node_id), long(dof));
+    return 0;
+  }
+  VectorSlot &slot = model->store[kind];
+  int width = value_width(slot);
+  unsigned char image[8];
+  if (width == 8) {
+    std::memcpy(image, &value, 8);
+  } else {
+    float narrow = float(value);
+    std::memcpy(image, &narrow, 4);
+  }
+  if (!queue_write(slot, kind, target.index, target.offset + dof * width, image, width)) return 0;
+  finish_store(model, kind, target.index);
+  return 1;
+}
+
+int set_pre_values(KRXDATA *model, int32_t node_id, int kind, const double values[6]) {
+  if (!model_exists(model)) return 0;
+  if (kind != kModalStress && kind != kModalStrain) return 0;
+  int32_t position = node_position_or_add(model, node_id);
+  if (position < 0) return 0;
+  std::vector<double> &pre = pre_values(model, kind);
+  int32_t node_slot = -1;
+  try {
+    node_slot = kind_slot_or_add(model, kind, node_id, position);
+    size_t needed = model->store[kind].nodes.size() * 6;
+    if (pre.size() < needed) pre.resize(needed, 0.0);
+  } catch (const std::bad_alloc &) {
+    report_pre_allocation_failure(__LINE__, kind);
+    return 0;
+  }
+  std::copy_n(values, 6, pre.begin() + node_slot * 6);
+  model->flags[size_t(kind == kModalStress ? kFlagPreStress : kFlagPreStrain)] = 1;
+  return 1;
+}
+
+int flush_vector_store(KRXDATA *model, int kind) {
+  if (!model_exists(model) || !valid_kind(kind)) return 0;
+  VectorSlot &slot = model->store[kind];
+  if (!slot.io.file) return 1;
+  if (!flush_runs(slot, kind)) return 0;
+  std::fflush(slot.io.file);
+  return 1;
+}
+
+// ---- Loading ------------------------------------------------------------------------------------
+
+int load_mode_record(KRXDATA *model, int32_t mode_number, int kind) {
+  if (!model_exists(model) || !valid_kind(kind)) return 0;
+  if (mode_number == 0 && kind != kModeShapes) return load_pre_record(model, kind);
+  int32_t index = mode_index(model, mode_number);
+  if (index < 0) return 0;
+  return load_mode_record_by_index(model, index, kind);
+}
+
+int load_mode_record_by_index(KRXDATA *model, int32_t index, int kind) {
+  if (!model_exists(model) || !valid_kind(kind)) return 0;
+  if (index < 0 || index >= mode_count(model)) return 0;
+  int32_t count = kind_node_count(model, kind);
+  if (count <= 0) return 0;
+  VectorSlot &slot = model->store[kind];
+  if (slot.held_mode == index) return 1;
+  try {
+    slot.record.resize(size_t(count) * 6);
+  } catch (const std::bad_alloc &) {
+    KRX_REPORT_ALLOC(kSource);
+    return 0;
+  }
+  slot.held_mode = index;
+  if (!read_record(model, slot, kind, index, count))
+    error(kReadFailure[kind], model->modes[size_t(index)]);
+  scale_record(model, kind, slot.record);
+  // A failed read still counts as loaded, with the held mode already set: kept as it is, callers
+  // learn of the failure from the message only.
+  return 1;
+}
+
+int node_values(KRXDATA *model, int32_t mode_number, int kind, int32_t node_id, int half,
+                double out[3]) {
+  if (!model_exists(model) || !valid_kind(kind) || (half != 0 && half != 1)) return 0;
+  int32_t node_slot =
+      kind == kModeShapes ? node_position(model, node_id) : kind_slot(model, kind, node_id);
+  if (node_slot < 0) return 0;
+  if (!load_mode_record(model, mode_number, kind)) return 0;
+  const std::vector<double> &record = model->store[kind].record;
+  size_t first = size_t(node_slot) * 6 + size_t(half) * 3;
+  if (first + 3 > record.size()) return 0;
+  std::copy_n(record.begin() + first, 3, out);
+  return 1;
+}
+
+int32_t kind_slot(const KRXDATA *model, int kind, int32_t node_id) {
+  if (!model || !valid_kind(kind)) return -1;
+  if (kind == kModeShapes && !model->node_index_built) {
+    const auto &nodes = model->nodes;
+    for (size_t i = 0; i < nodes.size(); ++i)
+      if (nodes[i].id == node_id) return int32_t(i);
+    return -1;
+  }
+  const auto &index = kind == kModeShapes ? model->node_index : model->store[kind].index;
+  auto at = std::lower_bound(index.begin(), index.end(), std::make_pair(node_id, INT32_MIN));
+  return at != index.end() && at->first == node_id ? at->second : -1;
+}
+
+int32_t kind_node_count(const KRXDATA *model, int kind) {
+  if (!model || !valid_kind(kind)) return 0;
+  if (kind == kModeShapes) return int32_t(model->nodes.size());
+  return int32_t(model->store[kind].nodes.size());
+}
+
+// ---- Replacement files --------------------------------------------------------------------------
+
+int open_replacement_file(KRXDATA *model, int kind, int32_t records, int32_t slots,
+                          const char *note_format, ReplacementFile &out) {
+  if (!model_exists(model) || !valid_kind(kind) || records < 0 || slots < 0) return 0;
+  discard_replacement_file(out);
+  try {
+    const VectorSlot &slot = model->store[kind];
+    std::string dir = temp_directory();
+    if (slot.owns_file && !slot.io.path.empty())
+      dir = directory_of(slot.io.path);
+    else if (const char *given = given_path(kind))
+      dir = directory_of(given);
+    std::string path;
+    FILE *file = open_unique_file(dir, path);
+    if (!file) {
+      error(kReplacementOpenFailure, path.c_str(), kEnvName[kind]);
+      return 0;
+    }
+    out.kind = kind;
+    out.io.file = file;
+    out.io.path = path;
+    out.io.precision = slot.io.precision;
+    out.slots = slots;
+    if (!host_is_quiet()) note(note_format, path.c_str());
+    int64_t record_bytes = int64_t(slots) * kNodeStep;
+    out.record_start.resize(size_t(records));
+    for (int32_t r = 0; r < records; ++r) out.record_start[size_t(r)] = r * record_bytes;
+    if (!lay_out(file, records * record_bytes)) {
+      error(kReplacementDiskFailure, path.c_str(), kEnvName[kind]);
+      discard_replacement_file(out);
+      return 0;
+    }
+    return 1;
+  } catch (const std::bad_alloc &) {
+    KRX_REPORT_ALLOC(kSource);
+    discard_replacement_file(out);
+    return 0;
+  }
+}
+
+int write_replacement_record(ReplacementFile &file, int32_t record, const double *values) {
+  if (!file.io.file || record < 0 || size_t(record) >= file.record_start.size()) return 0;
+  int64_t bytes = int64_t(file.slots) * kNodeStep;
+  const unsigned char *data = reinterpret_cast<const unsigned char *>(values);
+  std::vector<float> narrow;
+  if (!file.io.precision) {
+    try {
+      narrow.assign(size_t(file.slots) * 12, 0.0f);
+    } catch (const std::bad_alloc &) {
+      KRX_REPORT_ALLOC(kSource);
+      return 0;
+    }
+    for (size_t node = 0; node < size_t(file.slots); ++node)
+      for (size_t j = 0; j < 6; ++j) narrow[node * 12 + j] = float(values[node * 6 + j]);
+    data = reinterpret_cast<const unsigned char *>(narrow.data());
+  }
+  if (write_at(file.io.file, data, bytes, file.record_start[size_t(record)])) return 1;
+  error(kReplacementDiskFailure, file.io.path.c_str(), kEnvName[file.kind]);
+  return 0;
+}
+
+int install_replacement_file(KRXDATA *model, ReplacementFile &file) {
+  if (!model_exists(model)) return 0;
+  if (!file.io.file || !valid_kind(file.kind)) return 0;
+  VectorSlot &slot = model->store[file.kind];
+  release_vector_file(model, slot);
+  slot.io.file = file.io.file;
+  slot.io.path = std::move(file.io.path);
+  slot.io.precision = file.io.precision;
+  slot.opened = 1;
+  slot.owns_file = true;
+  slot.slot_bytes = kNodeStep;
+  slot.record_start = std::move(file.record_start);
+  slot.run_capacity = run_capacity_for(int64_t(slot.record_start.size()));
+  file = ReplacementFile{};
+  return 1;
+}
+
+void discard_replacement_file(ReplacementFile &file) {
+  if (file.io.file) discard_file(file.io.file, file.io.path);
+  file = ReplacementFile{};
+}
+
+}  // namespace krx

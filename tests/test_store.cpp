@@ -1,0 +1,412 @@
+// The temporary vector store: file naming and layout, capacity, pre-stress, read-back in any store
+// order, unit scaling, files of a model read from a file, replacement files and release.
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <bit>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+
+#include "host/krx_fortran.h"
+#include "model/krxset.h"
+#include "model/krxtools.h"
+#include "testsupport.h"
+
+using krxtest::RecordingHost;
+
+namespace {
+
+struct VectorStore : ::testing::Test {
+  void SetUp() override {
+    for (const char *name : {"QOR_TMP_MOD", "QOR_TMP_STR", "QOR_TMP_STN"}) unsetenv(name);
+  }
+  void TearDown() override {
+    for (const char *name : {"QOR_TMP_MOD", "QOR_TMP_STR", "QOR_TMP_STN"}) unsetenv(name);
+    krxtest::terminate_model();
+  }
+  krx::KRXDATA *make(int nodes, int modes) {
+    krxtest::create_model(nodes, modes);
+    return krx::current_model();
+  }
+};
+
+std::vector<unsigned char> file_bytes(const std::string &path) {
+  std::ifstream in(path, std::ios::binary);
+  return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+}
+
+std::vector<unsigned char> flushed_bytes(krx::KRXDATA *model, int kind) {
+  EXPECT_EQ(krx::flush_vector_store(model, kind), 1);
+  return file_bytes(model->store[kind].io.path);
+}
+
+double double_at(const std::vector<unsigned char> &bytes, size_t offset) {
+  double value;
+  std::memcpy(&value, bytes.data() + offset, 8);
+  return value;
+}
+
+float float_at(const std::vector<unsigned char> &bytes, size_t offset) {
+  float value;
+  std::memcpy(&value, bytes.data() + offset, 4);
+  return value;
+}
+
+// A distinct value for every (mode, node, component).
+void vector_for(int mode, int node, double out[6]) {
+  for (int j = 0; j < 6; ++j) out[j] = mode * 1000.0 + node + j * 0.125;
+}
+
+size_t nonzero_bytes(const std::vector<unsigned char> &bytes) {
+  return bytes.size() - size_t(std::count(bytes.begin(), bytes.end(), 0));
+}
+
+TEST_F(VectorStore, LaysOutEveryRecordAtTheFirstValueInBothPrecisions) {
+  RecordingHost host;
+  for (int precision : {1, 0}) {
+    krx::KRXDATA *model = make(100, 10);
+    model->own.precision = precision;
+    double v[6] = {1, 2, 3, 4, 5, 6};
+    ASSERT_EQ(krx::store_node_vector(model, 3, 42, krx::kModeShapes, v), 1);
+    auto bytes = flushed_bytes(model, krx::kModeShapes);
+    ASSERT_EQ(bytes.size(), 48000u);
+    EXPECT_EQ(model->flags[krx::kFlagModeShapes], 1);
+    if (precision) {
+      for (int j = 0; j < 6; ++j) EXPECT_EQ(double_at(bytes, j * 8), v[j]);
+      EXPECT_EQ(nonzero_bytes({bytes.begin() + 48, bytes.end()}), 0u);
+    } else {
+      // Six floats in the first 24 bytes of the node's 48; the rest of the file stays zero.
+      for (int j = 0; j < 6; ++j) EXPECT_EQ(float_at(bytes, j * 4), float(v[j]));
+      EXPECT_EQ(nonzero_bytes({bytes.begin() + 24, bytes.end()}), 0u);
+    }
+    krxtest::terminate_model();
+  }
+}
+
+TEST_F(VectorStore, PlacesRecordsByFirstMentionAndNodesBySlot) {
+  RecordingHost host;
+  krx::KRXDATA *model = make(4, 3);
+  double a[6], b[6], c[6];
+  vector_for(7, 1, a);
+  vector_for(2, 2, b);
+  vector_for(2, 3, c);
+  ASSERT_EQ(krx::store_node_vector(model, 7, 501, krx::kModeShapes, a), 1);
+  ASSERT_EQ(krx::store_node_vector(model, 2, 502, krx::kModeShapes, b), 1);
+  ASSERT_EQ(krx::store_node_value(model, 2, 501, krx::kModeShapes, 4, 9.5), 1);
+  auto bytes = flushed_bytes(model, krx::kModeShapes);
+  ASSERT_EQ(bytes.size(), 3u * 4 * 48);
+  EXPECT_EQ(double_at(bytes, 0), a[0]);             // mode 7 is record 0, node 501 slot 0
+  EXPECT_EQ(double_at(bytes, 192 + 48 + 40), b[5]);  // mode 2 is record 1, node 502 slot 1
+  EXPECT_EQ(double_at(bytes, 192 + 32), 9.5);        // dof 4 of node 501 in mode 2
+  EXPECT_EQ(double_at(bytes, 192 + 24), 0.0);
+
+  // Stresses take slots in the order nodes first get a stress, not the node table's order.
+  ASSERT_EQ(krx::store_node_vector(model, 7, 502, krx::kModalStress, c), 1);
+  ASSERT_EQ(krx::store_node_vector(model, 7, 9, krx::kModalStress, a), 1);
+  EXPECT_EQ(krx::kind_slot(model, krx::kModalStress, 502), 0);
+  EXPECT_EQ(krx::kind_slot(model, krx::kModalStress, 9), 1);
+  EXPECT_EQ(krx::kind_slot(model, krx::kModalStress, 501), -1);
+  EXPECT_EQ(krx::kind_slot(model, krx::kModeShapes, 9), 2);
+  EXPECT_EQ(krx::kind_node_count(model, krx::kModalStress), 2);
+  auto stress = flushed_bytes(model, krx::kModalStress);
+  EXPECT_EQ(double_at(stress, 48), a[0]);
+  EXPECT_EQ(model->flags[krx::kFlagModalStress], 1);
+  EXPECT_EQ(model->flags[krx::kFlagModalStrain], 0);
+}
+
+TEST_F(VectorStore, RefusesAModeBeyondTheCapacityAndWritesNothing) {
+  RecordingHost host;
+  krx::KRXDATA *model = make(100, 10);
+  double v[6] = {1, 1, 1, 1, 1, 1};
+  for (int mode = 1; mode <= 10; ++mode)
+    ASSERT_EQ(krx::store_node_vector(model, mode, 1, krx::kModeShapes, v), 1);
+  auto before = flushed_bytes(model, krx::kModeShapes);
+  host.clear();
+  EXPECT_EQ(krx::store_node_vector(model, 11, 1, krx::kModeShapes, v), 0);
+  EXPECT_EQ(krx::store_node_vector(model, 11, 1, krx::kModalStrain, v), 0);
+  EXPECT_EQ(host.texts(3), std::vector<std::string>(2,
+                                                    "Insufficient room for mode 11 in temporary mode "
+                                                    "shape file.  \nSpecify larger number of modes "
+                                                    "in KRX_Create.\n"));
+  EXPECT_EQ(flushed_bytes(model, krx::kModeShapes), before);
+  EXPECT_EQ(krx::kind_node_count(model, krx::kModalStrain), 0);
+}
+
+TEST_F(VectorStore, ModeZeroStressAndStrainArePreValuesSharingTheKindsNodeList) {
+  RecordingHost host;
+  krx::KRXDATA *model = make(10, 2);
+  double pre[6] = {1, 2, 3, 4, 5, 6};
+  ASSERT_EQ(krx::store_node_vector(model, 0, 77, krx::kModalStress, pre), 1);
+  EXPECT_EQ(model->store[krx::kModalStress].io.file, nullptr);
+  EXPECT_EQ(model->flags[krx::kFlagPreStress], 1);
+  EXPECT_EQ(model->flags[krx::kFlagModalStress], 0);
+  EXPECT_EQ(model->pre_stress, std::vector<double>(pre, pre + 6));
+  EXPECT_TRUE(host.texts(0).empty());
+
+  // A stress mode for a second node extends the same list; mode 0 then reads zeros for it.
+  double s[6] = {9, 9, 9, 9, 9, 9};
+  ASSERT_EQ(krx::store_node_vector(model, 1, 78, krx::kModalStress, s), 1);
+  ASSERT_EQ(krx::store_node_value(model, 0, 77, krx::kModalStress, 2, -3.0), 1);
+  ASSERT_EQ(krx::load_mode_record(model, 0, krx::kModalStress), 1);
+  EXPECT_EQ(model->store[krx::kModalStress].record,
+            (std::vector<double>{1, 2, -3, 4, 5, 6, 0, 0, 0, 0, 0, 0}));
+  double out[3];
+  ASSERT_EQ(krx::node_values(model, 1, krx::kModalStress, 78, 1, out), 1);
+  EXPECT_EQ(out[0], 9.0);
+
+  // No pre-strain yet: mode 0 of strains has nothing to load.
+  EXPECT_EQ(krx::load_mode_record(model, 0, krx::kModalStrain), 0);
+  ASSERT_EQ(krx::set_pre_values(model, 5, krx::kModalStrain, pre), 1);
+  EXPECT_EQ(model->flags[krx::kFlagPreStrain], 1);
+  EXPECT_EQ(model->store[krx::kModalStrain].io.file, nullptr);
+}
+
+TEST_F(VectorStore, NamesFilesAfterTheEnvironmentAndNotesThemUnlessQuiet) {
+  krxtest::TempDir dir;
+  {
+    RecordingHost host;
+    krx::KRXDATA *model = make(10, 2);
+    std::string given = dir.file("given.mod");
+    setenv("QOR_TMP_MOD", given.c_str(), 1);
+    double v[6] = {};
+    ASSERT_EQ(krx::store_node_vector(model, 1, 1, krx::kModeShapes, v), 1);
+    ASSERT_EQ(krx::store_node_vector(model, 1, 1, krx::kModalStrain, v), 1);
+    std::string made = model->store[krx::kModalStrain].io.path;
+    EXPECT_EQ(model->store[krx::kModeShapes].io.path, given);
+    EXPECT_EQ(std::filesystem::path(made).filename().string().rfind("krx_", 0), 0u);
+    EXPECT_EQ(std::filesystem::path(made).parent_path(), std::filesystem::path(std::getenv("TMP")));
+    EXPECT_EQ(host.texts(0), (std::vector<std::string>{"Temp modeshape file: " + given,
+                                                       "Temp modal strain file: " + made}));
+    krxtest::terminate_model();
+    EXPECT_FALSE(std::filesystem::exists(given));
+    EXPECT_FALSE(std::filesystem::exists(made));
+  }
+  {
+    RecordingHost host(1);
+    krx::KRXDATA *model = make(10, 2);
+    double v[6] = {};
+    ASSERT_EQ(krx::store_node_vector(model, 1, 1, krx::kModalStress, v), 1);
+    EXPECT_TRUE(host.messages.empty());
+    EXPECT_GE(host.inquiries, 1);
+  }
+}
+
+TEST_F(VectorStore, ReportsAnUnwritablePathAndStoresNothing) {
+  RecordingHost host;
+  krx::KRXDATA *model = make(10, 2);
+  setenv("QOR_TMP_MOD", "/nonexistent-dir/krx/mode.tmp", 1);
+  double v[6] = {};
+  EXPECT_EQ(krx::store_node_vector(model, 1, 1, krx::kModeShapes, v), 0);
+  EXPECT_EQ(host.texts(3),
+            std::vector<std::string>{
+                "Unable to open temporary mode shape file /nonexistent-dir/krx/mode.tmp.\nTo write "
+                "elsewhere, specify directory name in environment variable TMP,\nor specify path "
+                "name (file name) in environment variable QOR_TMP_MOD."});
+  EXPECT_EQ(model->store[krx::kModeShapes].io.file, nullptr);
+  EXPECT_EQ(model->flags[krx::kFlagModeShapes], 0);
+}
+
+// Enough nodes that every mode's pending run fills and is written several times over.
+constexpr int kNodes = 5000;
+constexpr int kModes = 4;
+
+void expect_records(krx::KRXDATA *model, int kind) {
+  for (int mode = 1; mode <= kModes; ++mode) {
+    ASSERT_EQ(krx::load_mode_record(model, mode, kind), 1);
+    const auto &record = model->store[kind].record;
+    ASSERT_EQ(record.size(), size_t(kNodes) * 6);
+    double v[6];
+    for (int node = 0; node < kNodes; ++node) {
+      vector_for(mode, node, v);
+      ASSERT_EQ(std::memcmp(&record[size_t(node) * 6], v, sizeof v), 0) << mode << " " << node;
+    }
+  }
+}
+
+TEST_F(VectorStore, ReadsBackWhatWasStoredInEitherOrder) {
+  RecordingHost host;
+  double v[6];
+  krx::KRXDATA *model = make(kNodes, kModes);
+  for (int mode = 1; mode <= kModes; ++mode)
+    for (int node = 0; node < kNodes; ++node) {
+      vector_for(mode, node, v);
+      ASSERT_EQ(krx::store_node_vector(model, mode, node, krx::kModeShapes, v), 1);
+    }
+  expect_records(model, krx::kModeShapes);
+  for (int node = 0; node < kNodes; ++node)
+    for (int mode = 1; mode <= kModes; ++mode) {
+      vector_for(mode, node, v);
+      ASSERT_EQ(krx::store_node_vector(model, mode, node, krx::kModalStrain, v), 1);
+    }
+  expect_records(model, krx::kModalStrain);
+  EXPECT_TRUE(host.texts(3).empty());
+
+  // Scattered order over a node table set up beforehand: no two stores are neighbours.
+  model = make(kNodes, kModes);
+  for (int node = 0; node < kNodes; ++node) krx::add_node(model, node);
+  for (int step = 0; step < kNodes * kModes; ++step) {
+    int which = int((int64_t(step) * 7919) % (kNodes * kModes));
+    int mode = which % kModes + 1, node = which / kModes;
+    vector_for(mode, node, v);
+    ASSERT_EQ(krx::store_node_vector(model, mode, node, krx::kModeShapes, v), 1);
+  }
+  expect_records(model, krx::kModeShapes);
+}
+
+TEST_F(VectorStore, SeesStoresMadeBetweenReads) {
+  RecordingHost host;
+  krx::KRXDATA *model = make(10, 2);
+  double a[6] = {1, 2, 3, 4, 5, 6}, out[3];
+  ASSERT_EQ(krx::store_node_vector(model, 5, 1, krx::kModeShapes, a), 1);
+  ASSERT_EQ(krx::store_node_vector(model, 6, 1, krx::kModeShapes, a), 1);
+  ASSERT_EQ(krx::node_values(model, 5, krx::kModeShapes, 1, 1, out), 1);
+  EXPECT_EQ(out[2], 6.0);
+  // A store into the held mode and one into the other mode, both still pending at the next read.
+  ASSERT_EQ(krx::store_node_value(model, 5, 1, krx::kModeShapes, 5, -6.0), 1);
+  ASSERT_EQ(krx::store_node_value(model, 6, 1, krx::kModeShapes, 0, -1.0), 1);
+  ASSERT_EQ(krx::node_values(model, 5, krx::kModeShapes, 1, 1, out), 1);
+  EXPECT_EQ(out[2], -6.0);
+  ASSERT_EQ(krx::node_values(model, 6, krx::kModeShapes, 1, 0, out), 1);
+  EXPECT_EQ(out[0], -1.0);
+  EXPECT_EQ(krx::node_values(model, 7, krx::kModeShapes, 1, 0, out), 0);
+  EXPECT_EQ(krx::node_values(model, 6, krx::kModeShapes, 2, 0, out), 0);
+}
+
+TEST_F(VectorStore, ScalesTranslationsAndStressesOnLoadButNeverStrains) {
+  RecordingHost host;
+  krx::KRXDATA *model = make(2, 1);
+  model->own.precision = 0;
+  double v[6] = {1, 2, 3, 4, 5, 6};
+  for (int kind : {krx::kModeShapes, krx::kModalStress, krx::kModalStrain})
+    ASSERT_EQ(krx::store_node_vector(model, 1, 8, kind, v), 1);
+  model->length_ratio = 2.0;
+  model->force_ratio = 8.0;
+  for (int kind : {krx::kModeShapes, krx::kModalStress, krx::kModalStrain})
+    ASSERT_EQ(krx::load_mode_record(model, 1, kind), 1);
+  EXPECT_EQ(model->store[krx::kModeShapes].record, (std::vector<double>{2, 4, 6, 4, 5, 6}));
+  EXPECT_EQ(model->store[krx::kModalStress].record, (std::vector<double>{2, 4, 6, 8, 10, 12}));
+  EXPECT_EQ(model->store[krx::kModalStrain].record, (std::vector<double>{1, 2, 3, 4, 5, 6}));
+}
+
+// A file as the reader leaves it: values in the file's own encoding, N x 6 reals per mode.
+void write_big_endian(const std::string &path, const std::vector<double> &values, bool single) {
+  std::ofstream out(path, std::ios::binary);
+  out.write("HEAD", 4);
+  for (double value : values) {
+    if (single) {
+      uint32_t bits = __builtin_bswap32(std::bit_cast<uint32_t>(float(value)));
+      out.write(reinterpret_cast<const char *>(&bits), 4);
+    } else {
+      uint64_t bits = __builtin_bswap64(std::bit_cast<uint64_t>(value));
+      out.write(reinterpret_cast<const char *>(&bits), 8);
+    }
+  }
+}
+
+TEST_F(VectorStore, LoadsRecordsOfAModelReadFromAnXdrFile) {
+  krxtest::TempDir dir;
+  for (bool single : {false, true}) {
+    RecordingHost host;
+    krx::KRXDATA *model = make(0, 0);
+    for (int id : {10, 20}) krx::add_node(model, id);
+    model->modes = {4, 9};
+    std::vector<double> values;
+    for (int i = 0; i < 24; ++i) values.push_back(i * 0.5);
+    std::string path = dir.file(single ? "single.krx" : "double.krx");
+    write_big_endian(path, values, single);
+    model->own.file = std::fopen(path.c_str(), "rb");
+    ASSERT_NE(model->own.file, nullptr);
+    int width = single ? 4 : 8;
+    krx::VectorSlot &slot = model->store[krx::kModeShapes];
+    slot.io.file = model->own.file;
+    slot.io.xdr_in_use = 1;
+    slot.io.precision = single ? 0 : 1;
+    slot.slot_bytes = 6 * width;
+    slot.record_start = {4, 4 + 12 * width};
+    ASSERT_EQ(krx::load_mode_record(model, 9, krx::kModeShapes), 1);
+    EXPECT_EQ(slot.record, std::vector<double>(values.begin() + 12, values.end()));
+    EXPECT_TRUE(host.messages.empty());
+
+    // A record cut short by the end of the file is reported, and the load still succeeds.
+    slot.record_start[0] = 4 + 20 * width;
+    ASSERT_EQ(krx::load_mode_record(model, 4, krx::kModeShapes), 1);
+    EXPECT_EQ(host.texts(3), std::vector<std::string>{"Problem reading mode shape 4"});
+    EXPECT_EQ(slot.held_mode, 0);
+    krxtest::terminate_model();
+    EXPECT_TRUE(std::filesystem::exists(path));
+  }
+}
+
+TEST_F(VectorStore, ReplacementFileTakesOverTheKind) {
+  RecordingHost host;
+  krx::KRXDATA *model = make(3, 2);
+  double v[6] = {1, 1, 1, 1, 1, 1};
+  for (int node : {1, 2, 3}) ASSERT_EQ(krx::store_node_vector(model, 1, node, krx::kModalStress, v), 1);
+  ASSERT_EQ(krx::load_mode_record(model, 1, krx::kModalStress), 1);
+  std::string old_path = model->store[krx::kModalStress].io.path;
+  host.clear();
+
+  krx::ReplacementFile file;
+  ASSERT_EQ(krx::open_replacement_file(model, krx::kModalStress, 2, 2, "Shortened mode file: %s",
+                                       file),
+            1);
+  EXPECT_EQ(std::filesystem::path(file.io.path).parent_path(),
+            std::filesystem::path(old_path).parent_path());
+  EXPECT_EQ(host.texts(0), std::vector<std::string>{"Shortened mode file: " + file.io.path});
+  EXPECT_EQ(file_bytes(file.io.path).size(), 2u * 2 * 48);
+  std::vector<double> first(12), second(12);
+  for (int i = 0; i < 12; ++i) first[size_t(i)] = i, second[size_t(i)] = -i;
+  ASSERT_EQ(krx::write_replacement_record(file, 0, first.data()), 1);
+  ASSERT_EQ(krx::write_replacement_record(file, 1, second.data()), 1);
+  EXPECT_EQ(krx::write_replacement_record(file, 2, second.data()), 0);
+  std::string new_path = file.io.path;
+  ASSERT_EQ(krx::install_replacement_file(model, file), 1);
+  EXPECT_FALSE(std::filesystem::exists(old_path));
+  EXPECT_EQ(file.io.file, nullptr);
+
+  auto &slot = model->store[krx::kModalStress];
+  slot.nodes.resize(2);  // the caller's part of a shortened file
+  slot.index = {{1, 0}, {2, 1}};
+  ASSERT_EQ(krx::load_mode_record(model, 1, krx::kModalStress), 1);
+  EXPECT_EQ(slot.record, first);
+  ASSERT_EQ(krx::store_node_value(model, 2, 2, krx::kModalStress, 0, 7.0), 1);
+  ASSERT_EQ(krx::load_mode_record(model, 2, krx::kModalStress), 1);
+  EXPECT_EQ(slot.record[6], 7.0);
+  EXPECT_EQ(slot.record[7], -7.0);
+
+  krx::ReplacementFile unused;
+  ASSERT_EQ(krx::open_replacement_file(model, krx::kModeShapes, 1, 1, "Orthogonal mode file: %s",
+                                       unused),
+            1);
+  std::string unused_path = unused.io.path;
+  krx::discard_replacement_file(unused);
+  EXPECT_FALSE(std::filesystem::exists(unused_path));
+  krxtest::terminate_model();
+  EXPECT_FALSE(std::filesystem::exists(new_path));
+}
+
+TEST_F(VectorStore, ReplacementFileInAMissingDirectoryIsRefused) {
+  RecordingHost host;
+  krx::KRXDATA *model = make(3, 2);
+  setenv("QOR_TMP_STN", "/nonexistent-dir/strain.tmp", 1);
+  krx::ReplacementFile file;
+  EXPECT_EQ(krx::open_replacement_file(model, krx::kModalStrain, 1, 1, "Orthogonal mode file: %s",
+                                       file),
+            0);
+  // The name tried is a fresh "krx_" name in the missing directory.
+  auto errors = host.texts(3);
+  ASSERT_EQ(errors.size(), 1u);
+  std::string head = "Unable to open /nonexistent-dir/krx_";
+  std::string tail =
+      " for write.  Specify different temporary file directory by\nsetting the QOR_TMP_STN "
+      "environment variable.";
+  EXPECT_EQ(errors[0].size(), head.size() + 6 + tail.size());
+  EXPECT_EQ(errors[0].rfind(head, 0), 0u);
+  EXPECT_EQ(errors[0].substr(errors[0].size() - tail.size()), tail);
+  EXPECT_EQ(file.io.file, nullptr);
+}
+
+}  // namespace
