@@ -105,6 +105,7 @@ struct Outcome {
 
 Outcome compare(const ModelSpec &base_spec, const ModelSpec &new_spec, int verbosity,
                 double tolerance = kTolerance) {
+  krxtest::RecordingHost host;  // the store's notes stay off standard output
   krx::KRXDATA *base = build(base_spec);
   krx::KRXDATA *fresh = build(new_spec);
   testing::internal::CaptureStdout();
@@ -131,6 +132,7 @@ Exit compare_in_child(const ModelSpec &base_spec, const ModelSpec &new_spec, int
   if (pid == 0) {
     if (!std::freopen(path.c_str(), "w", stdout)) _exit(99);
     setenv("TMP", dir.path.c_str(), 1);  // the child's temporary vector files go with the directory
+    krxtest::RecordingHost host;
     krx::KRXDATA *base = build(base_spec);
     krx::KRXDATA *fresh = build(new_spec);
     krx::compare_files(base, fresh, verbosity, kTolerance);

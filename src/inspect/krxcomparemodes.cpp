@@ -158,6 +158,9 @@ int judge_mode(CompareRun &run, const Group &group, int32_t k) {
   }
   const std::vector<double> at = fit(group.gram_t, ct, g), ar = fit(group.gram_r, cr, g);
   run.coefficients[k] = fit(group.gram_f, cf, g);
+  // A mode of its own eigenvalue can only have changed sign: a small change of the shape must not
+  // scale what is compared through the coefficients (stresses, invariants, loads).
+  if (g == 1) run.coefficients[k][0] = run.coefficients[k][0] < 0.0 ? -1.0 : 1.0;
   // The remainder is formed explicitly: subtracting squared lengths would lose half the digits.
   std::vector<double> r = v;
   for (int j = 0; j < g; ++j) {
