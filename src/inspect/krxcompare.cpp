@@ -94,9 +94,18 @@ int32_t slot_node_id(const KRXDATA *model, int kind, int32_t slot) {
   return model->nodes[model->store[kind].nodes[slot]].id;
 }
 
+// Nodes of a kind's records. A model read from a file lists its mode-shape nodes first and may
+// hold further nodes without shapes; a host's model gives every node a shape.
+int32_t kind_nodes(const KRXDATA *model, int kind) {
+  if (kind != kModeShapes || model->store[kind].nodes.empty())
+    return kind == kModeShapes ? node_count(model) : (int32_t)model->store[kind].nodes.size();
+  return std::min((int32_t)model->store[kind].nodes.size(), node_count(model));
+}
+
 int32_t base_slot(KRXDATA *base, int kind, int32_t id) {
-  if (kind == kModeShapes) return node_position(base, id);
-  return kind_slot(base, kind, id);
+  if (kind != kModeShapes) return kind_slot(base, kind, id);
+  const int32_t p = node_position(base, id);
+  return p < kind_nodes(base, kind) ? p : -1;
 }
 
 const int kKindFlags[3] = {kFlagModeShapes, kFlagModalStress, kFlagModalStrain};
@@ -108,8 +117,7 @@ void build_kind_map(CompareRun &run, int kind) {
   run.kind_map[kind].clear();
   if (!both_have(run, kKindFlags[kind])) return;
   say(run, kShowPass, "->Building node map for %s modes. \n", kKindWords[kind]);
-  const int32_t n =
-      kind == kModeShapes ? node_count(run.fresh) : (int32_t)run.fresh->store[kind].nodes.size();
+  const int32_t n = kind_nodes(run.fresh, kind);
   run.kind_map[kind].assign(n, -1);
   for (int32_t s = 0; s < n; ++s) {
     const int32_t id = slot_node_id(run.fresh, kind, s);
