@@ -293,3 +293,46 @@ TEST(CompareFatal, MissingNodesAndBlocksEndTheProcessWithMinusOne) {
 }
 
 }  // namespace
+
+namespace {
+
+struct ToolRun {
+  int status = -1;
+  std::string out;  // standard output and standard error together
+};
+
+ToolRun run_tool(const std::string &arguments) {
+  const std::string command = std::string(KRX_BINARY_DIR) + "/krxcompare " + arguments + " 2>&1";
+  ToolRun run;
+  FILE *pipe = popen(command.c_str(), "r");
+  if (!pipe) return run;
+  char buffer[4096];
+  for (std::size_t n; (n = std::fread(buffer, 1, sizeof buffer, pipe)) > 0;) run.out.append(buffer, n);
+  const int status = pclose(pipe);
+  if (WIFEXITED(status)) run.status = WEXITSTATUS(status);
+  return run;
+}
+
+TEST(CompareTool, UsageErrorsAndUnreadableFilesExitWithTwo) {
+  const ToolRun help = run_tool("--help");
+  EXPECT_EQ(help.status, 0);
+  EXPECT_TRUE(help.out.starts_with("usage: krxcompare [options] BASE NEW\n")) << help.out;
+  EXPECT_EQ(run_tool("-h").out, help.out);
+
+  for (const char *arguments : {"", "only_one.krx", "a.krx b.krx c.krx", "-t", "-t abc a b",
+                                "--tolerance=-1 a b", "-v 7x a b", "-x a b"}) {
+    const ToolRun run = run_tool(arguments);
+    EXPECT_EQ(run.status, 2) << arguments;
+    EXPECT_TRUE(contains(run.out, "Try 'krxcompare --help' for more information.\n")) << arguments;
+  }
+  EXPECT_EQ(run_tool("-x a b").out,
+            "krxcompare: unknown option '-x'\nTry 'krxcompare --help' for more information.\n");
+
+  krxtest::TempDir dir;
+  const ToolRun missing = run_tool(dir.file("none.krx") + " " + dir.file("none.krx"));
+  EXPECT_EQ(missing.status, 2);
+  EXPECT_TRUE(contains(missing.out, "krxcompare: cannot read KRX file '" + dir.file("none.krx") + "'\n"))
+      << missing.out;
+}
+
+}  // namespace
