@@ -42,6 +42,7 @@ struct ModelSpec {
   std::function<double(int, int, int)> stress = stress_value;
   int stress_nodes = kStressNodes;
   bool eigen_flag = true;
+  std::function<void(krx::KRXDATA &)> finish;  // further blocks, set directly
 
   ModelSpec() {
     for (int n = 0; n < kNodes; ++n) {
@@ -95,6 +96,7 @@ krx::KRXDATA *build(const ModelSpec &spec) {
     }
   }
   model->flags[krx::kFlagEigenvalues] = spec.eigen_flag ? 1 : 0;
+  if (spec.finish) spec.finish(*model);
   return model;
 }
 
@@ -254,6 +256,55 @@ TEST(CompareModels, AZeroRotationalPartInTheBaseIsNotedAndStillCompared) {
   EXPECT_TRUE(contains(same.out, "->Note base EigenVectorRotational=0\n"));
   const Outcome other = compare(base, ModelSpec(), 0);
   EXPECT_TRUE(contains(other.out, "->Fail EigenVector rotational: #1\n  Delta: 1.000000e+00\n"));
+}
+
+// Modal loads of two cases, generalized stiffness and faces, set directly.
+void more_blocks(krx::KRXDATA &model) {
+  model.flags[krx::kFlagModalLoads] = 1;
+  for (int c = 0; c < 2; ++c) {
+    krx::LoadCase load;
+    load.label = "case";
+    for (int m = 0; m < kModes; ++m) load.values.push_back(10.0 * (m + 1) * (c + 1));
+    model.load_cases.push_back(load);
+  }
+  model.flags[krx::kFlagGeneralizedStiffness] = 1;
+  for (int m = 0; m < kModes; ++m) model.stiffness.push_back({m, m, 1.0 + m});
+  model.flags[krx::kFlagElementFaces] = 1;
+  model.faces = {3, 0, 1, 2, 4, 3, 4, 5, 6};
+  model.face_count = 2;
+}
+
+TEST(CompareModels, LoadSignsWarnWhileListsAndFacesFailOrPassByTheirRules) {
+  ModelSpec base;
+  base.finish = more_blocks;
+  ModelSpec fresh;
+  fresh.finish = [](krx::KRXDATA &model) {
+    more_blocks(model);
+    model.load_cases[1].values[7] = -model.load_cases[1].values[7];
+    model.faces = {4, 4, 5, 6, 3, 3, 2, 0, 1};  // the same faces, another order
+  };
+  const Outcome signs = compare(base, fresh, 1);
+  EXPECT_EQ(signs.result, 0) << signs.out;
+  EXPECT_TRUE(contains(signs.out, "->Warning: Rigid body components (assumed first 6) won't be checked\n"));
+  EXPECT_TRUE(contains(signs.out, "->Warning: Modal load component 8 differs in sign for case #2\n"));
+  EXPECT_EQ(compare(base, fresh, 2).out.find("  Pass FaceList A\n"), std::string::npos);
+  EXPECT_TRUE(contains(compare(base, fresh, 2).out, "  Pass FaceList B\n"));
+
+  ModelSpec broken;
+  broken.finish = [](krx::KRXDATA &model) {
+    more_blocks(model);
+    model.load_cases[0].values[8] *= 1.01;
+    std::swap(model.stiffness[2].row, model.stiffness[3].row);
+    model.faces[3] = 7;
+  };
+  const Outcome out = compare(base, broken, 0);
+  EXPECT_TRUE(contains(out.out, "->Fail SparceStiffnessRowList\nindex: 2  new: 4  base: 3\nindex: 3  new: 3  base: 4\n"))
+      << out.out;
+  EXPECT_TRUE(contains(out.out, "->Fail SparceStiffness\n"));
+  EXPECT_TRUE(contains(out.out, "->Fail Modal Load: Case #1\n"));
+  EXPECT_TRUE(contains(out.out, "->Fail Modal Loads\n"));
+  EXPECT_TRUE(contains(out.out, "->Fail FaceList\n"));
+  EXPECT_FALSE(contains(out.out, "SparceStiffnessList"));  // the values in list order agree
 }
 
 TEST(CompareFatal, MissingNodesAndBlocksEndTheProcessWithMinusOne) {
