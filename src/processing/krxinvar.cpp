@@ -1,0 +1,544 @@
+// Inertia invariants: each is read from the model's file, computed from the nodal masses and the
+// mode shapes, or taken from the global mass properties, the first that applies, and cached in
+// the model so that a second request only copies.
+#include "processing/krxinvar.h"
+
+#include <algorithm>
+#include <cstring>
+#include <new>
+
+#include "host/krxmsg.h"
+#include "model/krxset.h"
+#include "model/krxtools.h"
+#include "processing/krxunits.h"
+
+namespace krx {
+namespace {
+
+constexpr const char *kSource = "..\\krxinvar";
+
+// Blocks of the file that hold the invariants.
+constexpr int kBlock1 = 19, kBlock2 = 20, kBlock3 = 21, kBlock4 = 22, kBlock5 = 23, kBlock7 = 24,
+              kBlock8 = 25, kBlock9 = 26;
+
+int32_t retained_count(const KRXDATA *model) { return std::max<int32_t>(0, model->retained_modes); }
+
+// Retained mode j is the mode the eigen solution mapped it to, or mode index j when it has not.
+int32_t retained_mode_index(const KRXDATA *model, int32_t j) {
+  if (model->record_map.empty()) return j;
+  return j < int32_t(model->record_map.size()) ? model->record_map[j] : -1;
+}
+
+bool holds_nodal_masses(const KRXDATA *model) { return model->flags[kFlagNodalMasses] != 0; }
+
+bool file_has_block(const KRXDATA *model, int block) {
+  return model->read_from_file && model->block_start[block] > 0;
+}
+
+// The record of retained mode j, six values per node of the node table; null when the model
+// holds no shape for it, which then counts as a zero shape.
+const double *load_shape(KRXDATA *model, int32_t j) {
+  if (!model->flags[kFlagModeShapes]) return nullptr;
+  int32_t index = retained_mode_index(model, j);
+  if (index < 0 || !load_mode_record_by_index(model, index, kModeShapes)) return nullptr;
+  const std::vector<double> &record = model->store[kModeShapes].record;
+  if (record.size() < model->nodes.size() * 6) return nullptr;
+  return record.data();
+}
+
+// The node's inertia tensor row by row from I11, I22, I33, I12, I13, I23, signs as stored.
+void expand_inertia(const std::array<double, 6> &c, double J[9]) {
+  const double rows[9] = {c[0], c[3], c[4], c[3], c[1], c[5], c[4], c[5], c[2]};
+  std::memcpy(J, rows, sizeof rows);
+}
+
+void position_of(const NodeRecord &node, double x[3]) {
+  x[0] = node.x;
+  x[1] = node.y;
+  x[2] = node.z;
+}
+
+// A zero-filled cache of n doubles; false (reported) when it cannot be allocated.
+bool allocate_cache(std::vector<double> &cache, std::size_t n) {
+  try {
+    cache.assign(n, 0.0);
+    return true;
+  } catch (const std::bad_alloc &) {
+    KRX_REPORT_ALLOC(kSource);
+    return false;
+  }
+}
+
+// Fills an empty cache from the file block when the file holds it. The size is fixed before
+// reading so that a short block never leaves a cache the writer would overrun.
+bool fill_from_file(KRXDATA *model, int block, std::vector<double> &cache, std::size_t n) {
+  std::vector<double> values;
+  try {
+    if (!read_invariant_block(model, block, values)) return false;
+    values.resize(n, 0.0);
+  } catch (const std::bad_alloc &) {
+    KRX_REPORT_ALLOC(kSource);
+    return false;
+  }
+  cache = std::move(values);
+  return true;
+}
+
+double sum_nodal_mass(const KRXDATA *model) {
+  double sum = 0.0;
+  for (const NodeRecord &node : model->nodes) sum += node.mass;
+  return sum;
+}
+
+void sum_first_moment(const KRXDATA *model, double out[3]) {
+  out[0] = out[1] = out[2] = 0.0;
+  for (const NodeRecord &node : model->nodes) {
+    out[0] += node.mass * node.x;
+    out[1] += node.mass * node.y;
+    out[2] += node.mass * node.z;
+  }
+}
+
+void sum_inertia(const KRXDATA *model, double out[9]) {
+  std::fill(out, out + 9, 0.0);
+  for (const NodeRecord &node : model->nodes) {
+    double x[3];
+    position_of(node, x);
+    if (node.mass != 0.0) skew_accumulate(out, -node.mass, x, x);
+    if (!node.inertia) continue;
+    double J[9];
+    expand_inertia(*node.inertia, J);
+    for (int e = 0; e < 9; ++e) out[e] += J[e];
+  }
+}
+
+// Invariant 3 over all retained modes: column j holds sum m phi_j, component-major.
+void sum_invariant3(KRXDATA *model, std::vector<double> &out, int32_t M) {
+  for (int32_t j = 0; j < M; ++j) {
+    const double *shape = load_shape(model, j);
+    if (!shape) continue;
+    double s[3] = {0.0, 0.0, 0.0};
+    for (std::size_t i = 0; i < model->nodes.size(); ++i) {
+      const double m = model->nodes[i].mass;
+      if (m == 0.0) continue;
+      for (int c = 0; c < 3; ++c) s[c] += m * shape[6 * i + c];
+    }
+    for (int c = 0; c < 3; ++c) out[c * M + j] = s[c];
+  }
+}
+
+// Invariant 4: sum m (x x phi_j) plus J psi_j, the rotational part through the nodal inertias.
+void sum_invariant4(KRXDATA *model, std::vector<double> &out, int32_t M) {
+  for (int32_t j = 0; j < M; ++j) {
+    const double *shape = load_shape(model, j);
+    if (!shape) continue;
+    double s[3] = {0.0, 0.0, 0.0};
+    for (std::size_t i = 0; i < model->nodes.size(); ++i) {
+      const NodeRecord &node = model->nodes[i];
+      const double *phi = shape + 6 * i;
+      if (node.mass != 0.0) {
+        double x[3];
+        position_of(node, x);
+        cross_accumulate(s, node.mass, x, phi);
+      }
+      if (!node.inertia) continue;
+      double J[9];
+      expand_inertia(*node.inertia, J);
+      const double *psi = phi + 3;
+      for (int r = 0; r < 3; ++r)
+        s[r] += J[3 * r] * psi[0] + J[3 * r + 1] * psi[1] + J[3 * r + 2] * psi[2];
+    }
+    for (int c = 0; c < 3; ++c) out[c * M + j] = s[c];
+  }
+}
+
+// Invariant 8: array j is sum m skew(x) skew(phi_j).
+void sum_invariant8(KRXDATA *model, std::vector<double> &out, int32_t M) {
+  for (int32_t j = 0; j < M; ++j) {
+    const double *shape = load_shape(model, j);
+    if (!shape) continue;
+    double *T = out.data() + std::size_t(j) * 9;
+    for (std::size_t i = 0; i < model->nodes.size(); ++i) {
+      const NodeRecord &node = model->nodes[i];
+      if (node.mass == 0.0) continue;
+      double x[3];
+      position_of(node, x);
+      skew_accumulate(T, node.mass, x, shape + 6 * i);
+    }
+  }
+}
+
+// Invariants 5 and 9 in one pass over the mode pairs k >= j. Mode j's translations are kept in
+// one buffer of 3N doubles while the store serves mode k, so memory stays O(N). Invariant 5 is
+// stored antisymmetric with a zero diagonal, and array (k, j) of invariant 9 is the transpose of
+// array (j, k). A null target is skipped.
+bool sum_pair_invariants(KRXDATA *model, std::vector<double> *five, std::vector<double> *nine,
+                         int32_t M) {
+  const std::size_t N = model->nodes.size();
+  std::vector<double> first;
+  try {
+    first.resize(3 * N);
+  } catch (const std::bad_alloc &) {
+    KRX_REPORT_ALLOC(kSource);
+    return false;
+  }
+  const std::size_t row = 3 * std::size_t(M);
+  for (int32_t j = 0; j < M; ++j) {
+    const double *shape_j = load_shape(model, j);
+    if (!shape_j) continue;
+    for (std::size_t i = 0; i < N; ++i)
+      std::memcpy(&first[3 * i], shape_j + 6 * i, 3 * sizeof(double));
+    for (int32_t k = j; k < M; ++k) {
+      const double *shape_k = k == j ? shape_j : load_shape(model, k);
+      if (!shape_k) continue;
+      double s5[3] = {0.0, 0.0, 0.0}, s9[9] = {};
+      for (std::size_t i = 0; i < N; ++i) {
+        const double m = model->nodes[i].mass;
+        if (m == 0.0) continue;
+        if (five && k != j) cross_accumulate(s5, m, &first[3 * i], shape_k + 6 * i);
+        if (nine) skew_accumulate(s9, m, &first[3 * i], shape_k + 6 * i);
+      }
+      if (five && k != j) {
+        for (int c = 0; c < 3; ++c) {
+          (*five)[j * row + c * M + k] = s5[c];
+          (*five)[k * row + c * M + j] = -s5[c];
+        }
+      }
+      if (nine) {
+        double *jk = nine->data() + (std::size_t(j) * M + k) * 9;
+        double *kj = nine->data() + (std::size_t(k) * M + j) * 9;
+        std::memcpy(jk, s9, sizeof s9);
+        for (int r = 0; r < 3; ++r)
+          for (int c = 0; c < 3; ++c) kj[3 * c + r] = s9[3 * r + c];
+      }
+    }
+  }
+  return true;
+}
+
+// Fills whichever of invariants 5 and 9 is not cached yet: from the file first, else from the
+// nodal masses; both arrays are allocated before the pass.
+bool ensure_pair_invariants(KRXDATA *model, bool want5, bool want9) {
+  const int32_t M = retained_count(model);
+  const std::size_t n5 = std::size_t(M) * 3 * M, n9 = std::size_t(M) * M * 9;
+  want5 =
+      want5 && model->invariant5.empty() && !fill_from_file(model, kBlock5, model->invariant5, n5);
+  want9 =
+      want9 && model->invariant9.empty() && !fill_from_file(model, kBlock9, model->invariant9, n9);
+  if (!want5 && !want9) return true;
+  if (want5 && !allocate_cache(model->invariant5, n5)) return false;
+  if (want9 && !allocate_cache(model->invariant9, n9)) return false;
+  if (!holds_nodal_masses(model)) return true;
+  return sum_pair_invariants(model, want5 ? &model->invariant5 : nullptr,
+                             want9 ? &model->invariant9 : nullptr, M);
+}
+
+// Invariants 3, 4 and 8: file, then nodal masses, else zeros. None without retained modes.
+using ModalSum = void (*)(KRXDATA *, std::vector<double> &, int32_t);
+
+bool ensure_modal_invariant(KRXDATA *model, std::vector<double> &cache, int block,
+                            std::size_t per_mode, ModalSum sum) {
+  const int32_t M = retained_count(model);
+  if (M == 0) return false;
+  if (!cache.empty()) return true;
+  const std::size_t n = per_mode * M;
+  if (fill_from_file(model, block, cache, n)) return true;
+  if (!allocate_cache(cache, n)) return false;
+  if (holds_nodal_masses(model)) sum(model, cache, M);
+  return true;
+}
+
+// Array `index` of `size` doubles from a cache (the whole cache when size is 0), or nothing when
+// the cache lacks it or the copy cannot be allocated.
+std::vector<double> copy_array(const std::vector<double> &cache, std::size_t index = 0,
+                               std::size_t size = 0) {
+  if (size == 0) size = cache.size();
+  if ((index + 1) * size > cache.size()) return {};
+  try {
+    return std::vector<double>(cache.begin() + index * size, cache.begin() + (index + 1) * size);
+  } catch (const std::bad_alloc &) {
+    KRX_REPORT_ALLOC(kSource);
+    return {};
+  }
+}
+
+}  // namespace
+
+// ---- File branch -------------------------------------------------------------------------------
+// Until the reader lands, a model loaded from a file has no readable invariant blocks and its
+// invariants are computed from its data like any other model's.
+
+bool read_invariant_block(KRXDATA *model, int block, std::vector<double> &values) {
+  if (!model || !file_has_block(model, block)) return false;
+  values.clear();
+  return false;
+}
+
+std::size_t invariant_block_values(int block, int32_t modes) {
+  const std::size_t M = std::size_t(std::max<int32_t>(0, modes));
+  switch (block) {
+    case kBlock1:
+      return 1;
+    case kBlock2:
+      return 3;
+    case kBlock3:
+    case kBlock4:
+      return 3 * M;
+    case kBlock5:
+      return 3 * M * M;
+    case kBlock7:
+      return 9;
+    case kBlock8:
+      return 9 * M;
+    case kBlock9:
+      return 9 * M * M;
+    default:
+      return 0;
+  }
+}
+
+void check_invariant_mode_count(const KRXDATA *model, int32_t file_modes) {
+  if (file_modes != retained_count(model))
+    error("nm!=ModeCount at line %d in file %s", __LINE__, kSource);
+}
+
+void scale_invariant_from_file(const KRXDATA *model, int block, std::vector<double> &values) {
+  const double m = model->mass_ratio, L = model->length_ratio;
+  const double factor = block == kBlock1                         ? m
+                        : (block == kBlock2 || block == kBlock3) ? m * L
+                                                                 : m * L * L;
+  scale_array(values.data(), values.size(), factor);
+}
+
+// ---- Invariants ---------------------------------------------------------------------------------
+
+double invariant1(KRXDATA *model) {
+  if (!model_exists(model)) return 0.0;
+  if (model->has_invariant1) return model->invariant1;
+  std::vector<double> value;
+  if (fill_from_file(model, kBlock1, value, 1))
+    model->invariant1 = value[0];
+  else if (holds_nodal_masses(model))
+    model->invariant1 = sum_nodal_mass(model);
+  else
+    model->invariant1 = model->total_mass;
+  model->has_invariant1 = true;
+  return model->invariant1;
+}
+
+std::vector<double> invariant2(KRXDATA *model) {
+  if (!model_exists(model)) return {};
+  std::vector<double> &cache = model->invariant2;
+  if (cache.empty() && !fill_from_file(model, kBlock2, cache, 3)) {
+    if (!allocate_cache(cache, 3)) return {};
+    if (holds_nodal_masses(model)) {
+      sum_first_moment(model, cache.data());
+    } else if (model->total_mass != 0.0) {
+      for (int c = 0; c < 3; ++c) cache[c] = model->total_mass * model->centre_of_mass[c];
+    }
+  }
+  return copy_array(cache);
+}
+
+std::vector<double> invariant3(KRXDATA *model) {
+  if (!model_exists(model)) return {};
+  if (!ensure_modal_invariant(model, model->invariant3, kBlock3, 3, sum_invariant3)) return {};
+  return copy_array(model->invariant3);
+}
+
+std::vector<double> invariant4(KRXDATA *model) {
+  if (!model_exists(model)) return {};
+  if (!ensure_modal_invariant(model, model->invariant4, kBlock4, 3, sum_invariant4)) return {};
+  return copy_array(model->invariant4);
+}
+
+std::vector<double> invariant5(KRXDATA *model, int32_t mode) {
+  if (!model_exists(model)) return {};
+  const int32_t M = retained_count(model);
+  if (M == 0 || !ensure_pair_invariants(model, true, false)) return {};
+  if (mode < 0 || mode >= M) return {};
+  return copy_array(model->invariant5, std::size_t(mode), 3 * std::size_t(M));
+}
+
+std::vector<double> invariant6(KRXDATA *model) {
+  if (!model_exists(model)) return {};
+  const int32_t M = retained_count(model);
+  if (M == 0) return {};
+  int32_t n = mode_count(model);
+  for (int32_t j = 0; j < M; ++j) n = std::max(n, retained_mode_index(model, j) + 1);
+  std::vector<double> full = dense_matrix(model->mass, n);
+  if (full.empty()) return {};
+  std::vector<double> out;
+  try {
+    out.assign(std::size_t(M) * M, 0.0);
+  } catch (const std::bad_alloc &) {
+    KRX_REPORT_ALLOC(kSource);
+    return {};
+  }
+  for (int32_t a = 0; a < M; ++a) {
+    const int32_t ra = retained_mode_index(model, a);
+    if (ra < 0) continue;
+    for (int32_t b = 0; b < M; ++b) {
+      const int32_t rb = retained_mode_index(model, b);
+      if (rb >= 0) out[std::size_t(a) * M + b] = full[std::size_t(ra) * n + rb];
+    }
+  }
+  return out;
+}
+
+std::vector<double> invariant7(KRXDATA *model) {
+  if (!model_exists(model)) return {};
+  std::vector<double> &cache = model->invariant7;
+  if (cache.empty() && !fill_from_file(model, kBlock7, cache, 9)) {
+    if (!allocate_cache(cache, 9)) return {};
+    if (holds_nodal_masses(model)) {
+      sum_inertia(model, cache.data());
+    } else if (model->total_mass != 0.0) {
+      // The host gives products of inertia with the opposite sign to the tensor kept here.
+      for (int e = 0; e < 9; ++e)
+        cache[e] = (e % 4 == 0) ? model->global_inertia[e] : -model->global_inertia[e];
+    }
+  }
+  return copy_array(cache);
+}
+
+std::vector<double> invariant8(KRXDATA *model, int32_t mode) {
+  if (!model_exists(model)) return {};
+  if (!ensure_modal_invariant(model, model->invariant8, kBlock8, 9, sum_invariant8)) return {};
+  if (mode < 0 || mode >= retained_count(model)) return {};
+  return copy_array(model->invariant8, std::size_t(mode), 9);
+}
+
+std::vector<double> invariant9(KRXDATA *model, int32_t mode_j, int32_t mode_k) {
+  if (!model_exists(model)) return {};
+  const int32_t M = retained_count(model);
+  if (M == 0 || !ensure_pair_invariants(model, false, true)) return {};
+  if (mode_j < 0 || mode_j >= M || mode_k < 0 || mode_k >= M) return {};
+  return copy_array(model->invariant9, std::size_t(mode_j) * M + mode_k, 9);
+}
+
+// ---- Checks for the setters --------------------------------------------------------------------
+
+double peek_invariant1(const KRXDATA *model) {
+  if (!model) return 0.0;
+  return model->has_invariant1 ? model->invariant1 : sum_nodal_mass(model);
+}
+
+std::array<double, 3> peek_invariant2(const KRXDATA *model) {
+  std::array<double, 3> out{};
+  if (!model) return out;
+  if (model->invariant2.size() >= 3)
+    std::copy_n(model->invariant2.begin(), 3, out.begin());
+  else
+    sum_first_moment(model, out.data());
+  return out;
+}
+
+std::array<double, 9> peek_invariant7(const KRXDATA *model) {
+  std::array<double, 9> out{};
+  if (!model) return out;
+  if (model->invariant7.size() >= 9)
+    std::copy_n(model->invariant7.begin(), 9, out.begin());
+  else
+    sum_inertia(model, out.data());
+  return out;
+}
+
+// ---- Drivers ------------------------------------------------------------------------------------
+
+void compute_rigid_invariants(KRXDATA *model) {
+  if (!model_exists(model)) return;
+  const bool cached =
+      model->has_invariant1 && !model->invariant2.empty() && !model->invariant7.empty();
+  const bool in_file = file_has_block(model, kBlock1) && file_has_block(model, kBlock2) &&
+                       file_has_block(model, kBlock7);
+  if (!cached && !in_file && !holds_nodal_masses(model))
+    error(
+        "There is insufficient mass data to compute a full set of mass invariants.\n"
+        "Some or all mass invariants will be set to zero.");
+  note("Computing *rigid* invariants");
+  invariant1(model);
+  invariant2(model);
+  invariant3(model);
+  invariant7(model);
+}
+
+void compute_fast_invariants(KRXDATA *model) {
+  if (!model_exists(model)) return;
+  const bool cached = model->has_invariant1 && !model->invariant2.empty() &&
+                      !model->invariant3.empty() && !model->invariant4.empty() &&
+                      !model->invariant7.empty() && !model->invariant8.empty();
+  bool in_file = true;
+  for (int block : {kBlock1, kBlock2, kBlock3, kBlock4, kBlock7, kBlock8})
+    in_file = in_file && file_has_block(model, block);
+  if (!cached && !in_file && !(holds_nodal_masses(model) && retained_count(model) > 0))
+    error(
+        "There is insufficient mass data to compute a partial set of mass invariants.\n"
+        "Some or all mass invariants will be set to zero.");
+  note("Computing fast set of invariants");
+  invariant1(model);
+  invariant2(model);
+  invariant3(model);
+  invariant4(model);
+  invariant6(model);
+  invariant7(model);
+  invariant8(model, 0);
+}
+
+void compute_full_invariants(KRXDATA *model) {
+  if (!model_exists(model)) return;
+  const bool cached = model->has_invariant1 && !model->invariant2.empty() &&
+                      !model->invariant3.empty() && !model->invariant4.empty() &&
+                      !model->invariant5.empty() && !model->invariant7.empty() &&
+                      !model->invariant8.empty() && !model->invariant9.empty();
+  bool in_file = true;
+  for (int block = kBlock1; block <= kBlock9; ++block)
+    in_file = in_file && file_has_block(model, block);
+  if (!cached && !in_file && !(holds_nodal_masses(model) && retained_count(model) > 0))
+    error(
+        "There is insufficient mass data to compute a full set of mass invariants.\n"
+        "Some or all mass invariants will be set to zero.");
+  note("Computing *all* invariants");
+  invariant1(model);
+  invariant2(model);
+  invariant3(model);
+  invariant4(model);
+  invariant5(model, 0);
+  invariant6(model);
+  invariant7(model);
+  invariant8(model, 0);
+  invariant9(model, 0, 0);
+}
+
+// ---- Kernels ------------------------------------------------------------------------------------
+
+void cross_accumulate(double t[3], double s, const double a[3], const double b[3]) {
+  t[0] += s * (a[1] * b[2] - a[2] * b[1]);
+  t[1] += s * (a[2] * b[0] - a[0] * b[2]);
+  t[2] += s * (a[0] * b[1] - a[1] * b[0]);
+}
+
+// skew(a) skew(b) = b a^T - (a . b) I: entry (r, c) is a_c b_r, less a . b on the diagonal.
+void skew_accumulate(double t[9], double s, const double a[3], const double b[3]) {
+  const double dot = a[0] * b[0] + a[1] * b[1] + a[2] * b[2];
+  for (int r = 0; r < 3; ++r)
+    for (int c = 0; c < 3; ++c) t[3 * r + c] += s * (a[c] * b[r] - (r == c ? dot : 0.0));
+}
+
+std::vector<double> dense_matrix(const std::vector<MatrixEntry> &entries, int32_t n) {
+  if (n <= 0) return {};
+  std::vector<double> dense;
+  try {
+    dense.assign(std::size_t(n) * n, 0.0);
+  } catch (const std::bad_alloc &) {
+    KRX_REPORT_ALLOC(kSource);
+    return {};
+  }
+  for (const MatrixEntry &entry : entries) {
+    if (entry.row < 0 || entry.row >= n || entry.column < 0 || entry.column >= n) continue;
+    dense[std::size_t(entry.row) * n + entry.column] = entry.value;
+  }
+  return dense;
+}
+
+}  // namespace krx

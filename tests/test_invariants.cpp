@@ -1,0 +1,284 @@
+// Inertia invariants: hand-computed sums on a three-node, two-mode model, their symmetries, the
+// fallback to the global mass properties, the caches and the three drivers.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <memory>
+
+#include "host/krx_fortran.h"
+#include "model/krxtools.h"
+#include "processing/krxinvar.h"
+#include "processing/krxunits.h"
+#include "testsupport.h"
+
+using krxtest::RecordingHost;
+using V = std::vector<double>;
+
+namespace {
+
+constexpr const char *kFullWarning =
+    "There is insufficient mass data to compute a full set of mass invariants.\n"
+    "Some or all mass invariants will be set to zero.";
+constexpr const char *kPartialWarning =
+    "There is insufficient mass data to compute a partial set of mass invariants.\n"
+    "Some or all mass invariants will be set to zero.";
+
+void expect_near(const V &actual, const V &expected) {
+  ASSERT_EQ(actual.size(), expected.size());
+  for (std::size_t i = 0; i < actual.size(); ++i) EXPECT_NEAR(actual[i], expected[i], 1e-12) << i;
+}
+
+struct InvariantTest : ::testing::Test {
+  void TearDown() override { krxtest::terminate_model(); }
+
+  krx::KRXDATA *model = nullptr;
+
+  void add_node(int id, double x, double y, double z, double mass) {
+    int32_t n = krx::node_position_or_add(model, id);
+    auto &node = model->nodes[n];
+    node.x = x, node.y = y, node.z = z, node.mass = mass;
+    if (mass != 0.0) model->flags[krx::kFlagNodalMasses] = 1;
+  }
+  void shape(int mode, int id, V v) {
+    ASSERT_TRUE(krx::store_node_vector(model, mode, id, 0, v.data()));
+  }
+
+  // Node 1 at (1,0,0), mass 2, with an inertia; node 2 at (0,2,0), mass 3; node 3 at (0,0,1)
+  // without mass but with large mode shapes, which must contribute nothing.
+  void build_two_mode_model() {
+    krxtest::create_model(10, 4);
+    model = krx::current_model();
+    add_node(1, 1, 0, 0, 2);
+    add_node(2, 0, 2, 0, 3);
+    add_node(3, 0, 0, 1, 0);
+    model->nodes[0].inertia = std::make_unique<std::array<double, 6>>(
+        std::array<double, 6>{1.0, 2.0, 3.0, 0.1, 0.2, 0.3});
+    shape(10, 1, {0, 1, 0, 1, 0, 0});
+    shape(10, 2, {1, 0, 0, 0, 0, 0});
+    shape(10, 3, {5, 5, 5, 5, 5, 5});
+    shape(20, 1, {0, 0, 1, 0, 0, 0});
+    shape(20, 2, {0, 1, 0, 0, 0, 0});
+    shape(20, 3, {7, 7, 7, 7, 7, 7});
+  }
+
+  // No nodal masses; only the global body properties.
+  void build_global_mass_model(int modes) {
+    krxtest::create_model(10, 4);
+    model = krx::current_model();
+    add_node(1, 1, 1, 1, 0);
+    for (int j = 0; j < modes; ++j) krx::register_mode(model, j + 1);
+    model->total_mass = 4.0;
+    model->centre_of_mass = {1.0, 2.0, 3.0};
+    model->global_inertia = {10, 1, 2, 1, 20, 3, 2, 3, 30};
+  }
+};
+
+TEST_F(InvariantTest, SumsOverNodesMatchHandComputedValues) {
+  build_two_mode_model();
+  EXPECT_DOUBLE_EQ(krx::invariant1(model), 5.0);
+  expect_near(krx::invariant2(model), {2, 6, 0});
+  expect_near(krx::invariant3(model), {3, 0, 2, 3, 0, 2});
+  // Mode 0 adds the rotational part J psi = (1, 0.1, 0.2) of node 1.
+  expect_near(krx::invariant4(model), {1, 0, 0.1, -2, -3.8, 0});
+  expect_near(krx::invariant7(model), {13, 0.1, 0.2, 0.1, 4, 0.3, 0.2, 0.3, 17});
+  expect_near(krx::invariant8(model, 0), {0, 6, 0, 2, 0, 0, 0, 0, 0});
+  expect_near(krx::invariant8(model, 1), {-6, 0, 0, 0, 0, 0, 2, 0, -6});
+  expect_near(krx::invariant9(model, 0, 0), {-2, 0, 0, 0, -3, 0, 0, 0, -5});
+  expect_near(krx::invariant9(model, 0, 1), {0, 0, 0, 3, 0, 0, 0, 2, 0});
+}
+
+TEST_F(InvariantTest, PairInvariantsAreAntisymmetricAndTransposed) {
+  build_two_mode_model();
+  V five0 = krx::invariant5(model, 0), five1 = krx::invariant5(model, 1);
+  expect_near(five0, {0, 2, 0, 0, 0, 3});
+  ASSERT_EQ(five1.size(), 6u);
+  for (int c = 0; c < 3; ++c) {
+    EXPECT_EQ(five1[c * 2 + 0], -five0[c * 2 + 1]);
+    // The diagonal is a true zero, not a negated one: the writer copies its bits.
+    EXPECT_FALSE(std::signbit(five0[c * 2 + 0]));
+    EXPECT_FALSE(std::signbit(five1[c * 2 + 1]));
+  }
+  V jk = krx::invariant9(model, 0, 1), kj = krx::invariant9(model, 1, 0);
+  for (int r = 0; r < 3; ++r)
+    for (int c = 0; c < 3; ++c) EXPECT_EQ(kj[3 * r + c], jk[3 * c + r]);
+  EXPECT_TRUE(krx::invariant5(model, 2).empty());
+  EXPECT_TRUE(krx::invariant9(model, 0, -1).empty());
+}
+
+TEST_F(InvariantTest, FirstMomentOverMassIsTheCentreOfNodalMass) {
+  build_two_mode_model();
+  V s = krx::invariant2(model);
+  double m = krx::invariant1(model);
+  EXPECT_DOUBLE_EQ(s[0] / m, 0.4);
+  EXPECT_DOUBLE_EQ(s[1] / m, 1.2);
+  EXPECT_DOUBLE_EQ(s[2] / m, 0.0);
+}
+
+TEST_F(InvariantTest, RetainedModesFollowTheRecordMap) {
+  build_two_mode_model();
+  model->retained_modes = 1;
+  model->record_map = {1};
+  expect_near(krx::invariant3(model), {0, 3, 2});
+  expect_near(krx::invariant9(model, 0, 0), {-5, 0, 0, 0, -2, 0, 0, 0, -3});
+}
+
+TEST_F(InvariantTest, GeneralizedMassBecomesDenseWithTheLastValueWinning) {
+  build_two_mode_model();
+  model->mass = {{0, 0, 1.0}, {1, 1, 2.0}, {0, 1, 0.5}, {0, 1, 0.7}};
+  expect_near(krx::invariant6(model), {1.0, 0.7, 0.0, 2.0});
+  model->record_map = {1, 0};
+  expect_near(krx::invariant6(model), {2.0, 0.0, 0.7, 1.0});
+}
+
+TEST_F(InvariantTest, SecondRequestCopiesTheCache) {
+  build_two_mode_model();
+  V first = krx::invariant3(model);
+  first[0] = 99.0;  // a copy: the cache is untouched
+  model->nodes[1].mass = 100.0;
+  expect_near(krx::invariant3(model), {3, 0, 2, 3, 0, 2});
+  EXPECT_DOUBLE_EQ(krx::invariant1(model), 102.0);  // not cached before, so computed now
+  EXPECT_DOUBLE_EQ(krx::invariant1(model), 102.0);
+  model->nodes[0].mass = 0.0;
+  EXPECT_DOUBLE_EQ(krx::invariant1(model), 102.0);
+}
+
+TEST_F(InvariantTest, ChecksForTheSettersNeitherCacheNorGoStale) {
+  build_two_mode_model();
+  EXPECT_DOUBLE_EQ(krx::peek_invariant1(model), 5.0);
+  model->nodes[1].mass = 4.0;
+  EXPECT_DOUBLE_EQ(krx::peek_invariant1(model), 6.0);
+  EXPECT_FALSE(model->has_invariant1);
+  EXPECT_DOUBLE_EQ(krx::peek_invariant2(model)[1], 8.0);
+  EXPECT_TRUE(model->invariant2.empty());
+  krx::invariant7(model);
+  model->nodes[1].mass = 0.0;
+  EXPECT_DOUBLE_EQ(krx::peek_invariant7(model)[0], 16.0 + 1.0);  // the cached one
+}
+
+TEST_F(InvariantTest, GlobalMassPropertiesStandInForMissingNodalMasses) {
+  RecordingHost host;
+  build_global_mass_model(2);
+  krx::compute_rigid_invariants(model);
+  EXPECT_EQ(host.messages, (std::vector<krxtest::Message>{{3, kFullWarning},
+                                                          {0, "Computing *rigid* invariants"}}));
+  EXPECT_DOUBLE_EQ(krx::invariant1(model), 4.0);
+  expect_near(krx::invariant2(model), {4, 8, 12});
+  expect_near(krx::invariant7(model), {10, -1, -2, -1, 20, -3, -2, -3, 30});
+  expect_near(krx::invariant3(model), V(6, 0.0));
+  expect_near(krx::invariant5(model, 1), V(6, 0.0));
+  expect_near(krx::invariant9(model, 1, 0), V(9, 0.0));
+
+  host.clear();
+  krx::compute_rigid_invariants(model);  // now cached: the data suffice
+  EXPECT_EQ(host.messages, (std::vector<krxtest::Message>{{0, "Computing *rigid* invariants"}}));
+}
+
+TEST_F(InvariantTest, ZeroGlobalMassLeavesTheFallbackAtZero) {
+  build_global_mass_model(0);
+  model->total_mass = 0.0;
+  EXPECT_DOUBLE_EQ(krx::invariant1(model), 0.0);
+  expect_near(krx::invariant2(model), {0, 0, 0});
+  expect_near(krx::invariant7(model), V(9, 0.0));
+}
+
+TEST_F(InvariantTest, WithoutModesThePerModeInvariantsAreAbsent) {
+  RecordingHost host;
+  krxtest::create_model(10, 4);
+  model = krx::current_model();
+  add_node(1, 1, 2, 3, 2.0);
+  EXPECT_TRUE(krx::invariant3(model).empty());
+  EXPECT_TRUE(krx::invariant4(model).empty());
+  EXPECT_TRUE(krx::invariant5(model, 0).empty());
+  EXPECT_TRUE(krx::invariant6(model).empty());
+  EXPECT_TRUE(krx::invariant8(model, 0).empty());
+  EXPECT_TRUE(krx::invariant9(model, 0, 0).empty());
+
+  krx::compute_rigid_invariants(model);
+  krx::compute_fast_invariants(model);
+  krx::compute_full_invariants(model);
+  EXPECT_EQ(host.messages, (std::vector<krxtest::Message>{{0, "Computing *rigid* invariants"},
+                                                          {3, kPartialWarning},
+                                                          {0, "Computing fast set of invariants"},
+                                                          {3, kFullWarning},
+                                                          {0, "Computing *all* invariants"}}));
+  EXPECT_DOUBLE_EQ(krx::invariant1(model), 2.0);
+}
+
+TEST_F(InvariantTest, FullDriverFillsEveryCache) {
+  RecordingHost host;
+  build_two_mode_model();
+  host.clear();  // the store's temporary-file note
+  krx::compute_full_invariants(model);
+  EXPECT_EQ(host.messages, (std::vector<krxtest::Message>{{0, "Computing *all* invariants"}}));
+  EXPECT_TRUE(model->has_invariant1);
+  EXPECT_EQ(model->invariant3.size(), 6u);
+  EXPECT_EQ(model->invariant4.size(), 6u);
+  EXPECT_EQ(model->invariant5.size(), 12u);
+  EXPECT_EQ(model->invariant8.size(), 18u);
+  EXPECT_EQ(model->invariant9.size(), 36u);
+}
+
+TEST_F(InvariantTest, FastDriverLeavesThePairInvariantsAlone) {
+  build_two_mode_model();
+  krx::compute_fast_invariants(model);
+  EXPECT_EQ(model->invariant4.size(), 6u);
+  EXPECT_EQ(model->invariant8.size(), 18u);
+  EXPECT_TRUE(model->invariant5.empty());
+  EXPECT_TRUE(model->invariant9.empty());
+}
+
+TEST_F(InvariantTest, AfterAUnitChangeShapesAndMassesCarryTheNewUnits) {
+  build_two_mode_model();
+  ASSERT_EQ(krx::set_units_by_names(model, "lbm", "in", "s", "lbf"), 1);
+  ASSERT_EQ(krx::set_units_by_names(model, "kg", "m", "s", "n"), 1);
+  const double mL = 0.45359237 * 0.0254;
+  expect_near(krx::invariant3(model), {3 * mL, 0, 2 * mL, 3 * mL, 0, 2 * mL});
+  EXPECT_NEAR(krx::invariant9(model, 0, 0)[8], -5 * mL * 0.0254, 1e-15);
+}
+
+TEST_F(InvariantTest, PresetInvariantNineSurvivesTheComputationOfFive) {
+  build_two_mode_model();
+  model->invariant9.assign(36, 1.5);
+  krx::invariant5(model, 0);
+  EXPECT_EQ(krx::invariant9(model, 1, 1), V(9, 1.5));
+}
+
+TEST(Invariants, WithoutAModelReportAndReturnNothing) {
+  RecordingHost host;
+  EXPECT_EQ(krx::invariant1(nullptr), 0.0);
+  EXPECT_TRUE(krx::invariant7(nullptr).empty());
+  krx::compute_full_invariants(nullptr);
+  EXPECT_EQ(host.texts(3), (std::vector<std::string>(3, "The database has not been initialized.")));
+}
+
+TEST(Invariants, FileBlocksAreUnreadableForModelsNotFromFiles) {
+  krx::KRXDATA model;
+  V values;
+  EXPECT_FALSE(krx::read_invariant_block(&model, 19, values));
+  EXPECT_EQ(krx::invariant_block_values(26, 3), 81u);
+  EXPECT_EQ(krx::invariant_block_values(18, 3), 0u);
+}
+
+TEST(Invariants, ValuesFromAFileCarryTheLastUnitChange) {
+  RecordingHost host;
+  krx::KRXDATA model;
+  model.mass_ratio = 2.0;
+  model.length_ratio = 3.0;
+  V one{1.0}, three{1.0}, nine{1.0};
+  krx::scale_invariant_from_file(&model, 19, one);
+  krx::scale_invariant_from_file(&model, 21, three);
+  krx::scale_invariant_from_file(&model, 26, nine);
+  EXPECT_EQ(one[0], 2.0);
+  EXPECT_EQ(three[0], 6.0);
+  EXPECT_EQ(nine[0], 18.0);
+  model.retained_modes = 2;
+  krx::check_invariant_mode_count(&model, 2);
+  EXPECT_TRUE(host.messages.empty());
+  krx::check_invariant_mode_count(&model, 3);
+  ASSERT_EQ(host.messages.size(), 1u);
+  EXPECT_EQ(host.messages[0].level, 3);
+  EXPECT_EQ(host.messages[0].text.rfind("nm!=ModeCount at line ", 0), 0u);
+  EXPECT_NE(host.messages[0].text.find(" in file ..\\krxinvar"), std::string::npos);
+}
+
+}  // namespace

@@ -1,0 +1,239 @@
+// Units: name normalisation, factors, setting by names and by SI multipliers, and the conversion
+// of every stored quantity when a populated model changes units.
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <memory>
+#include <string>
+
+#include "host/krx_fortran.h"
+#include "processing/krxunits.h"
+#include "testsupport.h"
+
+using krx::Dimension;
+
+namespace {
+
+std::string normalized(const char *name) {
+  char buffer[16] = {};
+  std::strncpy(buffer, name, 15);
+  return krx::normalize_unit_name(buffer) ? std::string(buffer) : "<none>";
+}
+
+std::string names_of(const krx::KRXDATA *model) {
+  char m[16], L[16], t[16], F[16];
+  krx::get_unit_names(model, m, L, t, F);
+  return std::string(m) + "/" + L + "/" + t + "/" + F;
+}
+
+TEST(UnitNames, AliasesMatchWithoutRegardToCaseButNotToBlanks) {
+  EXPECT_EQ(normalized("Kg"), "KILOGRAM");
+  EXPECT_EQ(normalized("KG"), "KILOGRAM");
+  EXPECT_EQ(normalized("kilogram"), "KILOGRAM");
+  EXPECT_EQ(normalized(" kg"), "<none>");
+  EXPECT_EQ(normalized("kg "), "<none>");
+  EXPECT_EQ(normalized("kgs"), "<none>");  // a prefix is not a match
+  EXPECT_EQ(normalized(""), "<none>");
+}
+
+TEST(UnitNames, ShortAliasesKeepTheirOddMeanings) {
+  EXPECT_EQ(normalized("mgg"), "MEGAGRAM");
+  EXPECT_EQ(normalized("mg"), "MILLIGRAM");
+  EXPECT_EQ(normalized("mn"), "MILLINEWTON");
+  EXPECT_EQ(normalized("n"), "NEWTON");
+  EXPECT_EQ(normalized("dozen_slug"), "SLINCH");
+  EXPECT_EQ(normalized("d"), "DAY");
+  EXPECT_EQ(normalized("MIL"), "MIL");
+  EXPECT_EQ(normalized("GRAM"), "GRAM");
+  EXPECT_EQ(normalized("KPOUND_FORCE"), "KPOUND_FORCE");
+}
+
+TEST(UnitNames, FactorsComeFromTheTableOfTheirDimension) {
+  EXPECT_EQ(krx::unit_factor(Dimension::Length, "INCH"), 0.0254);
+  EXPECT_EQ(krx::unit_factor(Dimension::Length, "inch"), 0.0254);
+  EXPECT_EQ(krx::unit_factor(Dimension::Mass, "SLINCH"), 175.1271524);
+  EXPECT_EQ(krx::unit_factor(Dimension::Time, "DAY"), 86400.0);
+  EXPECT_EQ(krx::unit_factor(Dimension::Length, "GRAM"), 0.0);
+  EXPECT_EQ(krx::unit_factor(Dimension::Force, ""), 1.0);
+}
+
+struct UnitsTest : ::testing::Test {
+  void SetUp() override {
+    krxtest::create_model(10, 8);
+    model = krx::current_model();
+  }
+  void TearDown() override { krxtest::terminate_model(); }
+  krx::KRXDATA *model = nullptr;
+
+  void add_node(int id, double x, double y, double z, double mass) {
+    auto &node = model->nodes[krx::node_position_or_add(model, id)];
+    node.x = x, node.y = y, node.z = z, node.mass = mass;
+  }
+  int set(const char *m, const char *L, const char *t, const char *F) {
+    return krx::set_units_by_names(model, m, L, t, F);
+  }
+};
+
+TEST_F(UnitsTest, UnsetUnitsReadAsSiAndScaleByOne) {
+  EXPECT_EQ(names_of(model), "KILOGRAM/METER/SECOND/NEWTON");
+  EXPECT_EQ(krx::force_consistency_factor(model), 1.0);
+  EXPECT_EQ(krx::scale_by_unit(model, Dimension::Length, 3.0), 3.0);
+}
+
+TEST_F(UnitsTest, ForceConsistencyFactorOfAnIncoherentSystem) {
+  ASSERT_EQ(set("lbm", "in", "s", "lbf"), 1);
+  EXPECT_NEAR(krx::force_consistency_factor(model), 386.0886, 1e-4);
+  ASSERT_EQ(set("mgg", "mm", "s", "n"), 1);
+  EXPECT_DOUBLE_EQ(krx::force_consistency_factor(model), 1.0);
+  EXPECT_EQ(krx::scale_by_unit(model, Dimension::Mass, 2.0), 2000.0);
+}
+
+TEST_F(UnitsTest, FirstUnitsAreTakenAsTheDataAsItStands) {
+  add_node(1, 1.0, 2.0, 3.0, 10.0);
+  ASSERT_EQ(set("pound_mass", "inch", "second", "pound_force"), 1);
+  EXPECT_EQ(names_of(model), "POUND_MASS/INCH/SECOND/POUND_FORCE");
+  EXPECT_EQ(model->nodes[0].y, 2.0);
+  EXPECT_EQ(model->nodes[0].mass, 10.0);
+
+  ASSERT_EQ(set("KILOGRAM", "METER", "SECOND", "NEWTON"), 1);
+  EXPECT_DOUBLE_EQ(model->nodes[0].y, 2.0 * 0.0254);
+  EXPECT_DOUBLE_EQ(model->nodes[0].mass, 10.0 * 0.45359237);
+  EXPECT_DOUBLE_EQ(model->length_ratio, 0.0254);
+
+  ASSERT_EQ(set("kg", "m", "s", "n"), 1);  // the same units again
+  EXPECT_DOUBLE_EQ(model->nodes[0].y, 2.0 * 0.0254);
+  EXPECT_DOUBLE_EQ(model->length_ratio, 0.0254);  // ratios of the last real change
+}
+
+TEST_F(UnitsTest, AFailedSettingChangesNothing) {
+  add_node(1, 1.0, 2.0, 3.0, 10.0);
+  ASSERT_EQ(set("lbm", "in", "s", "lbf"), 1);
+  EXPECT_EQ(set("kg", "m", "s", "furlong"), 0);
+  EXPECT_EQ(set("kg", "m", "kg", "n"), 0);  // a mass name in the time slot
+  EXPECT_EQ(set("kg", nullptr, "s", "n"), 0);
+  EXPECT_EQ(names_of(model), "POUND_MASS/INCH/SECOND/POUND_FORCE");
+  EXPECT_EQ(model->nodes[0].x, 1.0);
+  EXPECT_EQ(model->length_ratio, 1.0);
+}
+
+TEST_F(UnitsTest, MultipliersSelectTheFirstCloseRow) {
+  ASSERT_EQ(krx::set_units_by_multipliers(model, 1.0, 0.001, 1.0, 1.0), 1);
+  EXPECT_EQ(names_of(model), "KILOGRAM/MILLIMETER/SECOND/NEWTON");
+  ASSERT_EQ(krx::set_units_by_multipliers(model, 0.45359237, 0.02540001, 1.0, 4.448), 1);
+  EXPECT_EQ(names_of(model), "POUND_MASS/INCH/SECOND/POUND_FORCE");
+  EXPECT_EQ(krx::set_units_by_multipliers(model, 1.0, 0.3, 1.0, 1.0), 0);
+  EXPECT_EQ(krx::set_units_by_multipliers(model, 1.0, 0.025, 1.0, 1.0), 0);
+  EXPECT_EQ(krx::set_units_by_multipliers(model, 0.0, 1.0, 1.0, 1.0), 0);
+  EXPECT_EQ(krx::set_units_by_multipliers(model, 1.0, 1.0, -1.0, 1.0), 0);
+  EXPECT_EQ(names_of(model), "POUND_MASS/INCH/SECOND/POUND_FORCE");
+}
+
+TEST_F(UnitsTest, RigidBodyModesAreCountedFromTheFrequencies) {
+  auto with_hertz = [&](std::vector<double> hertz) {
+    model->eigen.assign(hertz.size(), {});
+    for (std::size_t j = 0; j < hertz.size(); ++j) model->eigen[j].hertz = hertz[j];
+    model->retained_modes = int32_t(hertz.size());
+    return krx::rigid_body_mode_count(model);
+  };
+  EXPECT_EQ(with_hertz({0.0}), 0);
+  EXPECT_EQ(with_hertz({1e-4, 2e-4, 20.0, 30.0}), 2);
+  EXPECT_EQ(with_hertz({1.0, 2.0, 30000.0}), 2);
+  EXPECT_EQ(with_hertz({1.0, 2.0, 3.0}), 0);
+  EXPECT_EQ(with_hertz({0.0, 1e-6, 5.0}), 1);  // anything exceeds 10000 x an exact zero
+}
+
+// From lbm/in/s/lbf to kg/m/ms/N every ratio differs from 1 and from the others.
+struct ConversionTest : UnitsTest {
+  const double m = 0.45359237, L = 0.0254, t = 1000.0, F = 4.44822161526;
+  void convert() {
+    ASSERT_EQ(set("lbm", "in", "s", "lbf"), 1);
+    ASSERT_EQ(set("kg", "m", "ms", "n"), 1);
+  }
+};
+
+TEST_F(ConversionTest, NodesMatricesAndGlobalProperties) {
+  add_node(1, 1.0, 2.0, 3.0, 5.0);
+  model->nodes[0].inertia = std::make_unique<std::array<double, 6>>();
+  model->nodes[0].inertia->fill(1.0);
+  model->mass = {{0, 0, 1.0}};
+  model->stiffness = {{0, 0, 1.0}};
+  model->damping = {{0, 0, 1.0}};
+  model->total_mass = 1.0;
+  model->centre_of_mass = {1.0, 1.0, 1.0};
+  model->global_inertia.fill(1.0);
+  convert();
+  EXPECT_DOUBLE_EQ(model->nodes[0].z, 3.0 * L);
+  EXPECT_DOUBLE_EQ(model->nodes[0].mass, 5.0 * m);
+  EXPECT_DOUBLE_EQ((*model->nodes[0].inertia)[5], m * L * L);
+  EXPECT_DOUBLE_EQ(model->mass[0].value, m * L * L);
+  EXPECT_DOUBLE_EQ(model->stiffness[0].value, F * L);
+  EXPECT_DOUBLE_EQ(model->damping[0].value, t * F * L);
+  EXPECT_DOUBLE_EQ(model->total_mass, m);
+  EXPECT_DOUBLE_EQ(model->centre_of_mass[2], L);
+  EXPECT_DOUBLE_EQ(model->global_inertia[8], m * L * L);
+}
+
+TEST_F(ConversionTest, EigenRecordsStatisticsAndInvariants) {
+  model->eigen.resize(2);
+  model->eigen[0] = {1, 4.0, 2.0, 3.0, 5.0, 6.0};
+  model->eigen[1] = {2, krx::kInfiniteEigenvalue, 1.0, 1.0, 1.0, 1.0};
+  model->statistics.resize(1);
+  model->statistics[0].reals = {1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1};
+  model->has_invariant1 = true;
+  model->invariant1 = 1.0;
+  model->invariant2 = {1.0};
+  model->invariant3 = {1.0};
+  model->invariant9 = {1.0};
+  convert();
+  EXPECT_DOUBLE_EQ(model->eigen[0].eigenvalue, 4.0 * F * L / (m * L * L));
+  EXPECT_DOUBLE_EQ(model->eigen[0].hertz, 2.0 / t);
+  EXPECT_DOUBLE_EQ(model->eigen[0].radians, 3.0 / t);
+  EXPECT_DOUBLE_EQ(model->eigen[0].generalized_mass, 5.0 * m * L * L);
+  EXPECT_DOUBLE_EQ(model->eigen[0].generalized_stiffness, 6.0 * F * L);
+  EXPECT_EQ(model->eigen[1].eigenvalue, krx::kInfiniteEigenvalue);
+  EXPECT_DOUBLE_EQ(model->statistics[0].reals[0], L);
+  EXPECT_EQ(model->statistics[0].reals[1], 1.0);
+  EXPECT_DOUBLE_EQ(model->statistics[0].reals[2], F / (L * L));
+  EXPECT_EQ(model->statistics[0].reals[3], 1.0);
+  EXPECT_DOUBLE_EQ(model->invariant1, m);
+  EXPECT_DOUBLE_EQ(model->invariant2[0], m * L);
+  EXPECT_DOUBLE_EQ(model->invariant3[0], m * L);
+  EXPECT_DOUBLE_EQ(model->invariant9[0], m * L * L);
+}
+
+TEST_F(ConversionTest, PreparedLoadsHoldForcesInFrontOfMoments) {
+  // Two rigid-body modes, then 20 Hz: k = 2.
+  model->eigen.resize(4);
+  for (int j = 0; j < 4; ++j)
+    model->eigen[j].hertz = std::vector<double>{1e-4, 2e-4, 20.0, 30.0}[j];
+  model->retained_modes = 4;
+  model->preload = {1.0, 1.0, 1.0, 1.0};
+  model->load_cases.resize(2);
+  model->load_cases[0].values = {1.0, 1.0, 1.0, 1.0};
+  model->load_cases[1].values = {1.0, 1.0, 1.0, 1.0};
+  model->load_cases[1].applied = 1;
+  convert();
+  std::vector<double> moments(4, F * L), prepared{F, F, F * L, F * L};
+  for (int i = 0; i < 4; ++i) {
+    EXPECT_DOUBLE_EQ(model->preload[i], moments[i]) << i;
+    EXPECT_DOUBLE_EQ(model->load_cases[0].values[i], moments[i]) << i;
+    EXPECT_DOUBLE_EQ(model->load_cases[1].values[i], prepared[i]) << i;
+  }
+  model->preload = {1.0, 1.0, 1.0, 1.0};
+  model->preload_applied = 1;
+  ASSERT_EQ(set("lbm", "in", "s", "lbf"), 1);
+  EXPECT_DOUBLE_EQ(model->preload[0], 1.0 / F);
+  EXPECT_DOUBLE_EQ(model->preload[2], 1.0 / (F * L));
+}
+
+TEST_F(ConversionTest, OnlyThreeResultantForcesLeadAPreparedVector) {
+  model->eigen.resize(6);
+  for (int j = 0; j < 6; ++j) model->eigen[j].hertz = j < 4 ? 1e-4 : 50.0;
+  model->retained_modes = 6;
+  model->preload.assign(6, 1.0);
+  model->preload_applied = 1;
+  convert();
+  for (int i = 0; i < 6; ++i) EXPECT_DOUBLE_EQ(model->preload[i], i < 3 ? F : F * L) << i;
+}
+
+}  // namespace
