@@ -16,6 +16,7 @@
 #include "inspect/krxcompare.h"
 #include "model/krxdata.h"
 #include "model/krxtools.h"
+#include "processing/krxunits.h"
 #include "testsupport.h"
 
 namespace {
@@ -256,6 +257,30 @@ TEST(CompareModels, AZeroRotationalPartInTheBaseIsNotedAndStillCompared) {
   EXPECT_TRUE(contains(same.out, "->Note base EigenVectorRotational=0\n"));
   const Outcome other = compare(base, ModelSpec(), 0);
   EXPECT_TRUE(contains(other.out, "->Fail EigenVector rotational: #1\n  Delta: 1.000000e+00\n"));
+}
+
+// Coordinates in millimetres and masses in grams compare equal to metres and kilograms once both
+// models are converted; without the unit names the same numbers differ.
+TEST(CompareModels, CoordinatesAndMassesAreComparedInKilogramAndMetre) {
+  ModelSpec scaled;
+  for (auto &xyz : scaled.xyz)
+    for (double &c : xyz) c *= 1000.0;
+  auto grams = [](krx::KRXDATA &model) {
+    for (krx::NodeRecord &node : model.nodes) node.mass *= 1000.0;
+  };
+  scaled.finish = [grams](krx::KRXDATA &model) {
+    grams(model);
+    model.flags[krx::kFlagUnits] = 1;
+    ASSERT_EQ(krx::set_units_by_names(&model, "GRAM", "MILLIMETER", "SECOND", "MICRONEWTON"), 1);
+  };
+  const Outcome out = compare(ModelSpec(), scaled, 0);
+  EXPECT_FALSE(contains(out.out, "NodeCoordinates")) << out.out;
+  EXPECT_FALSE(contains(out.out, "NodalMass")) << out.out;
+
+  scaled.finish = grams;
+  const Outcome plain = compare(ModelSpec(), scaled, 0);
+  EXPECT_TRUE(contains(plain.out, "->Fail NodeCoordinates\n")) << plain.out;
+  EXPECT_TRUE(contains(plain.out, "->Fail NodalMass\n")) << plain.out;
 }
 
 // Modal loads of two cases, generalized stiffness and faces, set directly.
