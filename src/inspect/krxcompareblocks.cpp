@@ -179,10 +179,14 @@ void count_warning(const CompareRun &run, const char *name, int32_t in_new, int3
 
 }  // namespace
 
-// Faces are compared by node identifiers. "A": the same faces in the same order with the same
-// vertex order. "B": the same faces as vertex sets, in any order.
+// Faces are compared by node identifiers, whether a file gave them as faces or as old-style
+// elements. "A": the same faces in the same order with the same vertex order. "B": the same faces
+// as vertex sets, in any order.
 int check_faces(CompareRun &run) {
-  if (!both_have(run, kFlagElementFaces)) return 0;
+  auto has_faces = [](const KRXDATA &m) {
+    return m.flags[kFlagElementFaces] != 0 || m.flags[kFlagElementTopology] != 0;
+  };
+  if (!has_faces(*run.fresh) || !has_faces(*run.base)) return 0;
   count_warning(run, "FaceListSize", (int32_t)run.fresh->faces.size(), (int32_t)run.base->faces.size());
   count_warning(run, "FaceCount", run.fresh->face_count, run.base->face_count);
   std::vector<std::vector<int32_t>> a = faces_by_id(*run.fresh), b = faces_by_id(*run.base);
