@@ -192,11 +192,17 @@ int check_mode_shapes(CompareRun &run) {
     group.first = first;
     group.g = run.group_end[first] - first;
     if (!fill_gram(run, group)) {
+      for (int32_t k = first; k < first + group.g; ++k)
+        judge(run, 1.0, "EigenVector translational: #%d", run.fresh->eigen[k].number);
       failed += group.g;
       continue;
     }
-    for (int32_t k = first; k < first + group.g; ++k)
-      if (judge_mode(run, group, k) <= 0) ++failed;
+    for (int32_t k = first; k < first + group.g; ++k) {
+      const int judged = judge_mode(run, group, k);
+      // A record the store could not load (it has said why) fails the mode.
+      if (judged == -2) judge(run, 1.0, "EigenVector translational: #%d", run.fresh->eigen[k].number);
+      if (judged <= 0) ++failed;
+    }
   }
   if (failed == 0) {
     say(run, kShowPass, "  Pass ModeShape\n");
