@@ -97,7 +97,9 @@ int32_t add_node(KRXDATA *model, int32_t id) {
     if (!model->node_index_built) build_node_index(*model);
     auto &nodes = model->nodes;
     if (nodes.size() == nodes.capacity()) {
-      nodes.reserve(nodes.capacity() + 1000);
+      // At least 1000 entries at a time, and never fewer than half the table: a million nodes
+      // added one by one must not copy the table a thousand times.
+      nodes.reserve(nodes.capacity() + std::max<std::size_t>(1000, nodes.capacity() / 2));
       model->node_index.reserve(nodes.capacity());
     }
     int32_t position = int32_t(nodes.size());

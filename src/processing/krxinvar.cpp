@@ -7,6 +7,7 @@
 #include <cstring>
 #include <new>
 
+#include "format/krxread.h"
 #include "host/krxmsg.h"
 #include "model/krxset.h"
 #include "model/krxtools.h"
@@ -265,13 +266,19 @@ std::vector<double> copy_array(const std::vector<double> &cache, std::size_t ind
 }  // namespace
 
 // ---- File branch -------------------------------------------------------------------------------
-// Until the reader lands, a model loaded from a file has no readable invariant blocks and its
-// invariants are computed from its data like any other model's.
+// The block is decoded by the reader in the file's encoding and precision; the mode count rule and
+// the unit scaling are this file's.
 
 bool read_invariant_block(KRXDATA *model, int block, std::vector<double> &values) {
   if (!model || !file_has_block(model, block)) return false;
-  values.clear();
-  return false;
+  int32_t file_modes = -1;
+  if (!read_invariant_values(model, block, values, &file_modes)) {
+    values.clear();
+    return false;
+  }
+  if (file_modes >= 0) check_invariant_mode_count(model, file_modes);
+  scale_invariant_from_file(model, block, values);
+  return true;
 }
 
 std::size_t invariant_block_values(int block, int32_t modes) {

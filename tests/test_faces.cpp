@@ -1,0 +1,275 @@
+// Element faces: appending with repeated vertices dropped, stripping of interior faces,
+// replacement from a sketch file, and the set of nodes that faces and interface nodes use.
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include "host/krx_fortran.h"
+#include "mesh/krxfaces.h"
+#include "model/krxdata.h"
+#include "testsupport.h"
+
+using krxtest::RecordingHost;
+
+namespace {
+
+using Faces = std::vector<std::vector<int32_t>>;
+
+struct FaceTest : ::testing::Test {
+  void SetUp() override {
+    krxtest::create_model(0, 0);
+    model = krx::current_model();
+  }
+  void TearDown() override { krxtest::terminate_model(); }
+
+  int add(std::vector<int32_t> ids) {
+    return krx::add_face(model, int32_t(ids.size()), ids.data());
+  }
+  void nodes(std::vector<int32_t> ids) {
+    for (int32_t id : ids) krx::add_node(model, id);
+  }
+  // The face list read back as node ids, checking that the counters agree with it.
+  Faces faces() const {
+    Faces out;
+    size_t at = 0;
+    while (at < model->faces.size()) {
+      int32_t count = model->faces[at];
+      std::vector<int32_t> face;
+      for (int32_t j = 1; j <= count; ++j)
+        face.push_back(model->nodes[size_t(model->faces[at + size_t(j)])].id);
+      out.push_back(face);
+      at += size_t(count) + 1;
+    }
+    EXPECT_EQ(at, model->faces.size());
+    EXPECT_EQ(int32_t(out.size()), model->face_count);
+    return out;
+  }
+  std::string sketch(const std::string &text) {
+    std::string path = dir.file("outline.txt");
+    std::ofstream(path) << text;
+    return path;
+  }
+
+  krx::KRXDATA *model = nullptr;
+  krxtest::TempDir dir;
+  RecordingHost host;
+};
+
+TEST_F(FaceTest, AddFaceDropsRepeatedVerticesAndRefusesFewerThanTwo) {
+  EXPECT_EQ(add({5, 5, 5}), 0);
+  EXPECT_EQ(add({4, 4}), 0);
+  EXPECT_EQ(add({6}), 0);
+  EXPECT_EQ(add({}), 0);
+  EXPECT_EQ(model->face_count, 0);
+  EXPECT_TRUE(model->faces.empty());
+  EXPECT_EQ(model->flags[krx::kFlagElementFaces], 0);
+  // Nodes named by a refused face stay in the node table.
+  EXPECT_GE(krx::node_position(model, 5), 0);
+
+  EXPECT_EQ(add({1, 2, 3, 1}), 1);
+  EXPECT_EQ(add({7, 8, 9, 9}), 1);
+  EXPECT_EQ(add({1, 1, 2, 2, 3}), 1);
+  EXPECT_EQ(add({1, 2, 1, 2}), 1);  // only neighbours and the closing vertex count as repeats
+  EXPECT_EQ(add({2, 3}), 1);
+  EXPECT_EQ(faces(), (Faces{{1, 2, 3}, {7, 8, 9}, {1, 2, 3}, {1, 2, 1, 2}, {2, 3}}));
+  EXPECT_EQ(model->flags[krx::kFlagElementFaces], 1);
+}
+
+TEST_F(FaceTest, AddFaceCreatesUnknownNodesAndStoresPositions) {
+  nodes({100, 50});
+  EXPECT_EQ(add({50, 300, 100}), 1);
+  EXPECT_EQ(model->faces, (std::vector<int32_t>{3, 1, 2, 0}));
+  EXPECT_EQ(krx::node_count(model), 3);
+}
+
+// Nodes 1..4, 10, 20, 30 exist in that order, so positions follow the ids.
+TEST_F(FaceTest, StrippingDropsBothSidesOfASurfaceAndLeadsWithTheLargestNode) {
+  struct Case {
+    Faces given, kept;
+  };
+  for (const Case &c :
+       {Case{{{1, 2, 3, 4}, {4, 3, 2, 1}}, {}}, Case{{{1, 2, 3, 4}, {2, 3, 4, 1}}, {{4, 1, 2, 3}}},
+        Case{{{10, 30, 20}}, {{30, 20, 10}}},
+        // Two-node faces have no orientation: both sides count as a repeat.
+        Case{{{10, 30, 20}, {1, 2}, {2, 1}, {1, 2, 3}}, {{2, 1}, {3, 1, 2}, {30, 20, 10}}},
+        // One surface three times: the middle pair goes as an interior face and
+        // the last copy then matches the opposite side before it (a kept rule).
+        Case{{{1, 2, 3}, {3, 2, 1}, {1, 2, 3}}, {}}}) {
+    TearDown();
+    SetUp();
+    nodes({1, 2, 3, 4, 10, 20, 30});
+    for (const auto &face : c.given) add(face);
+    host.clear();
+    krx::strip_interior_faces(model);
+    EXPECT_EQ(faces(), c.kept);
+    EXPECT_EQ(host.texts(0), std::vector<std::string>{"Stripping interior faces"});
+  }
+}
+
+TEST_F(FaceTest, StrippingTwoHexahedraLeavesTheirTenOuterFaces) {
+  // Two unit cubes side by side along x, faces oriented outwards; corners numbered by (x, y, z).
+  auto id = [](int x, int y, int z) { return 1 + x + 3 * y + 6 * z; };
+  for (int z = 0; z < 2; ++z)
+    for (int y = 0; y < 2; ++y)
+      for (int x = 0; x < 3; ++x) krx::add_node(model, id(x, y, z));
+  for (int x0 = 0; x0 < 2; ++x0) {
+    int x1 = x0 + 1;
+    add({id(x0, 0, 0), id(x0, 1, 0), id(x1, 1, 0), id(x1, 0, 0)});  // bottom
+    add({id(x0, 0, 1), id(x1, 0, 1), id(x1, 1, 1), id(x0, 1, 1)});  // top
+    add({id(x0, 0, 0), id(x1, 0, 0), id(x1, 0, 1), id(x0, 0, 1)});  // front
+    add({id(x0, 1, 0), id(x0, 1, 1), id(x1, 1, 1), id(x1, 1, 0)});  // back
+    add({id(x0, 0, 0), id(x0, 0, 1), id(x0, 1, 1), id(x0, 1, 0)});  // -x side
+    add({id(x1, 0, 0), id(x1, 1, 0), id(x1, 1, 1), id(x1, 0, 1)});  // +x side
+  }
+  krx::strip_interior_faces(model);
+  Faces kept = faces();
+  ASSERT_EQ(kept.size(), 10u);
+  for (const auto &face : kept) {
+    bool on_shared_plane = true;
+    for (int32_t n : face) on_shared_plane = on_shared_plane && (n - 1) % 3 == 1;
+    EXPECT_FALSE(on_shared_plane);
+  }
+}
+
+TEST_F(FaceTest, StrippingJudgesTheLastFaceAgainstItsPredecessor) {
+  nodes({1, 2, 3});
+  // One surface three times: both sides, then the first side again. The middle pair goes as an
+  // interior face, and the last copy then matches the opposite side before it and goes too.
+  add({1, 2, 3});
+  add({3, 2, 1});
+  add({1, 2, 3});
+  krx::strip_interior_faces(model);
+  EXPECT_TRUE(faces().empty());
+}
+
+TEST_F(FaceTest, StrippingAnEmptyListReportsAndChangesNothing) {
+  krx::strip_interior_faces(model);
+  ASSERT_EQ(host.messages.size(), 1u);
+  EXPECT_EQ(host.messages[0].level, 3);
+  EXPECT_EQ(host.messages[0].text.rfind("Failed to allocate memory at line ", 0), 0u);
+  EXPECT_NE(host.messages[0].text.find("in file ..\\krxfaces.\n"), std::string::npos);
+  EXPECT_EQ(model->face_count, 0);
+}
+
+TEST_F(FaceTest, SketchFileReplacesAllFacesWithoutDroppingVertices) {
+  nodes({1, 2, 3, 4});
+  add({1, 2, 3});
+  std::string path = sketch("2\n 4 4 3 3 1\n1 2\n");
+  krx::apply_sketch_file(model, path.c_str());
+  EXPECT_EQ(faces(), (Faces{{4, 3, 3, 1}, {2}}));
+  EXPECT_EQ(host.texts(0),
+            std::vector<std::string>{"Using sketch file " + path + " to replace 1 faces with 2"});
+}
+
+TEST_F(FaceTest, SketchFileHoldsFacesOfAnySize) {
+  std::string text = "1 1500";
+  for (int32_t n = 1; n <= 1500; ++n) {
+    krx::add_node(model, n);
+    text += " " + std::to_string(n);
+  }
+  krx::apply_sketch_file(model, sketch(text).c_str());
+  ASSERT_EQ(model->face_count, 1);
+  ASSERT_EQ(model->faces.size(), 1501u);
+  EXPECT_EQ(model->faces[1500], 1499);
+}
+
+TEST_F(FaceTest, SketchFileStartingWithZeroOrLessLeavesNoFaces) {
+  nodes({1, 2, 3});
+  add({1, 2, 3});
+  krx::apply_sketch_file(model, sketch("0\n").c_str());
+  EXPECT_EQ(model->face_count, 0);
+  EXPECT_TRUE(model->faces.empty());
+  add({1, 2, 3});
+  krx::apply_sketch_file(model, sketch("-2\n").c_str());
+  EXPECT_EQ(model->face_count, -2);  // stored as read
+  EXPECT_TRUE(model->faces.empty());
+}
+
+TEST_F(FaceTest, BrokenSketchFilesKeepTheOldFaces) {
+  nodes({1, 2, 3});
+  add({1, 2, 3});
+  const std::vector<int32_t> before = model->faces;
+  struct Case {
+    std::string text;
+    std::string warning;
+  };
+  for (const Case &c :
+       {Case{"3\n3 1 2 3\n2 1 2\n", "Incorrect definition of face 3.  Aborting."},
+        Case{"2\n3 1 2 3\n3 1 2\n", "Incorrect definition of face 2.  Aborting."},
+        Case{"2\n3 1 2 3\n2 1 99\n", "Incorrect definition of face 2.  No node 99. Aborting."},
+        Case{"1\n-1\n", "Incorrect definition of face 1.  Aborting."},
+        Case{"2\n3 1 x 3\n", "Incorrect definition of face 1.  Aborting."}}) {
+    host.clear();
+    krx::apply_sketch_file(model, sketch(c.text).c_str());
+    EXPECT_EQ(host.texts(2), std::vector<std::string>{c.warning}) << c.text;
+    EXPECT_EQ(model->faces, before);
+    EXPECT_EQ(model->face_count, 1);
+  }
+}
+
+TEST_F(FaceTest, UnusableSketchFilesAreWarnedAbout) {
+  std::string missing = dir.file("none.txt");
+  krx::apply_sketch_file(model, nullptr);
+  krx::apply_sketch_file(model, missing.c_str());
+  std::string empty = sketch("faces\n");
+  krx::apply_sketch_file(model, empty.c_str());
+  EXPECT_EQ(host.texts(2), (std::vector<std::string>{
+                               "Failed to apply sketch file.  Usage: sketch(filename)",
+                               "Failed to open sketch file " + missing,
+                               "Sketch file " + empty + " does not start with a face count"}));
+  EXPECT_TRUE(host.texts(0).empty());
+}
+
+TEST_F(FaceTest, FaceNodeSetJoinsFaceAndInterfaceNodesOnceAndIsKept) {
+  nodes({10, 20, 30, 40, 50});
+  add({30, 10, 20});
+  add({20, 30, 40});
+  model->interface_nodes = {4, 0, 4};
+  std::vector<int32_t> set;
+  ASSERT_TRUE(krx::face_node_set(model, set));
+  EXPECT_EQ(set, (std::vector<int32_t>{0, 1, 2, 3, 4}));
+  // Built once: later face changes do not reach it.
+  add({10, 50});
+  model->interface_nodes.clear();
+  set.clear();
+  ASSERT_TRUE(krx::face_node_set(model, set));
+  EXPECT_EQ(set.size(), 5u);
+}
+
+TEST_F(FaceTest, FaceNodeSetOfAnEmptiedListHoldsTheInterfaceNodes) {
+  nodes({1, 2, 3});
+  add({1, 2, 3});
+  krx::apply_sketch_file(model, sketch("0").c_str());
+  model->interface_nodes = {2};
+  std::vector<int32_t> set;
+  ASSERT_TRUE(krx::face_node_set(model, set));
+  EXPECT_EQ(set, std::vector<int32_t>{2});
+}
+
+TEST_F(FaceTest, FaceNodeSetNeedsFacesOrInterfaceNodes) {
+  std::vector<int32_t> set;
+  EXPECT_FALSE(krx::face_node_set(model, set));
+  ASSERT_EQ(host.messages.size(), 1u);
+  EXPECT_EQ(host.messages[0].text.rfind("Failed to allocate memory at line ", 0), 0u);
+  host.clear();
+  nodes({1});
+  model->interface_nodes = {0};
+  EXPECT_FALSE(krx::face_node_set(model, set));
+  EXPECT_EQ(host.messages,
+            (std::vector<krxtest::Message>{{3, "Missing element face information"}}));
+}
+
+TEST(FacesWithoutModel, EveryOperationReportsTheMissingDatabase) {
+  RecordingHost host;
+  int32_t ids[] = {1, 2};
+  std::vector<int32_t> set;
+  EXPECT_EQ(krx::add_face(nullptr, 2, ids), 0);
+  krx::strip_interior_faces(nullptr);
+  krx::apply_sketch_file(nullptr, "x");
+  EXPECT_FALSE(krx::face_node_set(nullptr, set));
+  EXPECT_EQ(host.texts(3), std::vector<std::string>(4, "The database has not been initialized."));
+}
+
+}  // namespace

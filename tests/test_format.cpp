@@ -1,0 +1,275 @@
+// The stream layer and the block catalogue.
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <cstring>
+#include <vector>
+
+#include "format/krxformat.h"
+#include "format/krxstream.h"
+#include "krxsample.h"
+#include "testsupport.h"
+
+namespace {
+
+using namespace krx;
+
+std::vector<unsigned char> file_bytes(FILE *f) {
+  std::fflush(f);
+  std::vector<unsigned char> bytes;
+  std::rewind(f);
+  int c;
+  while ((c = std::fgetc(f)) != EOF) bytes.push_back(static_cast<unsigned char>(c));
+  return bytes;
+}
+
+// The bytes of xdr_vector with the element routine, the reference for the bulk path.
+template <typename T>
+std::vector<unsigned char> reference_bytes(std::vector<T> values, xdrproc_t element) {
+  FILE *f = std::tmpfile();
+  XDR x;
+  xdrstdio_create(&x, f, XDR_ENCODE);
+  EXPECT_TRUE(xdr_vector(&x, reinterpret_cast<char *>(values.data()), u_int(values.size()), sizeof(T), element));
+  xdr_destroy(&x);
+  auto bytes = file_bytes(f);
+  std::fclose(f);
+  return bytes;
+}
+
+template <typename T, typename Put>
+std::vector<unsigned char> bulk_bytes(const std::vector<T> &values, Put put) {
+  FileSlot io;
+  io.file = std::tmpfile();
+  EXPECT_TRUE(bind_xdr_stream(io, XDR_ENCODE, "..\\test"));
+  EXPECT_TRUE(put(io, values.data(), values.size()));
+  auto bytes = file_bytes(io.file);
+  close_stream(io);
+  return bytes;
+}
+
+template <typename T, typename Get>
+std::vector<T> bulk_read(const std::vector<unsigned char> &bytes, std::size_t n, Get get) {
+  FileSlot io;
+  io.file = std::tmpfile();
+  if (!bytes.empty()) std::fwrite(bytes.data(), 1, bytes.size(), io.file);
+  std::rewind(io.file);
+  EXPECT_TRUE(bind_xdr_stream(io, XDR_DECODE, "..\\test"));
+  std::vector<T> values(n);
+  EXPECT_TRUE(get(io, values.data(), n));
+  close_stream(io);
+  return values;
+}
+
+const std::size_t kLengths[] = {0, 1, 7, 40001};  // 40001 crosses the conversion chunks
+
+TEST(Stream, BulkXdrArraysMatchTheElementRoutinesByteForByte) {
+  for (std::size_t n : kLengths) {
+    std::vector<int32_t> ints(n);
+    std::vector<double> doubles(n);
+    std::vector<float> floats(n);
+    std::vector<char> chars(n);
+    for (std::size_t i = 0; i < n; ++i) {
+      ints[i] = int32_t(i * 2654435761u);
+      doubles[i] = double(i) * -1.0e-3 + 1.0 / (i + 1);
+      floats[i] = float(doubles[i]);
+      chars[i] = char(i * 37);  // negative characters included
+    }
+    auto ib = reference_bytes(ints, xdrproc_t(xdr_int));
+    EXPECT_EQ(ib, bulk_bytes(ints, put_ints)) << n;
+    EXPECT_EQ(ints, bulk_read<int32_t>(ib, n, get_ints));
+    auto db = reference_bytes(doubles, xdrproc_t(xdr_double));
+    EXPECT_EQ(db, bulk_bytes(doubles, put_doubles)) << n;
+    EXPECT_EQ(doubles, bulk_read<double>(db, n, get_doubles));
+    auto fb = reference_bytes(floats, xdrproc_t(xdr_float));
+    EXPECT_EQ(fb, bulk_bytes(floats, put_floats)) << n;
+    EXPECT_EQ(floats, bulk_read<float>(fb, n, get_floats));
+    auto cb = reference_bytes(chars, xdrproc_t(xdr_char));
+    EXPECT_EQ(cb, bulk_bytes(chars, put_chars)) << n;
+    EXPECT_EQ(chars, bulk_read<char>(cb, n, get_chars));
+  }
+}
+
+TEST(Stream, EncodesPrimitivesAsTheFileContractSays) {
+  FileSlot io;
+  io.file = std::tmpfile();
+  ASSERT_TRUE(bind_xdr_stream(io, XDR_ENCODE, "..\\test"));
+  ASSERT_TRUE(put_int(io, 316));
+  double one = 1.0;
+  ASSERT_TRUE(put_doubles(io, &one, 1));
+  auto bytes = file_bytes(io.file);
+  close_stream(io);
+  EXPECT_EQ((std::vector<unsigned char>{0, 0, 1, 0x3C, 0x3F, 0xF0, 0, 0, 0, 0, 0, 0}), bytes);
+
+  char text[128] = "title";
+  for (int xdr = 0; xdr < 2; ++xdr) {
+    FileSlot t;
+    t.file = std::tmpfile();
+    if (xdr) {
+      ASSERT_TRUE(bind_xdr_stream(t, XDR_ENCODE, "..\\test"));
+    }
+    ASSERT_TRUE(put_chars(t, text, 128));
+    EXPECT_EQ(xdr ? 512 : 128, tell_stream(t));
+    close_stream(t);
+  }
+}
+
+TEST(Stream, SinglePrecisionNarrowsThroughTheScratchInChunks) {
+  for (int xdr = 0; xdr < 2; ++xdr) {
+    FileSlot io;
+    io.file = std::tmpfile();
+    io.precision = 0;
+    if (xdr) {
+      ASSERT_TRUE(bind_xdr_stream(io, XDR_ENCODE, "..\\test"));
+    }
+    std::vector<float> scratch(512);
+    std::vector<double> values(1500);
+    for (std::size_t i = 0; i < values.size(); ++i) values[i] = 0.25 * double(i);
+    ASSERT_TRUE(put_reals(io, scratch, values.data(), values.size()));
+    EXPECT_EQ(4 * 1500, tell_stream(io));
+    ASSERT_TRUE(seek_stream(io, 0));
+    if (xdr) {
+      ASSERT_TRUE(bind_xdr_stream(io, XDR_DECODE, "..\\test"));
+    }
+    std::vector<double> back(values.size());
+    ASSERT_TRUE(get_reals(io, scratch, back.data(), back.size()));
+    EXPECT_EQ(values, back);
+    close_stream(io);
+  }
+}
+
+TEST(Stream, ShortReadsFail) {
+  FileSlot io;
+  io.file = std::tmpfile();
+  int32_t v[2] = {1, 2};
+  ASSERT_TRUE(put_ints(io, v, 2));
+  ASSERT_TRUE(seek_stream(io, 0));
+  ASSERT_TRUE(bind_xdr_stream(io, XDR_DECODE, "..\\test"));
+  int32_t back[3];
+  EXPECT_FALSE(get_ints(io, back, 3));
+  close_stream(io);
+}
+
+// Positions past 4 GiB come from the 64-bit file offsets, not from the XDR stream's own.
+TEST(Stream, PositionsPastFourGibibytes) {
+  krxtest::TempDir dir;
+  std::string path = dir.file("big.krx");
+  FileSlot io;
+  ASSERT_TRUE(open_write_stream(io, path.c_str(), true, "..\\test"));
+  const int64_t far = (int64_t(5) << 30) + 12;
+  ASSERT_TRUE(seek_stream(io, far));
+  std::vector<double> values{1.5, -2.25, 3.0};
+  if (!put_doubles(io, values.data(), values.size())) GTEST_SKIP() << "no sparse files here";
+  EXPECT_EQ(far + 24, tell_stream(io));
+  close_stream(io);
+  ASSERT_TRUE(open_read_stream(io, path.c_str()));
+  ASSERT_TRUE(bind_xdr_stream(io, XDR_DECODE, "..\\test"));
+  EXPECT_EQ(far + 24, stream_file_size(io));
+  ASSERT_TRUE(seek_stream(io, far));
+  std::vector<double> back(3);
+  ASSERT_TRUE(get_doubles(io, back.data(), 3));
+  EXPECT_EQ(values, back);
+  close_stream(io);
+}
+
+TEST(Catalogue, EveryBlockHasItsNumberNameAndFlag) {
+  EXPECT_EQ(nullptr, block_info(0));
+  EXPECT_EQ(nullptr, block_info(33));
+  for (int k = 1; k <= 32; ++k) EXPECT_EQ(k, block_info(k)->number);
+  EXPECT_EQ(-1, block_info(3)->flag);
+  EXPECT_EQ(6, block_info(10)->flag);
+  EXPECT_EQ(8, block_info(11)->flag);
+  EXPECT_EQ(12, block_info(14)->flag);
+  EXPECT_EQ(22, block_info(24)->flag);
+  EXPECT_EQ(30, block_info(32)->flag);
+  EXPECT_EQ(0, block_of_flag(7));
+  EXPECT_EQ(0, block_of_flag(11));
+  EXPECT_EQ(26, block_of_flag(24));
+  EXPECT_STREQ("mode_shape_transformation", block_info(16)->name);
+}
+
+TEST(Catalogue, SizeRulesFollowTheCountsAndBothWidths) {
+  BlockCounts c;
+  c.n = {2, 3, 0};
+  EXPECT_EQ(308, block_info(8)->size(c, 1, 8, 10));
+  EXPECT_EQ(316, block_info(8)->size(c, 1, 8, 60));
+  EXPECT_EQ(544 * 4, block_info(2)->size(c, 4, 8, 60));
+  c.n = {5, 0, 0};
+  EXPECT_EQ(4 + 5 * (4 + 2 * 4 + 4), block_info(10)->size(c, 4, 4, 60));
+  c.n = {-1, 0, 0};
+  EXPECT_EQ(-1, block_info(7)->size(c, 1, 8, 60));
+  c.n = {INT32_MAX, 0, 0};
+  EXPECT_EQ(-1, block_info(26)->size(c, 1, 8, 60)) << "overflow is refused";
+}
+
+// Every block the sample writes occupies exactly what its size rule says, in every encoding.
+TEST(Catalogue, CodecsWriteWhatTheSizeRulesPredict) {
+  krxtest::TempDir dir;
+  for (int32_t version : {10, 20, 40, 41, 50, 51, 60, 572, 316, 828}) {
+    std::string path = dir.file("sample.krx");
+    krxtest::Sample s;
+    s.version = version;
+    ASSERT_TRUE(krxtest::write_sample(path, s));
+    FileSlot io;
+    ASSERT_TRUE(open_read_stream(io, path.c_str()));
+    if (version_is_xdr(version)) {
+      ASSERT_TRUE(bind_xdr_stream(io, XDR_DECODE, "..\\test"));
+    }
+    io.precision = version_is_single(version) ? 0 : 1;
+    std::vector<float> scratch(512);
+    BlockIo b{io, scratch, version_generation(version), stream_file_size(io)};
+    int C = char_width(io), R = real_width(io);
+    ASSERT_TRUE(seek_stream(io, 4 + 544 * C));
+    std::array<uint8_t, kFlagCount> flags{};
+    ASSERT_TRUE(read_content_block(b, flags));
+    int64_t at = 0;
+    for (int k = 1; k <= 32; ++k) {
+      if (k > 3 && !flags[block_info(k)->flag]) continue;
+      ASSERT_TRUE(seek_stream(io, at));
+      BlockCounts counts;
+      ASSERT_TRUE(read_block_counts(b, k, counts)) << k;
+      int64_t size = block_info(k)->size(counts, C, R, b.generation);
+      ASSERT_GT(size, 0) << k;
+      at += size;
+    }
+    EXPECT_EQ(stream_file_size(io), at) << version;
+    close_stream(io);
+  }
+}
+
+TEST(Catalogue, BuildersConvertFromTheModel) {
+  KRXDATA model;
+  for (int32_t id : {7, 9, 11}) {
+    NodeRecord n;
+    n.id = id;
+    model.nodes.push_back(std::move(n));
+  }
+  model.nodes[1].inertia = std::make_unique<std::array<double, 6>>(std::array<double, 6>{1, 0, 3, 0, 5, 0});
+  std::vector<InertiaEntry> entries;
+  make_nodal_inertia_entries(model, entries);
+  ASSERT_EQ(3u, entries.size());
+  EXPECT_EQ(9, entries[1].id);
+  EXPECT_EQ(6, entries[1].row);
+  EXPECT_EQ(6, entries[1].column);
+  EXPECT_EQ(4, entries[2].row);
+  EXPECT_EQ(6, entries[2].column);
+  EXPECT_EQ(5.0, entries[2].value);
+
+  model.faces = {3, 0, 1, 2, 2, 2, 0};
+  model.face_count = 2;
+  ElementFacesBlock faces;
+  ASSERT_TRUE(make_element_faces_block(model, faces));
+  EXPECT_EQ((std::vector<int32_t>{3, 7, 9, 11, 2, 11, 7}), faces.words);
+  ElementTopologyBlock topology;
+  ASSERT_TRUE(make_element_topology_block(model, topology));
+  EXPECT_EQ(2, topology.face_count);
+  EXPECT_EQ((std::vector<int32_t>{0, 0, 11, 7, 0, 0, 7, 9, 11}), topology.words);
+  model.faces[1] = 5;
+  EXPECT_FALSE(make_element_faces_block(model, faces));
+
+  std::strcpy(model.date.data(), "Mon\n");
+  HeaderBlock h;
+  make_header_block(model, h);
+  EXPECT_STREQ("Mon", h.date.data());
+}
+
+}  // namespace

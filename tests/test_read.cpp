@@ -1,0 +1,269 @@
+// The reader: files of every encoding and precision read back value for value, and broken files
+// refused with the reader's own message.
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <fstream>
+#include <iterator>
+
+#include "format/krxread.h"
+#include "host/krx_fortran.h"
+#include "inspect/krxtoc.h"
+#include "processing/krxinvar.h"
+#include "krxsample.h"
+#include "testsupport.h"
+
+namespace {
+
+using namespace krx;
+
+const int32_t kVersions[] = {10, 20, 40, 41, 50, 51, 60, 572, 316, 828};
+
+struct ReadFixture : ::testing::Test {
+  krxtest::RecordingHost host;
+  krxtest::TempDir dir;
+  std::string path = dir.file("sample.krx");
+  void TearDown() override { release_all_models(); }
+  KRXDATA *write_and_read(const krxtest::Sample &s) {
+    EXPECT_TRUE(krxtest::write_sample(path, s));
+    return find_or_read_model(path.c_str());
+  }
+};
+
+std::vector<char> bytes_of(const std::string &path) {
+  std::ifstream in(path, std::ios::binary);
+  return {std::istreambuf_iterator<char>(in), {}};
+}
+
+void put_bytes(const std::string &path, const std::vector<char> &bytes, std::size_t n) {
+  std::ofstream out(path, std::ios::binary | std::ios::trunc);
+  out.write(bytes.data(), std::streamsize(n));
+}
+
+TEST_F(ReadFixture, ReadsEveryEncodingAndPrecisionValueForValue) {
+  for (int32_t version : kVersions) {
+    SCOPED_TRACE(version);
+    krxtest::Sample s;
+    s.version = version;
+    KRXDATA *model = write_and_read(s);
+    ASSERT_NE(nullptr, model);
+    EXPECT_TRUE(host.texts(3).empty());
+    EXPECT_EQ(version, model->version);
+    EXPECT_EQ(version_is_xdr(version) ? 4 : 1, model->char_width);
+    EXPECT_EQ(version_is_single(version) ? 4 : 8, model->real_width);
+    EXPECT_STREQ("Bracket", model->title.data());
+    EXPECT_STREQ("x", model->comments[2].data());
+    ASSERT_EQ(3u, model->nodes.size());
+    EXPECT_EQ(20, model->nodes[1].id);
+    EXPECT_EQ(2.0, model->nodes[1].z);
+    EXPECT_EQ(3.0, model->nodes[2].mass);
+    ASSERT_TRUE(model->nodes[0].inertia);
+    EXPECT_EQ(1.5, (*model->nodes[0].inertia)[0]);
+    EXPECT_EQ(0.25, (*model->nodes[0].inertia)[3]) << "(5,4) lands on I12";
+    EXPECT_EQ(2.5, (*model->nodes[1].inertia)[2]);
+    EXPECT_FALSE(model->nodes[2].inertia);
+    EXPECT_EQ(2.0, model->total_mass);
+    EXPECT_EQ(3.0, model->global_inertia[8]);
+    EXPECT_EQ((std::vector<int32_t>{1, 2}), model->modes);
+    EXPECT_EQ(2, model->retained_modes);
+    ASSERT_EQ(2u, model->eigen.size());
+    EXPECT_EQ(8.0, model->eigen[1].eigenvalue);
+    EXPECT_STREQ("NEWTON", model->force_unit.data());
+    ASSERT_EQ(2u, model->stiffness.size());
+    EXPECT_EQ(1, model->stiffness[1].row);
+    EXPECT_EQ(16.0, model->stiffness[1].value);
+    ASSERT_EQ(1u, model->damping.size());
+    EXPECT_EQ(1, model->damping[0].column);
+    EXPECT_EQ((std::vector<int32_t>{3, 0, 1, 2}), model->faces);
+    EXPECT_EQ(1, model->face_count);
+    EXPECT_EQ((std::vector<double>{1, 0, 0, 1}), model->transformation);
+    EXPECT_EQ((std::vector<int32_t>{2}), model->interface_nodes);
+    // Mode records decode on demand in the file's own encoding.
+    for (int32_t r = 0; r < 2; ++r) {
+      std::vector<double> v;
+      ASSERT_TRUE(read_mode_values(model, kModeShapes, r, v));
+      ASSERT_EQ(18u, v.size());
+      EXPECT_EQ(krxtest::shape_value(r, 2, 5), v[17]);
+      ASSERT_TRUE(read_mode_values(model, kModalStress, r, v));
+      ASSERT_EQ(12u, v.size());
+      EXPECT_EQ(100.0 + krxtest::shape_value(r, 1, 4), v[10]);
+    }
+    const VectorSlot &stress = model->store[kModalStress];
+    EXPECT_EQ((std::vector<int32_t>{2, 0}), stress.nodes);
+    EXPECT_EQ((std::pair<int32_t, int32_t>{10, 1}), stress.index[0]);
+    EXPECT_EQ(model->own.file, stress.io.file);
+    EXPECT_FALSE(stress.owns_file);
+    EXPECT_EQ(6 * model->real_width, stress.slot_bytes);
+    bool later = version_generation(version) >= 40;
+    EXPECT_EQ(later ? 12u : 0u, model->pre_strain.size());
+    if (later) {
+      EXPECT_EQ((std::vector<double>{0.75, 0.75}), model->preload);
+      EXPECT_EQ(7, model->preload_extra);
+      ASSERT_EQ(1u, model->load_cases.size());
+      EXPECT_EQ("gravity", model->load_cases[0].label);
+      EXPECT_EQ(2u, model->statistics.size());
+      std::vector<double> inv;
+      int32_t nm = 0;
+      ASSERT_TRUE(read_invariant_values(model, 26, inv, &nm));
+      EXPECT_EQ(2, nm);
+      ASSERT_EQ(36u, inv.size());
+      EXPECT_EQ(26 + 0.5 * 35, inv[35]);
+    }
+    release_all_models();
+    host.clear();
+  }
+}
+
+TEST_F(ReadFixture, InvariantsComeFromTheFile) {
+  for (int32_t version : {316, 828, 50}) {
+    krxtest::Sample s;
+    s.version = version;
+    KRXDATA *model = write_and_read(s);
+    ASSERT_NE(nullptr, model);
+    EXPECT_EQ((std::vector<double>{20.0, 20.5, 21.0}), invariant2(model));
+    EXPECT_EQ(21.0 + 0.5 * 5, invariant3(model)[5]);
+    release_all_models();
+  }
+}
+
+TEST_F(ReadFixture, FindsAModelAlreadyReadByItsPath) {
+  KRXDATA *model = write_and_read(krxtest::Sample{});
+  ASSERT_NE(nullptr, model);
+  EXPECT_EQ(model, find_or_read_model(path.c_str()));
+  EXPECT_EQ(1u, model_list().size());
+  EXPECT_EQ(nullptr, find_or_read_model(dir.file("none.krx").c_str()));
+}
+
+TEST_F(ReadFixture, WithoutEigenvaluesTheModesComeFromTheModeShapes) {
+  krxtest::Sample s;
+  s.eigenvalues = false;
+  s.mode_numbers = {4, 9};
+  KRXDATA *model = write_and_read(s);
+  ASSERT_NE(nullptr, model);
+  EXPECT_EQ((std::vector<int32_t>{4, 9}), model->modes);
+  EXPECT_EQ(0, block_present(model, 6));
+}
+
+TEST_F(ReadFixture, GenerationTenNumbersModesInFileOrder) {
+  krxtest::Sample s;
+  s.version = 10;
+  s.eigenvalues = false;
+  s.mode_numbers = {5, 6};
+  KRXDATA *model = write_and_read(s);
+  ASSERT_NE(nullptr, model);
+  EXPECT_EQ((std::vector<int32_t>{1, 2}), model->modes);
+  EXPECT_EQ(8 + 12 + 2 * 6 * 3 * 8, block_size(model, 7));
+}
+
+TEST_F(ReadFixture, AveragesSeveralMassesPerNode) {
+  krxtest::Sample s;
+  s.mass_dims = 3;
+  KRXDATA *model = write_and_read(s);
+  ASSERT_NE(nullptr, model);
+  EXPECT_EQ(2.0, model->nodes[0].mass);  // mean of 1, 2, 3
+  EXPECT_TRUE(host.has(2, "Each node must possess a single scalar mass"));
+  EXPECT_TRUE(host.has(2, "Generating scalar by averaging 3 values"));
+}
+
+TEST_F(ReadFixture, RefusesFilesThatAreNoKorex) {
+  put_bytes(path, {0, 0, 0, 0, 0, 0, 0, 0}, 8);
+  EXPECT_EQ(nullptr, find_or_read_model(path.c_str()));
+  EXPECT_EQ((std::vector<std::string>{"Not a valid KRX format."}), host.texts(3));
+  EXPECT_TRUE(model_list().empty());
+}
+
+// Every prefix of a file ends the read with one of the reader's messages, and never a crash.
+TEST_F(ReadFixture, EveryTruncationFailsCleanly) {
+  for (int32_t version : {316, 50, 20}) {
+    krxtest::Sample s;
+    s.version = version;
+    ASSERT_TRUE(krxtest::write_sample(path, s));
+    auto bytes = bytes_of(path);
+    std::string cut = dir.file("cut.krx");
+    for (std::size_t n = 0; n < bytes.size(); n += (n < 2180 ? 11 : 1)) {
+      put_bytes(cut, bytes, n);
+      host.clear();
+      EXPECT_EQ(nullptr, find_or_read_model(cut.c_str())) << version << " " << n;
+      EXPECT_FALSE(host.texts(3).empty()) << version << " " << n;
+    }
+  }
+}
+
+// Byte offset of a block's start in the sample, as located by the reader.
+int64_t start_of(const std::string &path, int block) {
+  KRXDATA *model = find_or_read_model(path.c_str());
+  int64_t at = model ? model->block_start[block] : -1;
+  release_all_models();
+  return at;
+}
+
+void patch_int(const std::string &path, int64_t at, int32_t value, bool xdr) {
+  std::fstream f(path, std::ios::binary | std::ios::in | std::ios::out);
+  f.seekp(at);
+  uint32_t v = xdr ? __builtin_bswap32(uint32_t(value)) : uint32_t(value);
+  f.write(reinterpret_cast<const char *>(&v), 4);
+}
+
+TEST_F(ReadFixture, AbsurdCountsAreRefusedBeforeAllocating) {
+  struct Case { int block; int64_t offset; const char *message; };
+  const Case cases[] = {
+      {4, 0, "Problem in nodal coords block"},
+      {7, 0, "Problem in eigenvalues block"},
+      {8, 4, "Problem in mode shapes block"},
+      {10, 0, "Problem in nodal inertia block"},
+      {14, 12, "Problem reading Element Faces"},
+      {16, 0, "Problem in mode shape transformation block"},
+      {28, 4, "Problem when reading Modal Loads Block"},
+      {31, 0, "Problem when reading Pre-Stress Block"},
+  };
+  for (int32_t version : {316, 60}) {
+    for (const Case &c : cases) {
+      SCOPED_TRACE(c.block);
+      krxtest::Sample s;
+      s.version = version;
+      ASSERT_TRUE(krxtest::write_sample(path, s));
+      int64_t at = start_of(path, c.block);
+      for (int32_t absurd : {INT32_MAX, -5, 100000}) {
+        ASSERT_TRUE(krxtest::write_sample(path, s));
+        patch_int(path, at + c.offset, absurd, version_is_xdr(version));
+        host.clear();
+        EXPECT_EQ(nullptr, find_or_read_model(path.c_str()));
+        EXPECT_TRUE(host.has(3, c.message)) << absurd;
+      }
+    }
+  }
+}
+
+TEST_F(ReadFixture, UnknownNodeIdsEndTheReadWithTheBlocksMessage) {
+  krxtest::Sample s;
+  s.stress_ids = {30, 99};
+  EXPECT_EQ(nullptr, write_and_read(s));
+  EXPECT_TRUE(host.has(3, "Problem when reading Modal Stress info"));
+}
+
+TEST_F(ReadFixture, CountsMustAgreeWithTheEigenvalues) {
+  krxtest::Sample s;
+  s.eigen_records = 1;
+  EXPECT_EQ(nullptr, write_and_read(s));
+  EXPECT_TRUE(host.has(3, "Number of mode shapes does not match the number of eigenvalues"));
+}
+
+TEST_F(ReadFixture, OpenEntryMakesTheModelCurrent) {
+  ASSERT_TRUE(krxtest::write_sample(path, krxtest::Sample{}));
+  krxtest::create_model(0, 0);
+  KRXDATA *created = current_model();
+  int status = -1;
+  KRX_OPEN_KRX(path.c_str(), &status, int(path.size()));
+  EXPECT_EQ(0, status);
+  EXPECT_NE(created, current_model());
+  EXPECT_EQ(path, current_model()->own.path);
+  KRX_OPEN_KRX(path.c_str(), &status, -1);
+  EXPECT_EQ(1, status);
+  EXPECT_TRUE(host.has(3, "Failed to allocate memory at line 460 in file ..\\krx_fortran.\n"));
+  std::string padded = path + "  ";
+  KRX_OPEN_KRX(padded.c_str(), &status, int(padded.size()));
+  EXPECT_EQ(1, status) << "the blanks are part of the name";
+  krxtest::terminate_model();
+}
+
+}  // namespace
