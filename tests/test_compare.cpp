@@ -7,6 +7,8 @@
 
 #include <cmath>
 #include <cstdio>
+#include <cstring>
+#include <iterator>
 #include <fstream>
 #include <functional>
 #include <sstream>
@@ -409,6 +411,115 @@ TEST(CompareTool, UsageErrorsAndUnreadableFilesExitWithTwo) {
   EXPECT_EQ(missing.status, 2);
   EXPECT_TRUE(contains(missing.out, "krxcompare: cannot read KRX file '" + dir.file("none.krx") + "'\n"))
       << missing.out;
+}
+
+}  // namespace
+
+namespace {
+
+// Files of the reader's test data, patched where a test needs a difference. Values of an XDR
+// file are big-endian.
+struct CompareFiles : ::testing::Test {
+  krxtest::TempDir dir;
+  const std::string xdr = std::string(KRX_TEST_DATA) + "/bracket_xdr.krx";
+
+  // A copy of the XDR bracket with the 8 bytes at `offset` replaced by a big-endian double (or
+  // the 4 bytes by a big-endian int).
+  std::string patched(const std::string &name, int64_t offset, double value, bool integer = false) {
+    std::ifstream in(xdr, std::ios::binary);
+    std::string bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    unsigned char raw[8];
+    int width = integer ? 4 : 8;
+    if (integer) {
+      const uint32_t v = (uint32_t)(int32_t)value;
+      for (int i = 0; i < 4; ++i) raw[i] = (unsigned char)(v >> (24 - 8 * i));
+    } else {
+      uint64_t v;
+      std::memcpy(&v, &value, 8);
+      for (int i = 0; i < 8; ++i) raw[i] = (unsigned char)(v >> (56 - 8 * i));
+    }
+    bytes.replace((std::size_t)offset, width, (const char *)raw, width);
+    const std::string path = dir.file(name);
+    std::ofstream(path, std::ios::binary) << bytes;
+    return path;
+  }
+  // Where a block starts in the bracket, as the reader locates it.
+  int64_t block_start(int block) {
+    krxtest::RecordingHost host;
+    krx::KRXDATA *model = krx::find_or_read_model(xdr.c_str());
+    EXPECT_NE(model, nullptr);
+    const int64_t at = model ? model->block_start[block] : 0;
+    krx::release_all_models();
+    return at;
+  }
+};
+
+TEST_F(CompareFiles, AFileAgainstItselfIsEquivalentAtEveryVerbosity) {
+  const ToolRun full = run_tool("-v 2 " + xdr + " " + xdr);
+  EXPECT_EQ(full.status, 0) << full.out;
+  EXPECT_TRUE(full.out.starts_with("->Building node map for nodes.\n->Building node map for shape modes. \n"))
+      << full.out;
+  EXPECT_TRUE(contains(full.out, "  Pass Version\n"));
+  EXPECT_TRUE(contains(full.out, "  Pass EigenVector rotational: #2\n"));
+  EXPECT_TRUE(contains(full.out, "  Pass Invar9\n"));
+  EXPECT_FALSE(contains(full.out, "->Fail"));
+  EXPECT_TRUE(full.out.ends_with(" Files are equivalent\n\n"));
+  const ToolRun summary = run_tool(xdr + " " + xdr);
+  EXPECT_EQ(summary.status, 0);
+  EXPECT_TRUE(summary.out.ends_with(" Files are equivalent\n\n"));
+  for (const char *level : {"-v 0", "-v -1", "-q"}) {
+    const ToolRun run = run_tool(std::string(level) + " " + xdr + " " + xdr);
+    EXPECT_EQ(run.status, 0) << level;
+    EXPECT_EQ(run.out, "") << level;
+  }
+}
+
+TEST_F(CompareFiles, OtherEncodingsOfTheSameModelAreEquivalent) {
+  const std::string data = KRX_TEST_DATA;
+  const ToolRun single = run_tool("-v 0 " + xdr + " " + data + "/bracket_single.krx");
+  EXPECT_EQ(single.status, 0) << single.out;
+  const ToolRun old = run_tool("-v 1 " + xdr + " " + data + "/bracket_82.krx");
+  EXPECT_EQ(old.status, 0) << old.out;
+  EXPECT_TRUE(contains(old.out, "->Warning Version new:  2.0 base:  6.0\n"));
+  EXPECT_TRUE(contains(old.out, "->Note block 14 element_faces: exists new: 0  exists base: 1\n"));
+}
+
+TEST_F(CompareFiles, PerturbedValuesFailBeyondTheToleranceAndPassBelowIt) {
+  // Node 20 sits at (1, 1.5, 2); the largest coordinate is 3.
+  const std::string moved = patched("moved.krx", block_start(4) + 8 + 28 + 4, 1.0 + 3e-4);
+  const ToolRun far = run_tool("-v 0 -t 1e-5 " + xdr + " " + moved);
+  EXPECT_EQ(far.status, 1);
+  EXPECT_EQ(far.out, "->Fail NodeCoordinates\n  Delta: 1.000000e-04\n");
+  EXPECT_EQ(run_tool("-v 0 --tolerance=1e-3 " + xdr + " " + moved).status, 0);
+
+  // Mode 2 has the eigenvalue 8.
+  const std::string stiffer = patched("stiffer.krx", block_start(7) + 4 + 44 + 4, 8.0 * (1.0 + 1e-3));
+  const ToolRun e = run_tool("-v 0 " + xdr + " " + stiffer);
+  EXPECT_EQ(e.status, 1);
+  EXPECT_TRUE(e.out.starts_with("->Fail EigenValue: #2\n  Delta: 1.000000e-03\n")) << e.out;
+  EXPECT_EQ(run_tool("-v 0 -t 1e-2 " + xdr + " " + stiffer).status, 0);
+
+  // The first stress value of mode 2: the block's two counts, its two node ids, mode 1's record.
+  const int64_t stress = block_start(18) + 8 + 8 + (4 + 2 * 48) + 4;
+  const ToolRun s = run_tool("-v 0 " + xdr + " " + patched("stressed.krx", stress, 12345.0));
+  EXPECT_EQ(s.status, 1);
+  EXPECT_TRUE(s.out.starts_with("->Fail Stress Mode: #2\n  Delta: ")) << s.out;
+
+  // Invariants are read from the files: the first value of invariant 3 is 21, the largest 23.5.
+  const ToolRun i = run_tool("-v 0 " + xdr + " " + patched("invariant.krx", block_start(21) + 4, 21.47));
+  EXPECT_EQ(i.status, 1);
+  EXPECT_EQ(i.out, "->Fail Invar3\n  Delta: 2.000000e-02\n");
+}
+
+TEST_F(CompareFiles, ANodeMissingFromTheBaseEndsTheRunWithMinusOne) {
+  // Node 30 renamed 31 in the coordinates: the new file holds 31, and 30 from its mode shapes.
+  const std::string renamed = patched("renamed.krx", block_start(4) + 8 + 56, 31, true);
+  ToolRun run = run_tool(xdr + " " + renamed);
+  EXPECT_EQ(run.status, 255);
+  EXPECT_EQ(run.out, "->Fail Node 31 does not exist in base file (Exit)\n\n");
+  run = run_tool("-v -1 " + xdr + " " + renamed);
+  EXPECT_EQ(run.status, 255);
+  EXPECT_EQ(run.out, "");
 }
 
 }  // namespace

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "inspect/krxcomparerun.h"
+#include "processing/krxinvar.h"
 
 namespace krx {
 
@@ -259,7 +260,7 @@ bool all_zero(const std::vector<double> &values) {
 int plain_invariant(const CompareRun &run, int number, const std::vector<double> &a,
                     const std::vector<double> &b) {
   Spread spread;
-  if (a.size() != b.size()) return judge(run, 1.0, "Invar%d", number);
+  if (a.size() != b.size() || a.empty()) return judge(run, 1.0, "Invar%d", number);
   for (std::size_t i = 0; i < a.size(); ++i) spread.add(a[i], b[i]);
   return judge(run, spread.ratio(), "Invar%d", number);
 }
@@ -276,7 +277,8 @@ struct Layout {
 
 int linear_invariant(const CompareRun &run, int number, const std::vector<double> &a,
                      const std::vector<double> &b, const Layout &layout) {
-  if (layout.modes_new != layout.modes_base) return judge(run, 1.0, "Invar%d", number);
+  if (layout.modes_new != layout.modes_base || layout.modes_new < 0)
+    return judge(run, 1.0, "Invar%d", number);
   const int32_t m = std::min(layout.modes_new, run.modes);
   Spread spread;
   for (int32_t k = 0; k < m; ++k)
@@ -293,7 +295,7 @@ int linear_invariant(const CompareRun &run, int number, const std::vector<double
 int pair_invariant(const CompareRun &run, int number, const std::vector<double> &a,
                    const std::vector<double> &b, int32_t m_new, int32_t m_base, int values,
                    std::size_t (*at)(int32_t, int32_t, int, int32_t)) {
-  if (m_new != m_base) return judge(run, 1.0, "Invar%d", number);
+  if (m_new != m_base || m_new < 0) return judge(run, 1.0, "Invar%d", number);
   const int32_t m = std::min(m_new, run.modes);
   Spread spread;
   for (int32_t k = 0; k < m; ++k)
@@ -319,45 +321,85 @@ bool zero_pair_invariant(const CompareRun &run, int number, const std::vector<do
 
 }  // namespace
 
+namespace {
+
+// The invariants of a model as flat arrays (5: per mode j a 3 x M block; 8: 9 per mode; 9: 9 per
+// mode pair, j-major), through the invariant accessors: a model read from a file reads them from
+// its file, scaled to the units it now has. Only the invariants both files hold are fetched.
+struct InvariantSet {
+  std::vector<double> values[10];
+  int32_t modes = 0;
+};
+
+InvariantSet fetch_invariants(const CompareRun &run, KRXDATA *model) {
+  InvariantSet set;
+  set.modes = model->retained_modes > 0 ? model->retained_modes : mode_count(model);
+  const int32_t m = set.modes;
+  if (both_have(run, kFlagInvariant1)) set.values[1] = {invariant1(model)};
+  if (both_have(run, kFlagInvariant1 + 1)) set.values[2] = invariant2(model);
+  if (both_have(run, kFlagInvariant1 + 2)) set.values[3] = invariant3(model);
+  if (both_have(run, kFlagInvariant1 + 3)) set.values[4] = invariant4(model);
+  if (both_have(run, kFlagInvariant7)) set.values[7] = invariant7(model);
+  for (int32_t j = 0; j < m; ++j) {
+    if (both_have(run, kFlagInvariant1 + 4)) {
+      const std::vector<double> v = invariant5(model, j);
+      set.values[5].insert(set.values[5].end(), v.begin(), v.end());
+    }
+    if (both_have(run, kFlagInvariant8)) {
+      const std::vector<double> v = invariant8(model, j);
+      set.values[8].insert(set.values[8].end(), v.begin(), v.end());
+    }
+    for (int32_t k = 0; k < m && both_have(run, kFlagInvariant9); ++k) {
+      const std::vector<double> v = invariant9(model, j, k);
+      set.values[9].insert(set.values[9].end(), v.begin(), v.end());
+    }
+  }
+  return set;
+}
+
+// An array of the expected size for m modes, else empty so that the check fails.
+int32_t modes_of(const std::vector<double> &values, int32_t m, std::size_t per_mode) {
+  return values.size() == per_mode * (std::size_t)m ? m : -1;
+}
+
+}  // namespace
+
 int check_invariants(CompareRun &run) {
-  const KRXDATA &n = *run.fresh, &b = *run.base;
+  const InvariantSet n = fetch_invariants(run, run.fresh), b = fetch_invariants(run, run.base);
   int result = 0;
-  if (both_have(run, kFlagInvariant1))
-    result += plain_invariant(run, 1, {n.invariant1}, {b.invariant1});
-  if (both_have(run, kFlagInvariant1 + 1)) result += plain_invariant(run, 2, n.invariant2, b.invariant2);
+  for (int number : {1, 2})
+    if (both_have(run, kFlagInvariant1 + number - 1))
+      result += plain_invariant(run, number, n.values[number], b.values[number]);
   // Invariants 3 and 4: 3 x M, component-major.
   auto component_major = [](int32_t mode, int value, int32_t modes) {
     return (std::size_t)value * modes + mode;
   };
   for (int number : {3, 4}) {
     if (!both_have(run, kFlagInvariant1 + number - 1)) continue;
-    const std::vector<double> &x = number == 3 ? n.invariant3 : n.invariant4;
-    const std::vector<double> &y = number == 3 ? b.invariant3 : b.invariant4;
-    Layout layout{(int32_t)(x.size() / 3), (int32_t)(y.size() / 3), component_major, 3};
+    const std::vector<double> &x = n.values[number], &y = b.values[number];
+    Layout layout{modes_of(x, n.modes, 3), modes_of(y, b.modes, 3), component_major, 3};
     result += linear_invariant(run, number, x, y, layout);
   }
   // Invariant 5: per mode i a 3 x M block, component-major over the second mode j.
-  if (both_have(run, kFlagInvariant1 + 4) && !zero_pair_invariant(run, 5, n.invariant5, b.invariant5)) {
+  if (both_have(run, kFlagInvariant1 + 4) && !zero_pair_invariant(run, 5, n.values[5], b.values[5])) {
     auto at = [](int32_t i, int32_t j, int v, int32_t m) {
       return ((std::size_t)i * 3 + v) * m + j;
     };
-    const int32_t mn = (int32_t)std::sqrt(n.invariant5.size() / 3.0 + 0.5);
-    const int32_t mb = (int32_t)std::sqrt(b.invariant5.size() / 3.0 + 0.5);
-    result += pair_invariant(run, 5, n.invariant5, b.invariant5, mn, mb, 3, at);
+    result += pair_invariant(run, 5, n.values[5], b.values[5], modes_of(n.values[5], n.modes, 3 * n.modes),
+                             modes_of(b.values[5], b.modes, 3 * b.modes), 3, at);
   }
-  if (both_have(run, kFlagInvariant7)) result += plain_invariant(run, 7, n.invariant7, b.invariant7);
+  if (both_have(run, kFlagInvariant7)) result += plain_invariant(run, 7, n.values[7], b.values[7]);
   if (both_have(run, kFlagInvariant8)) {
     auto per_mode = [](int32_t mode, int value, int32_t) { return (std::size_t)mode * 9 + value; };
-    Layout layout{(int32_t)(n.invariant8.size() / 9), (int32_t)(b.invariant8.size() / 9), per_mode, 9};
-    result += linear_invariant(run, 8, n.invariant8, b.invariant8, layout);
+    Layout layout{modes_of(n.values[8], n.modes, 9), modes_of(b.values[8], b.modes, 9), per_mode, 9};
+    result += linear_invariant(run, 8, n.values[8], b.values[8], layout);
   }
-  if (both_have(run, kFlagInvariant9) && !zero_pair_invariant(run, 9, n.invariant9, b.invariant9)) {
+  if (both_have(run, kFlagInvariant9) && !zero_pair_invariant(run, 9, n.values[9], b.values[9])) {
     auto at = [](int32_t i, int32_t j, int v, int32_t m) {
       return ((std::size_t)i * m + j) * 9 + v;
     };
-    const int32_t mn = (int32_t)std::sqrt(n.invariant9.size() / 9.0 + 0.5);
-    const int32_t mb = (int32_t)std::sqrt(b.invariant9.size() / 9.0 + 0.5);
-    result += pair_invariant(run, 9, n.invariant9, b.invariant9, mn, mb, 9, at);
+    result += pair_invariant(run, 9, n.values[9], b.values[9], modes_of(n.values[9], n.modes, 9 * n.modes),
+                             modes_of(b.values[9], b.modes, 9 * b.modes), 9, at);
   }
   return result;
 }
