@@ -37,7 +37,7 @@ double stress_value(int mode, int node, int dof) {
 }
 
 // What a model is built from; tests change one thing and build the new model.
-struct ModelSpec {
+struct Recipe {
   std::vector<int> ids;
   std::vector<std::array<double, 3>> xyz;
   std::vector<double> eigenvalues{1e-7, -2e-7, 3e-7, 0.0, 1e-7, 2e-7, 400.0, 400.0, 900.0};
@@ -47,7 +47,7 @@ struct ModelSpec {
   bool eigen_flag = true;
   std::function<void(krx::KRXDATA &)> finish;  // further blocks, set directly
 
-  ModelSpec() {
+  Recipe() {
     for (int n = 0; n < kNodes; ++n) {
       ids.push_back(101 + n);
       xyz.push_back({0.5 * n, 0.1 * n * n / 10.0, n % 3 - 1.0});
@@ -55,7 +55,7 @@ struct ModelSpec {
   }
 };
 
-// Mode m' of a spec whose modes 7 and 8 (positions 6 and 7) are rotated inside their eigenspace.
+// Mode m of a recipe whose modes 7 and 8 (positions 6 and 7) are rotated inside their eigenspace.
 std::function<double(int, int, int)> rotated(std::function<double(int, int, int)> f) {
   return [f](int m, int n, int d) {
     const double c = std::cos(0.6), s = std::sin(0.6);
@@ -69,37 +69,37 @@ std::function<double(int, int, int)> flipped(std::function<double(int, int, int)
   return [f](int m, int n, int d) { return m == 6 || m == 8 ? -f(m, n, d) : f(m, n, d); };
 }
 
-krx::KRXDATA *build(const ModelSpec &spec) {
-  krx::KRXDATA *model = krx::create_model((uint32_t)spec.ids.size(), kModes);
-  for (std::size_t n = 0; n < spec.ids.size(); ++n) {
-    const int32_t p = krx::node_position_or_add(model, spec.ids[n]);
-    model->nodes[p].x = spec.xyz[n][0];
-    model->nodes[p].y = spec.xyz[n][1];
-    model->nodes[p].z = spec.xyz[n][2];
+krx::KRXDATA *build(const Recipe &recipe) {
+  krx::KRXDATA *model = krx::create_model((uint32_t)recipe.ids.size(), kModes);
+  for (std::size_t n = 0; n < recipe.ids.size(); ++n) {
+    const int32_t p = krx::node_position_or_add(model, recipe.ids[n]);
+    model->nodes[p].x = recipe.xyz[n][0];
+    model->nodes[p].y = recipe.xyz[n][1];
+    model->nodes[p].z = recipe.xyz[n][2];
     model->nodes[p].mass = 0.25 + 0.01 * n;
   }
   model->flags[krx::kFlagNodalCoords] = 1;
   model->flags[krx::kFlagNodalMasses] = 1;
-  for (int m = 0; m < (int)spec.eigenvalues.size(); ++m) {
+  for (int m = 0; m < (int)recipe.eigenvalues.size(); ++m) {
     krx::EigenRecord record;
     record.number = m + 1;
-    record.eigenvalue = spec.eigenvalues[m];
-    record.hertz = std::sqrt(std::fabs(spec.eigenvalues[m])) / krx::kTwoPi;
-    record.radians = std::sqrt(std::fabs(spec.eigenvalues[m]));
+    record.eigenvalue = recipe.eigenvalues[m];
+    record.hertz = std::sqrt(std::fabs(recipe.eigenvalues[m])) / krx::kTwoPi;
+    record.radians = std::sqrt(std::fabs(recipe.eigenvalues[m]));
     record.generalized_mass = 1.0;
-    record.generalized_stiffness = spec.eigenvalues[m];
+    record.generalized_stiffness = recipe.eigenvalues[m];
     model->eigen.push_back(record);
-    for (std::size_t n = 0; n < spec.ids.size(); ++n) {
+    for (std::size_t n = 0; n < recipe.ids.size(); ++n) {
       double v[6];
-      for (int d = 0; d < 6; ++d) v[d] = spec.shape(m, (int)n, d);
-      EXPECT_EQ(krx::store_node_vector(model, m + 1, spec.ids[n], krx::kModeShapes, v), 1);
-      if ((int)n >= spec.stress_nodes) continue;
-      for (int d = 0; d < 6; ++d) v[d] = spec.stress(m, (int)n, d);
-      EXPECT_EQ(krx::store_node_vector(model, m + 1, spec.ids[n], krx::kModalStress, v), 1);
+      for (int d = 0; d < 6; ++d) v[d] = recipe.shape(m, (int)n, d);
+      EXPECT_EQ(krx::store_node_vector(model, m + 1, recipe.ids[n], krx::kModeShapes, v), 1);
+      if ((int)n >= recipe.stress_nodes) continue;
+      for (int d = 0; d < 6; ++d) v[d] = recipe.stress(m, (int)n, d);
+      EXPECT_EQ(krx::store_node_vector(model, m + 1, recipe.ids[n], krx::kModalStress, v), 1);
     }
   }
-  model->flags[krx::kFlagEigenvalues] = spec.eigen_flag ? 1 : 0;
-  if (spec.finish) spec.finish(*model);
+  model->flags[krx::kFlagEigenvalues] = recipe.eigen_flag ? 1 : 0;
+  if (recipe.finish) recipe.finish(*model);
   return model;
 }
 
@@ -108,11 +108,11 @@ struct Outcome {
   std::string out;
 };
 
-Outcome compare(const ModelSpec &base_spec, const ModelSpec &new_spec, int verbosity,
+Outcome compare(const Recipe &base_recipe, const Recipe &new_recipe, int verbosity,
                 double tolerance = kTolerance) {
   krxtest::RecordingHost host;  // the store's notes stay off standard output
-  krx::KRXDATA *base = build(base_spec);
-  krx::KRXDATA *fresh = build(new_spec);
+  krx::KRXDATA *base = build(base_recipe);
+  krx::KRXDATA *fresh = build(new_recipe);
   testing::internal::CaptureStdout();
   Outcome outcome;
   outcome.result = krx::compare_files(base, fresh, verbosity, tolerance);
@@ -129,7 +129,7 @@ struct Exit {
   std::string out;
 };
 
-Exit compare_in_child(const ModelSpec &base_spec, const ModelSpec &new_spec, int verbosity) {
+Exit compare_in_child(const Recipe &base_recipe, const Recipe &new_recipe, int verbosity) {
   krxtest::TempDir dir;
   const std::string path = dir.file("out.txt");
   std::fflush(stdout);
@@ -138,8 +138,8 @@ Exit compare_in_child(const ModelSpec &base_spec, const ModelSpec &new_spec, int
     if (!std::freopen(path.c_str(), "w", stdout)) _exit(99);
     setenv("TMP", dir.path.c_str(), 1);  // the child's temporary vector files go with the directory
     krxtest::RecordingHost host;
-    krx::KRXDATA *base = build(base_spec);
-    krx::KRXDATA *fresh = build(new_spec);
+    krx::KRXDATA *base = build(base_recipe);
+    krx::KRXDATA *fresh = build(new_recipe);
     krx::compare_files(base, fresh, verbosity, kTolerance);
     std::fflush(stdout);
     _exit(0);
@@ -155,13 +155,13 @@ Exit compare_in_child(const ModelSpec &base_spec, const ModelSpec &new_spec, int
   return result;
 }
 
-bool contains(const std::string &text, const std::string &part) {
-  return text.find(part) != std::string::npos;
+bool contains(const std::string &text, const std::string &piece) {
+  return text.find(piece) != std::string::npos;
 }
 
 TEST(CompareModels, AModelAgainstItselfPassesAtEveryVerbosity) {
-  const ModelSpec spec;
-  const Outcome full = compare(spec, spec, 2);
+  const Recipe recipe;
+  const Outcome full = compare(recipe, recipe, 2);
   EXPECT_EQ(full.result, 0);
   EXPECT_TRUE(contains(full.out, "->Building node map for nodes.\n"));
   EXPECT_TRUE(contains(full.out, "->Building node map for shape modes. \n"));
@@ -173,35 +173,35 @@ TEST(CompareModels, AModelAgainstItselfPassesAtEveryVerbosity) {
   EXPECT_FALSE(contains(full.out, "->Fail"));
   EXPECT_TRUE(full.out.ends_with(" Files are equivalent\n\n"));
 
-  const Outcome summary = compare(spec, spec, 1);
+  const Outcome summary = compare(recipe, recipe, 1);
   EXPECT_EQ(summary.result, 0);
   EXPECT_EQ(summary.out, "->Note block_6__global_body_props not checked\n"
                          "->Note block_11__units not checked\n"
                          " Files are equivalent\n\n");
-  EXPECT_EQ(compare(spec, spec, 0).out, "");
-  const Outcome silent = compare(spec, spec, -1);
+  EXPECT_EQ(compare(recipe, recipe, 0).out, "");
+  const Outcome silent = compare(recipe, recipe, -1);
   EXPECT_EQ(silent.result, 0);
   EXPECT_EQ(silent.out, "");
 }
 
 TEST(CompareModels, FlippedAndRotatedModesOfAnEigenspacePass) {
-  const ModelSpec base;
-  ModelSpec flips;
+  const Recipe base;
+  Recipe flips;
   flips.shape = flipped(shape_value);
   flips.stress = flipped(stress_value);
   const Outcome a = compare(base, flips, 2);
   EXPECT_EQ(a.result, 0) << a.out;
 
-  ModelSpec turned;
+  Recipe turned;
   turned.shape = rotated(shape_value);
   turned.stress = rotated(stress_value);
   const Outcome b = compare(base, turned, 2);
   EXPECT_EQ(b.result, 0) << b.out;
 
   // The same rotation between modes of different eigenvalues is a real difference.
-  ModelSpec apart;
+  Recipe apart;
   apart.eigenvalues[7] = 401.0;
-  ModelSpec wrong = turned;
+  Recipe wrong = turned;
   wrong.eigenvalues[7] = 401.0;
   const Outcome c = compare(apart, wrong, 0);
   EXPECT_LT(c.result, 0);
@@ -210,28 +210,28 @@ TEST(CompareModels, FlippedAndRotatedModesOfAnEigenspacePass) {
 }
 
 // Perturbs one value of the new model by a relative amount and compares at verbosity 0.
-Outcome perturbed(const std::function<void(ModelSpec &, double)> &change, double amount) {
-  const ModelSpec base;
-  ModelSpec fresh;
+Outcome perturbed(const std::function<void(Recipe &, double)> &change, double amount) {
+  const Recipe base;
+  Recipe fresh;
   change(fresh, amount);
   return compare(base, fresh, 0);
 }
 
 TEST(CompareModels, PerturbationsFailBeyondTheToleranceAndPassBelowIt) {
   // The largest base coordinate is 5.5: a shift of 5.5e-4 is a ratio of 1e-4.
-  auto coordinate = [](ModelSpec &s, double r) { s.xyz[4][0] += 5.5 * r; };
+  auto coordinate = [](Recipe &s, double r) { s.xyz[4][0] += 5.5 * r; };
   EXPECT_EQ(perturbed(coordinate, 1e-4).out, "->Fail NodeCoordinates\n  Delta: 1.000000e-04\n");
   EXPECT_EQ(perturbed(coordinate, 1e-4).result, -1);
   EXPECT_EQ(perturbed(coordinate, 1e-6).result, 0);
 
-  auto eigenvalue = [](ModelSpec &s, double r) { s.eigenvalues[8] *= 1.0 + r; };
+  auto eigenvalue = [](Recipe &s, double r) { s.eigenvalues[8] *= 1.0 + r; };
   const Outcome e = perturbed(eigenvalue, 1e-4);
   EXPECT_TRUE(e.out.starts_with("->Fail EigenValue: #9\n  Delta: 1.000000e-04\n")) << e.out;
   EXPECT_TRUE(contains(e.out, "->Fail Eigenvalues\n")) << e.out;
   EXPECT_LT(e.result, 0);
   EXPECT_EQ(perturbed(eigenvalue, 1e-7).result, 0);
 
-  auto stress = [](ModelSpec &s, double r) {
+  auto stress = [](Recipe &s, double r) {
     s.stress = [r](int m, int n, int d) {
       return stress_value(m, n, d) * (m == 8 && n == 2 && d == 0 ? 1.0 + r : 1.0);
     };
@@ -241,7 +241,7 @@ TEST(CompareModels, PerturbationsFailBeyondTheToleranceAndPassBelowIt) {
   EXPECT_EQ(s.result, -1);
   EXPECT_EQ(perturbed(stress, 1e-7).result, 0);
 
-  auto shape = [](ModelSpec &s, double r) {
+  auto shape = [](Recipe &s, double r) {
     s.shape = [r](int m, int n, int d) { return shape_value(m, n, d) + (m == 8 && n == 5 && d == 4 ? r : 0.0); };
   };
   const Outcome m = perturbed(shape, 1e-2);
@@ -251,20 +251,20 @@ TEST(CompareModels, PerturbationsFailBeyondTheToleranceAndPassBelowIt) {
   EXPECT_EQ(perturbed(shape, 1e-8).result, 0);
 }
 
-TEST(CompareModels, AZeroRotationalPartInTheBaseIsNotedAndStillCompared) {
-  ModelSpec base;
+TEST(CompareModels, AZeroRotationalHalfInTheBaseIsNotedAndStillCompared) {
+  Recipe base;
   base.shape = [](int m, int n, int d) { return d >= 3 ? 0.0 : shape_value(m, n, d); };
   const Outcome same = compare(base, base, 1);
   EXPECT_EQ(same.result, 0);
   EXPECT_TRUE(contains(same.out, "->Note base EigenVectorRotational=0\n"));
-  const Outcome other = compare(base, ModelSpec(), 0);
+  const Outcome other = compare(base, Recipe(), 0);
   EXPECT_TRUE(contains(other.out, "->Fail EigenVector rotational: #1\n  Delta: 1.000000e+00\n"));
 }
 
 // Coordinates in millimetres and masses in grams compare equal to metres and kilograms once both
 // models are converted; without the unit names the same numbers differ.
 TEST(CompareModels, CoordinatesAndMassesAreComparedInKilogramAndMetre) {
-  ModelSpec scaled;
+  Recipe scaled;
   for (auto &xyz : scaled.xyz)
     for (double &c : xyz) c *= 1000.0;
   auto grams = [](krx::KRXDATA &model) {
@@ -275,12 +275,12 @@ TEST(CompareModels, CoordinatesAndMassesAreComparedInKilogramAndMetre) {
     model.flags[krx::kFlagUnits] = 1;
     ASSERT_EQ(krx::set_units_by_names(&model, "GRAM", "MILLIMETER", "SECOND", "MICRONEWTON"), 1);
   };
-  const Outcome out = compare(ModelSpec(), scaled, 0);
+  const Outcome out = compare(Recipe(), scaled, 0);
   EXPECT_FALSE(contains(out.out, "NodeCoordinates")) << out.out;
   EXPECT_FALSE(contains(out.out, "NodalMass")) << out.out;
 
   scaled.finish = grams;
-  const Outcome plain = compare(ModelSpec(), scaled, 0);
+  const Outcome plain = compare(Recipe(), scaled, 0);
   EXPECT_TRUE(contains(plain.out, "->Fail NodeCoordinates\n")) << plain.out;
   EXPECT_TRUE(contains(plain.out, "->Fail NodalMass\n")) << plain.out;
 }
@@ -302,9 +302,9 @@ void more_blocks(krx::KRXDATA &model) {
 }
 
 TEST(CompareModels, LoadSignsWarnWhileListsAndFacesFailOrPassByTheirRules) {
-  ModelSpec base;
+  Recipe base;
   base.finish = more_blocks;
-  ModelSpec fresh;
+  Recipe fresh;
   fresh.finish = [](krx::KRXDATA &model) {
     more_blocks(model);
     model.load_cases[1].values[7] = -model.load_cases[1].values[7];
@@ -317,7 +317,7 @@ TEST(CompareModels, LoadSignsWarnWhileListsAndFacesFailOrPassByTheirRules) {
   EXPECT_EQ(compare(base, fresh, 2).out.find("  Pass FaceList A\n"), std::string::npos);
   EXPECT_TRUE(contains(compare(base, fresh, 2).out, "  Pass FaceList B\n"));
 
-  ModelSpec broken;
+  Recipe broken;
   broken.finish = [](krx::KRXDATA &model) {
     more_blocks(model);
     model.load_cases[0].values[8] *= 1.01;
@@ -335,7 +335,7 @@ TEST(CompareModels, LoadSignsWarnWhileListsAndFacesFailOrPassByTheirRules) {
 }
 
 TEST(CompareFatal, MissingNodesAndBlocksEndTheProcessWithMinusOne) {
-  ModelSpec base, extra;
+  Recipe base, extra;
   extra.ids.push_back(999);
   extra.xyz.push_back({0.0, 0.0, 0.0});
   Exit missing = compare_in_child(base, extra, 0);
@@ -347,14 +347,14 @@ TEST(CompareFatal, MissingNodesAndBlocksEndTheProcessWithMinusOne) {
   EXPECT_EQ(missing.out, "");
 
   // A base with fewer nodes lacks one of the new file's nodes.
-  ModelSpec smaller;
+  Recipe smaller;
   smaller.ids.pop_back();
   smaller.xyz.pop_back();
   const Exit fewer = compare_in_child(smaller, base, 0);
   EXPECT_EQ(fewer.status, 255);
   EXPECT_EQ(fewer.out, "->Fail Node 112 does not exist in base file (Exit)\n\n");
 
-  ModelSpec fewer_stress;
+  Recipe fewer_stress;
   fewer_stress.stress_nodes = 5;
   const Exit stress = compare_in_child(fewer_stress, base, 0);
   EXPECT_EQ(stress.status, 255);
@@ -362,7 +362,7 @@ TEST(CompareFatal, MissingNodesAndBlocksEndTheProcessWithMinusOne) {
             "->Fail Node 106 does not exist for stress modes in base file.\n"
             "->Try transposing input KRXs. (Exit)\n\n");
 
-  ModelSpec no_eigen;
+  Recipe no_eigen;
   no_eigen.eigen_flag = false;
   const Exit block = compare_in_child(base, no_eigen, 1);
   EXPECT_EQ(block.status, 255);

@@ -32,12 +32,12 @@ int gather(const CompareRun &run, bool from_base, int32_t position, int kind,
 }
 
 // Dot products over the translational half, the rotational half and the whole vector.
-struct Parts {
+struct Sums {
   double t = 0.0, r = 0.0, f = 0.0;
 };
 
-Parts dot(const std::vector<double> &a, const std::vector<double> &b) {
-  Parts p;
+Sums dot(const std::vector<double> &a, const std::vector<double> &b) {
+  Sums p;
   for (std::size_t i = 0; i < a.size(); i += 6) {
     p.t += a[i] * b[i] + a[i + 1] * b[i + 1] + a[i + 2] * b[i + 2];
     p.r += a[i + 3] * b[i + 3] + a[i + 4] * b[i + 4] + a[i + 5] * b[i + 5];
@@ -120,7 +120,7 @@ int fill_gram(const CompareRun &run, Group &group) {
     if (!gather(run, true, group.first + i, kModeShapes, bi)) return 0;
     for (int j = i; j < g; ++j) {
       if (j > i && !gather(run, true, group.first + j, kModeShapes, bj)) return 0;
-      const Parts p = dot(bi, j == i ? bi : bj);
+      const Sums p = dot(bi, j == i ? bi : bj);
       group.gram_t[i * g + j] = group.gram_t[j * g + i] = p.t;
       group.gram_r[i * g + j] = group.gram_r[j * g + i] = p.r;
       group.gram_f[i * g + j] = group.gram_f[j * g + i] = p.f;
@@ -137,8 +137,8 @@ bool all_zero_diagonal(const std::vector<double> &gram, int g) {
   return true;
 }
 
-// Length of what remains of a new part, relative to the part's own length. A new part that is
-// all zero passes only when the base parts of the group are all zero too.
+// Length of what remains of a new half, relative to the half's own length. A new half that is
+// all zero passes only when the base halves of the group are all zero too.
 double remainder_ratio(double remainder_squared, double own_squared, bool base_all_zero) {
   if (own_squared == 0.0) return base_all_zero ? 0.0 : 1.0;
   return std::sqrt(std::max(remainder_squared, 0.0) / own_squared);
@@ -153,7 +153,7 @@ int judge_mode(CompareRun &run, const Group &group, int32_t k) {
   std::vector<double> ct(g), cr(g), cf(g);
   for (int j = 0; j < g; ++j) {
     if (!gather(run, true, group.first + j, kModeShapes, b)) return -2;
-    const Parts p = dot(b, v);
+    const Sums p = dot(b, v);
     ct[j] = p.t, cr[j] = p.r, cf[j] = p.f;
   }
   const std::vector<double> at = fit(group.gram_t, ct, g), ar = fit(group.gram_r, cr, g);
@@ -168,7 +168,7 @@ int judge_mode(CompareRun &run, const Group &group, int32_t k) {
     for (std::size_t i = 0; i < r.size(); i += 6)
       for (int d = 0; d < 6; ++d) r[i + d] -= (d < 3 ? at[j] : ar[j]) * b[i + d];
   }
-  const Parts own = dot(v, v), rest = dot(r, r);
+  const Sums own = dot(v, v), rest = dot(r, r);
   const int32_t number = run.fresh->eigen[k].number;
   const int t = judge(run, remainder_ratio(rest.t, own.t, all_zero_diagonal(group.gram_t, g)),
                       "EigenVector translational: #%d", number);
