@@ -208,6 +208,7 @@ struct KRXDATA {
   std::vector<int32_t> record_numbers;
   std::vector<double> transformation;
   std::vector<int32_t> transformation_modes;
+  bool modes_orthonormalised = false;  // vectors, damping and loads already rewritten
 
   std::vector<ModalStatistics> statistics;
 

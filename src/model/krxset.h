@@ -17,6 +17,7 @@ int set_nodal_mass(KRXDATA *model, int32_t node_id, double mass);
 int add_nodal_mass(KRXDATA *model, int32_t node_id, double mass);
 // I11, I22, I33, I12, I13, I23.
 int set_nodal_inertia(KRXDATA *model, int32_t node_id, const double inertia[6]);
+// Row and column 1..3; (r, c) and (c, r) name the same product of inertia.
 int set_nodal_inertia_term(KRXDATA *model, int32_t node_id, int row, int column, double value);
 int set_global_mass(KRXDATA *model, double mass, const double *centre, const double *inertia);
 int set_generalized_mass(KRXDATA *model, int32_t row_mode, int32_t column_mode, double value);
@@ -31,7 +32,8 @@ int set_modal_load_label(KRXDATA *model, int32_t load_case, const char *label);
 // Pre-stress (kind 1) or pre-strain (kind 2) of a node.
 int set_pre_values(KRXDATA *model, int32_t node_id, int kind, const double values[6]);
 
-// Direct invariant setters; 3x3 matrices row by row.
+// Direct invariant setters; 3x3 matrices row by row. The modes must be registered already;
+// per-mode storage is laid out for the mode count of the moment and re-laid out when it grows.
 int set_invariant1(KRXDATA *model, double value);
 int set_invariant2(KRXDATA *model, const double values[3]);
 int set_invariant3(KRXDATA *model, int32_t mode_number, const double values[3]);

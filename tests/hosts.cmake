@@ -1,0 +1,34 @@
+# Real hosts: a Fortran program and two C programs call the shared library the way the
+# finite-element host does, and a check that the library exports exactly the host's entries.
+include(CheckLanguage)
+check_language(Fortran)
+if(CMAKE_Fortran_COMPILER)
+  enable_language(Fortran)
+  add_executable(fortran_host ${CMAKE_CURRENT_SOURCE_DIR}/hosts/fortran_host.f90)
+  target_link_libraries(fortran_host PRIVATE krxlib)
+  # The library finds the program's callbacks in its dynamic symbol table.
+  set_target_properties(fortran_host PROPERTIES ENABLE_EXPORTS ON LINKER_LANGUAGE Fortran
+                        Fortran_MODULE_DIRECTORY ${CMAKE_CURRENT_BINARY_DIR}/fortran_modules)
+  add_test(NAME host.fortran COMMAND fortran_host)
+  set_tests_properties(host.fortran PROPERTIES ENVIRONMENT "TMP=${CMAKE_CURRENT_BINARY_DIR}")
+else()
+  message(WARNING "No Fortran compiler: the Fortran host test is not built")
+endif()
+
+add_executable(dlopen_host ${CMAKE_CURRENT_SOURCE_DIR}/hosts/dlopen_host.c)
+target_link_libraries(dlopen_host PRIVATE ${CMAKE_DL_LIBS})
+set_target_properties(dlopen_host PROPERTIES ENABLE_EXPORTS ON)
+add_dependencies(dlopen_host krxlib)
+add_test(NAME host.dlopen COMMAND dlopen_host $<TARGET_FILE:krxlib>)
+
+add_executable(registering_host ${CMAKE_CURRENT_SOURCE_DIR}/hosts/registering_host.c)
+target_link_libraries(registering_host PRIVATE krxlib)
+add_test(NAME host.registering COMMAND registering_host)
+
+foreach(test host.dlopen host.registering)
+  set_tests_properties(${test} PROPERTIES ENVIRONMENT "TMP=${CMAKE_CURRENT_BINARY_DIR}")
+endforeach()
+
+add_test(NAME host.exports
+         COMMAND ${CMAKE_COMMAND} -DNM=${CMAKE_NM} -DLIBRARY=$<TARGET_FILE:krxlib>
+                 -P ${CMAKE_CURRENT_SOURCE_DIR}/hosts/check_exports.cmake)

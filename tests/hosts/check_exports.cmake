@@ -1,0 +1,43 @@
+# Compares the dynamic symbol table of the shared library with the entries a host may call.
+# Usage: cmake -DNM=<nm> -DLIBRARY=<libkrxlib.so> -P check_exports.cmake
+set(expected
+  KRX_CREATE
+  KRX_SET_FACE
+  KRX_SET_GENERALIZED_MASS
+  KRX_SET_GENERALIZED_STIFFNESS
+  KRX_SET_HEADER
+  KRX_SET_INTERFACE_NODE
+  KRX_SET_MODAL_STRAIN_VEC
+  KRX_SET_MODAL_STRESS_VEC
+  KRX_SET_MODE_SHAPE_VEC
+  KRX_SET_NODAL_INERTIA
+  KRX_SET_NODAL_MASS
+  KRX_SET_NODE_COORDINATES_VEC
+  KRX_TERMINATE
+  KRX_UNITS_SI_MULTIPLIERS
+  # KRX_WRITE_KRX and KRX_WRITE_VELOX_KRX belong here once the writer's entries are built.
+  krx_register_host_callbacks
+)
+
+execute_process(COMMAND ${NM} -D --defined-only ${LIBRARY} OUTPUT_VARIABLE table
+                RESULT_VARIABLE result)
+if(NOT result EQUAL 0)
+  message(FATAL_ERROR "${NM} failed on ${LIBRARY}")
+endif()
+string(REPLACE "\n" ";" lines "${table}")
+set(found)
+foreach(line ${lines})
+  if(line MATCHES "^[0-9a-fA-F]* *[A-Za-z] +([^ ]+)$")
+    list(APPEND found ${CMAKE_MATCH_1})
+  endif()
+endforeach()
+list(SORT found)
+list(SORT expected)
+if(NOT found STREQUAL expected)
+  set(extra ${found})
+  list(REMOVE_ITEM extra ${expected})
+  set(missing ${expected})
+  list(REMOVE_ITEM missing ${found})
+  message(FATAL_ERROR "Exported symbols differ.\n  not expected: ${extra}\n  missing: ${missing}")
+endif()
+message(STATUS "Exports: ${found}")

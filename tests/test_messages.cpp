@@ -1,0 +1,96 @@
+// The message channel: levels and texts as the host receives them, the quiet inquiry, the
+// allocation-failure convention and the progress line's arithmetic.
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "host/krxmsg.h"
+#include "testsupport.h"
+
+using krxtest::Message;
+using krxtest::RecordingHost;
+
+namespace {
+
+TEST(Messages, ReachTheHostWithTheirLevelAndNothingAdded) {
+  RecordingHost host;
+  krx::note("Title: %s", "beam");
+  krx::warning("I5(%d, %d) is not zero.", 1, 2);
+  krx::error("No KRXDATA object.  Call KRX_CREATE first");
+  KRX_REPORT_ALLOC("..\\krxset");
+  int line = __LINE__ - 1;
+  ASSERT_EQ(host.messages.size(), 4u);
+  EXPECT_EQ(host.messages[0], (Message{0, "Title: beam"}));
+  EXPECT_EQ(host.messages[1], (Message{2, "I5(1, 2) is not zero."}));
+  EXPECT_EQ(host.messages[2], (Message{3, "No KRXDATA object.  Call KRX_CREATE first"}));
+  EXPECT_EQ(host.messages[3], (Message{3, "Failed to allocate memory at line " +
+                                              std::to_string(line) + " in file ..\\krxset.\n"}));
+}
+
+TEST(Messages, AnOverlongTextIsCutNotOverrun) {
+  RecordingHost host;
+  std::string big(100000, 'x');
+  krx::error("%s", big.c_str());
+  ASSERT_EQ(host.messages.size(), 1u);
+  EXPECT_LT(host.messages[0].text.size(), big.size());
+  EXPECT_EQ(host.messages[0].text.find_first_not_of('x'), std::string::npos);
+}
+
+TEST(Messages, TheQuietInquiryIsAskedAfreshEachTime) {
+  RecordingHost host(1);
+  EXPECT_TRUE(krx::host_is_quiet());
+  host.quiet = 0;
+  EXPECT_FALSE(krx::host_is_quiet());
+  host.quiet = -2;
+  EXPECT_FALSE(krx::host_is_quiet());
+  EXPECT_EQ(host.inquiries, 3);
+}
+
+double fake_now = 0.0;
+double fake_clock() { return fake_now; }
+
+struct Progress : ::testing::Test {
+  void SetUp() override {
+    fake_now = 100.0;
+    krx::set_progress_clock(fake_clock);
+  }
+  void TearDown() override { krx::set_progress_clock(nullptr); }
+  std::string tick_after(double seconds) {
+    fake_now += seconds;
+    ::testing::internal::CaptureStdout();
+    krx::progress_tick();
+    return ::testing::internal::GetCapturedStdout();
+  }
+};
+
+TEST_F(Progress, FirstStepEstimatesFromItsOwnDurationAndLaterStepsAverage) {
+  krx::progress_start(4);
+  EXPECT_EQ(tick_after(1.0), "\r 25%,    3 seconds left of    4 estimated total         ");
+  // A step of 3 s: fresh estimate 3 x 2 + 4 = 10, averaged with 4 gives 7; 7 - 4 left.
+  EXPECT_EQ(tick_after(3.0), "\r 50%,    3 seconds left of    7 estimated total         ");
+}
+
+TEST_F(Progress, PercentagesAreTruncated) {
+  krx::progress_start(3);
+  tick_after(1.0);
+  EXPECT_EQ(tick_after(1.0).substr(0, 5), "\r 66%");
+}
+
+TEST_F(Progress, ThePeekGivesNoEstimateOnTheFirstStep) {
+  krx::progress_start(4);
+  int percent = -1;
+  double left = -1, total = -1;
+  fake_now += 1.0;
+  krx::progress_peek(&percent, &left, &total);
+  EXPECT_EQ(percent, 25);
+  EXPECT_EQ(left, 0.0);
+  EXPECT_EQ(total, 0.0);
+  fake_now += 1.0;
+  krx::progress_peek(&percent, &left, &total);
+  EXPECT_EQ(percent, 50);
+  EXPECT_EQ(left, 2.0);
+  EXPECT_EQ(total, 4.0);
+}
+
+}  // namespace

@@ -1,0 +1,313 @@
+// LU kernels, and the QZ stages against the reference LAPACK generalized eigensolver.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <complex>
+#include <cstddef>
+#include <random>
+#include <vector>
+
+#include "processing/krxnumerics.h"
+#include "testsupport.h"
+
+extern "C" void dggev_(const char *jobvl, const char *jobvr, const int *n, double *a,
+                       const int *lda, double *b, const int *ldb, double *alphar, double *alphai,
+                       double *beta, double *vl, const int *ldvl, double *vr, const int *ldvr,
+                       double *work, const int *lwork, int *info, std::size_t, std::size_t);
+
+namespace {
+
+using Dense = std::vector<double>;  // column-major n x n
+
+struct Pencil {
+  int n;
+  Dense a, b;
+};
+
+struct QzResult {
+  Dense ar, ai, beta, z;
+  int error = 0;
+};
+
+QzResult run_qz(const Pencil &p) {
+  int n = p.n;
+  Dense a = p.a, b = p.b;
+  QzResult r;
+  r.ar.assign(n, 0.0);
+  r.ai.assign(n, 0.0);
+  r.beta.assign(n, 0.0);
+  r.z.assign(std::size_t(n) * n, 0.0);
+  krx::qz_reduce(n, n, a.data(), b.data(), true, r.z.data());
+  krx::qz_iterate(n, n, a.data(), b.data(), 0.0, true, r.z.data(), &r.error);
+  krx::qz_values(n, n, a.data(), b.data(), r.ar.data(), r.ai.data(), r.beta.data(), true,
+                 r.z.data());
+  krx::qz_vectors(n, n, a.data(), b.data(), r.ar.data(), r.ai.data(), r.beta.data(), r.z.data());
+  return r;
+}
+
+QzResult run_lapack(const Pencil &p) {
+  int n = p.n, info = 0, one = 1, lwork = 8 * n + 64;
+  Dense a = p.a, b = p.b, work(lwork), vl(1);
+  QzResult r;
+  r.ar.assign(n, 0.0);
+  r.ai.assign(n, 0.0);
+  r.beta.assign(n, 0.0);
+  r.z.assign(std::size_t(n) * n, 0.0);
+  dggev_("N", "V", &n, a.data(), &n, b.data(), &n, r.ar.data(), r.ai.data(), r.beta.data(),
+         vl.data(), &one, r.z.data(), &n, work.data(), &lwork, &info, 1, 1);
+  r.error = info;
+  return r;
+}
+
+Dense random_orthogonal(int n, std::mt19937_64 &rng) {
+  // Gram-Schmidt of a random matrix.
+  std::normal_distribution<double> g;
+  Dense q(std::size_t(n) * n);
+  for (double &v : q) v = g(rng);
+  for (int j = 0; j < n; ++j) {
+    for (int k = 0; k < j; ++k) {
+      double d = 0;
+      for (int i = 0; i < n; ++i) d += q[i + k * n] * q[i + j * n];
+      for (int i = 0; i < n; ++i) q[i + j * n] -= d * q[i + k * n];
+    }
+    double s = 0;
+    for (int i = 0; i < n; ++i) s += q[i + j * n] * q[i + j * n];
+    s = std::sqrt(s);
+    for (int i = 0; i < n; ++i) q[i + j * n] /= s;
+  }
+  return q;
+}
+
+// Q diag(d) Q^T.
+Dense symmetric_with(const Dense &q, const std::vector<double> &d) {
+  int n = int(d.size());
+  Dense m(std::size_t(n) * n, 0.0);
+  for (int j = 0; j < n; ++j)
+    for (int i = 0; i < n; ++i) {
+      double s = 0;
+      for (int k = 0; k < n; ++k) s += q[i + k * n] * d[k] * q[j + k * n];
+      m[i + j * n] = s;
+    }
+  return m;
+}
+
+Pencil spd_pencil(int n, std::mt19937_64 &rng, double singular_fraction = 0.0) {
+  std::uniform_real_distribution<double> u(1.0, 10.0);
+  std::vector<double> dk(n), dg(n);
+  for (int i = 0; i < n; ++i) {
+    dk[i] = u(rng);
+    dg[i] = u(rng);
+  }
+  for (int i = 0; i < int(singular_fraction * n + 0.5) && i < n; ++i) dg[i] = 0.0;
+  Pencil p{n, symmetric_with(random_orthogonal(n, rng), dk),
+           symmetric_with(random_orthogonal(n, rng), dg)};
+  return p;
+}
+
+std::vector<double> finite_sorted(const QzResult &r) {
+  std::vector<double> v;
+  for (std::size_t i = 0; i < r.ar.size(); ++i)
+    if (r.beta[i] != 0.0) v.push_back(r.ar[i] / r.beta[i]);
+  std::sort(v.begin(), v.end());
+  return v;
+}
+
+// max |(beta A - alpha B) z| / (|beta| |A| + |alpha| |B|) / |z| over the real eigenvectors.
+double real_residual(const Pencil &p, const QzResult &r) {
+  int n = p.n;
+  double anorm = 0, bnorm = 0, worst = 0;
+  for (double v : p.a) anorm = std::max(anorm, std::fabs(v));
+  for (double v : p.b) bnorm = std::max(bnorm, std::fabs(v));
+  for (int j = 0; j < n; ++j) {
+    if (r.ai[j] != 0.0) continue;
+    double zmax = 0, res = 0;
+    for (int i = 0; i < n; ++i) zmax = std::max(zmax, std::fabs(r.z[i + j * n]));
+    for (int i = 0; i < n; ++i) {
+      double s = 0;
+      for (int k = 0; k < n; ++k)
+        s += (r.beta[j] * p.a[i + k * n] - r.ar[j] * p.b[i + k * n]) * r.z[k + j * n];
+      res = std::max(res, std::fabs(s));
+    }
+    double scale = (std::fabs(r.beta[j]) * anorm + std::fabs(r.ar[j]) * bnorm) * zmax * n;
+    worst = std::max(worst, res / scale);
+  }
+  return worst;
+}
+
+}  // namespace
+
+TEST(LuKernels, IdentityDecomposesAndInvertsToItself) {
+  double m[6][6] = {};
+  double *rows[6];
+  for (int i = 0; i < 6; ++i) {
+    m[i][i] = 1.0;
+    rows[i] = m[i];
+  }
+  int32_t perm[6];
+  ASSERT_EQ(krx::lu_decompose(rows, 6, perm), 1);
+  for (int i = 0; i < 6; ++i) EXPECT_EQ(perm[i], i);
+  double inv[36];
+  ASSERT_EQ(krx::invert_matrix(rows, 6, perm, inv), 1);
+  for (int i = 0; i < 6; ++i)
+    for (int j = 0; j < 6; ++j) EXPECT_EQ(inv[i * 6 + j], i == j ? 1.0 : 0.0);
+}
+
+TEST(LuKernels, ZeroLeadingColumnIsRefusedWhileAZeroLastPivotShowsInTheSolve) {
+  double m[3][3] = {{0, 1, 2}, {0, 3, 4}, {0, 5, 7}};
+  double *rows[3] = {m[0], m[1], m[2]};
+  int32_t perm[3];
+  EXPECT_EQ(krx::lu_decompose(rows, 3, perm), 0);
+
+  double s[3][3] = {{2, 1, 1}, {0, 3, 1}, {0, 0, 0}};  // singular in the last pivot only
+  double *srows[3] = {s[0], s[1], s[2]};
+  double rhs[3] = {1, 2, 3};
+  ASSERT_EQ(krx::lu_decompose(srows, 3, perm), 1);
+  EXPECT_EQ(krx::lu_solve(srows, 3, perm, rhs), 0);
+}
+
+TEST(LuKernels, PivotsSolvesAndInvertsAGeneralMatrix) {
+  std::mt19937_64 rng(7);
+  std::uniform_real_distribution<double> u(-1.0, 1.0);
+  for (int n : {1, 2, 5, 6, 9}) {
+    std::vector<double> a(n * n), lu(n * n);
+    for (double &v : a) v = u(rng);
+    lu = a;
+    std::vector<double *> rows(n);
+    for (int i = 0; i < n; ++i) rows[i] = &lu[i * n];
+    std::vector<int32_t> perm(n);
+    ASSERT_EQ(krx::lu_decompose(rows.data(), n, perm.data()), 1);
+    std::vector<double> inv(n * n);
+    ASSERT_EQ(krx::invert_matrix(rows.data(), n, perm.data(), inv.data()), 1);
+    for (int i = 0; i < n; ++i)
+      for (int j = 0; j < n; ++j) {
+        double s = 0;
+        for (int k = 0; k < n; ++k) s += a[i * n + k] * inv[k * n + j];
+        EXPECT_NEAR(s, i == j ? 1.0 : 0.0, 1e-12) << n;
+      }
+  }
+}
+
+TEST(LuKernels, TheFirstLargestRowIsThePivot) {
+  double m[3][3] = {{1, 0, 0}, {-4, 1, 0}, {4, 0, 1}};
+  double *rows[3] = {m[0], m[1], m[2]};
+  int32_t perm[3];
+  ASSERT_EQ(krx::lu_decompose(rows, 3, perm), 1);
+  EXPECT_EQ(perm[0], 1);
+  EXPECT_EQ(m[0][0], -4.0);
+}
+
+TEST(QzKernels, SymmetricDefinitePencilsAgreeWithTheReference) {
+  std::mt19937_64 rng(12345);
+  for (int n : {2, 3, 4, 7, 12, 30, 64, 120, 200}) {
+    Pencil p = spd_pencil(n, rng);
+    QzResult q = run_qz(p), l = run_lapack(p);
+    ASSERT_EQ(q.error, 0);
+    ASSERT_EQ(l.error, 0);
+    for (double v : q.ai) EXPECT_EQ(v, 0.0) << n;
+    std::vector<double> mine = finite_sorted(q), ref = finite_sorted(l);
+    ASSERT_EQ(mine.size(), std::size_t(n));
+    ASSERT_EQ(ref.size(), std::size_t(n));
+    for (int i = 0; i < n; ++i) EXPECT_NEAR(mine[i], ref[i], 1e-9 * std::fabs(ref[i])) << n;
+    EXPECT_LT(real_residual(p, q), 1e-14) << n;
+    // Each vector's largest component has modulus 1.
+    for (int j = 0; j < n; ++j) {
+      double m = 0;
+      for (int i = 0; i < n; ++i) m = std::max(m, std::fabs(q.z[i + j * n]));
+      EXPECT_NEAR(m, 1.0, 1e-15);
+    }
+  }
+}
+
+TEST(QzKernels, SingularMassGivesInfiniteEigenvaluesAsZeroBeta) {
+  std::mt19937_64 rng(99);
+  for (int n : {2, 5, 10, 40}) {
+    // A structurally singular mass: some modes carry no generalized mass at all.
+    Pencil p = spd_pencil(n, rng);
+    int zero_rows = std::max(1, n / 5);
+    for (int k = 0; k < zero_rows; ++k) {
+      int idx = (k * 3) % n;
+      for (int i = 0; i < n; ++i) p.b[i + idx * n] = p.b[idx + i * n] = 0.0;
+    }
+    QzResult q = run_qz(p), l = run_lapack(p);
+    ASSERT_EQ(q.error, 0);
+    int zero_beta = int(std::count(q.beta.begin(), q.beta.end(), 0.0));
+    EXPECT_GE(zero_beta, 1) << n;
+    std::vector<double> mine = finite_sorted(q), ref;
+    for (int i = 0; i < n; ++i)
+      if (std::fabs(l.beta[i]) > 1e-12 * std::fabs(l.ar[i])) ref.push_back(l.ar[i] / l.beta[i]);
+    std::sort(ref.begin(), ref.end());
+    ASSERT_EQ(mine.size(), ref.size()) << n;
+    for (std::size_t i = 0; i < ref.size(); ++i)
+      EXPECT_NEAR(mine[i], ref[i], 1e-8 * std::fabs(ref[i])) << n;
+    EXPECT_LT(real_residual(p, q), 1e-13) << n;
+  }
+  // A rank-deficient mass that is not structurally so.
+  for (int n : {3, 8, 25}) {
+    Pencil p = spd_pencil(n, rng, 0.2);
+    QzResult q = run_qz(p);
+    int tiny = 0;
+    for (int i = 0; i < n; ++i)
+      if (std::fabs(q.beta[i]) <= 1e-12 * std::fabs(q.ar[i])) ++tiny;
+    EXPECT_EQ(tiny, int(0.2 * n + 0.5)) << n;
+    EXPECT_LT(real_residual(p, q), 1e-13) << n;
+  }
+}
+
+TEST(QzKernels, GeneralPencilsWithComplexPairsAgreeWithTheReference) {
+  std::mt19937_64 rng(2024);
+  std::normal_distribution<double> g;
+  for (int n : {2, 3, 6, 11, 25, 60}) {
+    Pencil p{n, Dense(n * n), Dense(n * n)};
+    for (double &v : p.a) v = g(rng);
+    for (double &v : p.b) v = g(rng);
+    QzResult q = run_qz(p), l = run_lapack(p);
+    ASSERT_EQ(q.error, 0);
+    using C = std::complex<double>;
+    std::vector<C> mine, ref;
+    for (int i = 0; i < n; ++i) {
+      mine.push_back(C(q.ar[i], q.ai[i]) / q.beta[i]);
+      ref.push_back(C(l.ar[i], l.ai[i]) / l.beta[i]);
+    }
+    // Every reference eigenvalue has a close partner.
+    for (const C &r : ref) {
+      double best = 1e300;
+      for (const C &m : mine) best = std::min(best, std::abs(m - r));
+      EXPECT_LT(best, 1e-7 * std::max(1.0, std::abs(r))) << n;
+    }
+    // Complex eigenvectors: (beta A - alpha B)(zr + i zi) = 0 for the pair's first member.
+    for (int j = 0; j + 1 < n; ++j) {
+      if (q.ai[j] == 0.0) continue;
+      C alpha(q.ar[j], q.ai[j]);
+      double res = 0, scale = 0;
+      for (int i = 0; i < n; ++i) {
+        C s = 0;
+        for (int k = 0; k < n; ++k) {
+          C zk(q.z[k + j * n], q.z[k + (j + 1) * n]);
+          s += (q.beta[j] * p.a[i + k * n] - alpha * p.b[i + k * n]) * zk;
+          scale += (std::fabs(q.beta[j] * p.a[i + k * n]) + std::abs(alpha * p.b[i + k * n])) *
+                   std::abs(zk);
+        }
+        res = std::max(res, std::abs(s));
+      }
+      EXPECT_LT(res / scale, 1e-13) << n;
+      ++j;
+    }
+    EXPECT_LT(real_residual(p, q), 1e-12) << n;
+  }
+}
+
+TEST(QzKernels, OrderOneAndDiagonalPencils) {
+  Pencil one{1, {6.0}, {-2.0}};
+  QzResult q = run_qz(one);
+  EXPECT_EQ(q.ar[0] / q.beta[0], -3.0);
+  EXPECT_EQ(q.z[0], 1.0);
+
+  Pencil diag{3, {4, 0, 0, 0, 9, 0, 0, 0, 1}, {1, 0, 0, 0, 3, 0, 0, 0, 0.5}};
+  q = run_qz(diag);
+  std::vector<double> v = finite_sorted(q);
+  ASSERT_EQ(v.size(), 3u);
+  EXPECT_DOUBLE_EQ(v[0], 2.0);
+  EXPECT_DOUBLE_EQ(v[1], 3.0);
+  EXPECT_DOUBLE_EQ(v[2], 4.0);
+}

@@ -1,0 +1,323 @@
+// The setters: what they store, which flags they raise, and the exact warnings of their checks.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstring>
+#include <regex>
+#include <string>
+#include <vector>
+
+#include "host/krx_fortran.h"
+#include "model/krxdata.h"
+#include "model/krxset.h"
+#include "testsupport.h"
+
+using krxtest::Message;
+using krxtest::RecordingHost;
+
+namespace {
+
+struct Setters : ::testing::Test {
+  void SetUp() override { krxtest::create_model(100, 10); }
+  void TearDown() override { krxtest::terminate_model(); }
+  krx::KRXDATA *model() { return krx::current_model(); }
+};
+
+TEST_F(Setters, HeaderWarnsOfLongTextsAndBlanksNewlinesInTheCallersText) {
+  RecordingHost host;
+  std::string title(130, 'a');
+  title[3] = '\n';
+  char name[] = "model.fem";
+  std::string type(20, 'b');
+  std::string comment(81, 'c');
+  char empty1[] = "", empty2[] = "line one\nline two";
+  ASSERT_EQ(krx::set_header(model(), title.data(), name, type.data(), comment.data(), empty1,
+                            empty2),
+            1);
+  EXPECT_EQ(title[3], ' ');
+  EXPECT_EQ(std::string(model()->title.data()), title.substr(0, 127));
+  EXPECT_EQ(std::string(model()->input_type.data()), std::string(15, 'b'));
+  EXPECT_EQ(std::string(model()->comments[2].data()), "line one line two");
+  EXPECT_EQ(host.texts(2), (std::vector<std::string>{
+                               "Title too big: max size 127, specified size 130.\nTruncating title.",
+                               "Input file type sp" "ec too big: max size 15, specified size 20.\n"
+                               "Truncating input file type.",
+                               "Comment 1 too big: max size 79, specified size 81.\n"
+                               "Truncating Comment 1."}));
+  EXPECT_TRUE(host.has(0, "Name : model.fem"));
+  EXPECT_TRUE(host.has(0, "Comment 3: line one line two"));
+  // The calendar text: 24 characters and the newline turned into a blank.
+  std::string date = model()->date.data();
+  EXPECT_TRUE(std::regex_match(date, std::regex("[A-Z][a-z]{2} [A-Z][a-z]{2} [ 0-9]\\d "
+                                                "\\d\\d:\\d\\d:\\d\\d \\d{4} ")))
+      << date;
+}
+
+TEST_F(Setters, NodesMassesAndInertiasLandInTheirRecordsWithTheirFlags) {
+  ASSERT_EQ(krx::set_node_coordinates(model(), 7, 1.0, 2.0, 3.0), 1);
+  ASSERT_EQ(krx::set_nodal_mass(model(), 7, 2.0), 1);
+  ASSERT_EQ(krx::add_nodal_mass(model(), 7, 0.5), 1);
+  ASSERT_EQ(krx::add_nodal_mass(model(), 9, 1.5), 1);
+  EXPECT_EQ(model()->flags[krx::kFlagNodalCoords], 1);
+  EXPECT_EQ(model()->flags[krx::kFlagNodalMasses], 1);
+  EXPECT_EQ(model()->flags[krx::kFlagNodalInertias], 0);
+  EXPECT_EQ(model()->nodes[0].mass, 2.5);
+  EXPECT_EQ(model()->nodes[1].id, 9);
+  EXPECT_EQ(model()->nodes[1].mass, 1.5);
+  EXPECT_FALSE(model()->nodes[0].inertia);
+
+  const double inertia[6] = {1, 2, 3, 4, 5, 6};
+  ASSERT_EQ(krx::set_nodal_inertia(model(), 7, inertia), 1);
+  // A product of inertia named from below the diagonal is the same term.
+  ASSERT_EQ(krx::set_nodal_inertia_term(model(), 7, 3, 2, 60.0), 1);
+  ASSERT_EQ(krx::set_nodal_inertia_term(model(), 7, 1, 3, 50.0), 1);
+  ASSERT_EQ(krx::set_nodal_inertia_term(model(), 9, 2, 2, 20.0), 1);
+  EXPECT_EQ(*model()->nodes[0].inertia, (std::array<double, 6>{1, 2, 3, 4, 50, 60}));
+  EXPECT_EQ(*model()->nodes[1].inertia, (std::array<double, 6>{0, 20, 0, 0, 0, 0}));
+  EXPECT_EQ(model()->flags[krx::kFlagNodalInertias], 1);
+
+  RecordingHost host;
+  EXPECT_EQ(krx::set_nodal_inertia_term(model(), 7, 0, 4, 1.0), 0);
+  EXPECT_EQ(host.texts(3).size(), 1u);
+  EXPECT_EQ(krx::set_node_coordinates(nullptr, 1, 0, 0, 0), 0);
+  EXPECT_TRUE(host.has(3, "The database has not been initialized."));
+}
+
+TEST_F(Setters, GlobalMassAgreesWithNodalMassesWithinTheTolerance) {
+  krx::set_nodal_mass(model(), 1, 10.0000001);
+  const double centre[3] = {0, 0, 0};
+  const double inertia[9] = {};
+  RecordingHost host;
+  ASSERT_EQ(krx::set_global_mass(model(), 10.0, centre, inertia), 1);
+  EXPECT_TRUE(host.messages.empty());
+
+  krx::set_nodal_mass(model(), 1, 10.001);
+  ASSERT_EQ(krx::set_global_mass(model(), 10.0, centre, inertia), 1);
+  EXPECT_EQ(host.messages,
+            std::vector<Message>(
+                {{2, "Global mass is inconsistent with INVAR1 setting or sum of nodal masses."}}));
+  EXPECT_EQ(model()->total_mass, 10.0);
+  EXPECT_EQ(model()->flags[krx::kFlagGlobalBodyProps], 1);
+  EXPECT_EQ(krx::set_global_mass(model(), 10.0, nullptr, inertia), 0);
+}
+
+TEST_F(Setters, GlobalCentreAndInertiaAreCheckedAgainstTheNodalData) {
+  // Two unit masses at (1, 1, 0) and (3, 1, 0): centre (2, 1, 0); tensor sum of m (|x|^2 I - x x^T)
+  // with (1, 2) = -(1 + 3) = -4, which the host gives as the product of inertia +4.
+  krx::set_node_coordinates(model(), 1, 1.0, 1.0, 0.0);
+  krx::set_node_coordinates(model(), 2, 3.0, 1.0, 0.0);
+  krx::set_nodal_mass(model(), 1, 1.0);
+  krx::set_nodal_mass(model(), 2, 1.0);
+  const double centre[3] = {2.0, 1.0, 0.0};
+  const double inertia[9] = {2, 4, 0, 4, 10, 0, 0, 0, 12};
+  RecordingHost host;
+  ASSERT_EQ(krx::set_global_mass(model(), 2.0, centre, inertia), 1);
+  EXPECT_TRUE(host.messages.empty());
+
+  const double off_centre[3] = {2.0, 1.5, 9.0};
+  const double wrong_sign[9] = {2, -4, 0, -4, 10, 0, 0, 0, 12};
+  krx::set_global_mass(model(), 2.0, off_centre, wrong_sign);
+  EXPECT_EQ(host.texts(2),
+            (std::vector<std::string>{
+                "Global center of mass is inconsistent with INVAR2 setting or nodal data.",
+                "Global mass inertia is inconsistent with INVAR7 setting or nodal data."}));
+}
+
+TEST_F(Setters, GlobalMassChecksPreferInvariantsTheHostHasSet) {
+  krx::set_nodal_mass(model(), 1, 3.0);
+  krx::set_invariant1(model(), 10.0);
+  const double moment[3] = {20.0, 0.0, 0.0};
+  krx::set_invariant2(model(), moment);
+  const double centre[3] = {2.0, 0.0, 0.0};
+  const double inertia[9] = {};
+  RecordingHost host;
+  krx::set_global_mass(model(), 10.0, centre, inertia);
+  EXPECT_TRUE(host.messages.empty());
+
+  // Without any mass the centre is the first moment itself.
+  krxtest::terminate_model();
+  krxtest::create_model(10, 2);
+  host.clear();
+  krx::set_global_mass(model(), 0.0, centre, inertia);
+  EXPECT_EQ(host.messages, std::vector<Message>({{0, "Global mass is being set to zero."},
+                                                 {2, "Global center of mass is inconsistent with "
+                                                     "INVAR2 setting or nodal data."}}));
+}
+
+TEST_F(Setters, GeneralizedMassSwitchesAndEntriesAreAppendedNeverMerged) {
+  ASSERT_EQ(krx::set_generalized_mass(model(), 1, 1, 1.0), 1);
+  ASSERT_EQ(krx::set_generalized_mass(model(), 2, 2, 1.0), 1);
+  EXPECT_EQ(model()->gm_off_diagonal, 0);
+  EXPECT_EQ(model()->gm_not_unit, 0);
+  ASSERT_EQ(krx::set_generalized_mass(model(), 1, 2, 0.0), 1);
+  EXPECT_EQ(model()->gm_off_diagonal, 1);
+  EXPECT_EQ(model()->gm_not_unit, 0);
+  ASSERT_EQ(krx::set_generalized_mass(model(), 2, 2, 2.0), 1);
+  EXPECT_EQ(model()->gm_not_unit, 1);
+  EXPECT_EQ(model()->mass.size(), 4u);
+  EXPECT_EQ(model()->mass[3].row, 1);
+  EXPECT_EQ(model()->mass[3].value, 2.0);
+  EXPECT_EQ(model()->flags[krx::kFlagGeneralizedMass], 1);
+
+  for (int k = 0; k < 150; ++k) krx::set_generalized_stiffness(model(), 5, 5, double(k));
+  EXPECT_EQ(model()->stiffness.size(), 150u);
+  EXPECT_EQ(model()->stiffness[149].row, 2);
+  EXPECT_EQ(model()->flags[krx::kFlagGeneralizedStiffness], 1);
+  EXPECT_EQ(model()->gm_not_unit, 1);
+  krx::set_generalized_damping(model(), 1, 5, 0.25);
+  EXPECT_EQ(model()->flags[krx::kFlagGeneralizedDamping], 1);
+  EXPECT_EQ(model()->damping[0].column, 2);
+}
+
+TEST_F(Setters, ModesBeyondTheCapacityFailTheMatrixSetters) {
+  krxtest::terminate_model();
+  krxtest::create_model(10, 1);
+  RecordingHost host;
+  EXPECT_EQ(krx::set_generalized_mass(model(), 1, 2, 1.0), 0);
+  EXPECT_TRUE(model()->mass.empty());
+  EXPECT_EQ(host.texts(3).size(), 1u);
+}
+
+TEST_F(Setters, ModalLoadsGrowTheLoadCasesWithTheirDefaultLabels) {
+  krx::register_mode(model(), 8);
+  ASSERT_EQ(krx::set_modal_load(model(), 4, 9, 1.5), 1);
+  ASSERT_EQ(model()->load_cases.size(), 5u);
+  for (int k = 0; k < 5; ++k) {
+    EXPECT_EQ(model()->load_cases[k].label, "Load Case " + std::to_string(k + 1));
+    EXPECT_EQ(model()->load_cases[k].applied, 0);
+  }
+  EXPECT_EQ(model()->load_cases[0].values, (std::vector<double>{0.0, 0.0}));
+  EXPECT_EQ(model()->load_cases[4].values, (std::vector<double>{0.0, 1.5}));
+  EXPECT_EQ(model()->flags[krx::kFlagModalLoads], 1);
+
+  RecordingHost host;
+  ASSERT_EQ(krx::set_modal_load_label(model(), 6, ""), 1);
+  EXPECT_EQ(model()->load_cases[6].label, "7");
+  EXPECT_EQ(model()->load_cases[5].label, "Load Case 6");
+  std::string long_label(300, 'L');
+  ASSERT_EQ(krx::set_modal_load_label(model(), 0, long_label.c_str()), 1);
+  EXPECT_EQ(model()->load_cases[0].label, std::string(255, 'L'));
+  EXPECT_EQ(host.messages, std::vector<Message>({{2, "Modal load label too big: max size 255, "
+                                                     "specified size 300.  Truncating label."}}));
+  EXPECT_EQ(krx::set_modal_load_label(model(), -2, "x"), 0);
+  EXPECT_TRUE(host.has(3, "The load case index -2 is illegal.\n"
+                          "The load case index must be non-negative."));
+}
+
+TEST_F(Setters, PreloadAndInterfaceNodes) {
+  krx::register_mode(model(), 1);
+  ASSERT_EQ(krx::set_modal_preload(model(), 4, 2.5), 1);
+  EXPECT_EQ(model()->preload, (std::vector<double>{0.0, 2.5}));
+  EXPECT_EQ(model()->flags[krx::kFlagPreload], 1);
+
+  krx::set_node_coordinates(model(), 30, 0, 0, 0);
+  ASSERT_EQ(krx::set_interface_node(model(), 40), 1);
+  ASSERT_EQ(krx::set_interface_node(model(), 30), 1);
+  ASSERT_EQ(krx::set_interface_node(model(), 40), 1);
+  EXPECT_EQ(model()->interface_nodes, (std::vector<int32_t>{1, 0}));
+  EXPECT_EQ(model()->flags[krx::kFlagInterfaceNodes], 1);
+}
+
+TEST_F(Setters, InvariantSettersCheckTheirValues) {
+  RecordingHost host;
+  EXPECT_EQ(krx::set_invariant1(model(), 0.0), 0);
+  EXPECT_EQ(krx::set_invariant1(model(), std::nan("")), 0);
+  EXPECT_EQ(host.texts(3), (std::vector<std::string>(2, "Inertia Invariant 1 must be greater "
+                                                         "than zero")));
+  EXPECT_FALSE(model()->has_invariant1);
+  EXPECT_EQ(model()->flags[krx::kFlagInvariant1], 0);
+
+  // A model without modes takes any invariant 6.
+  const double almost[2] = {1.0, 0.9999999999};
+  EXPECT_EQ(krx::set_invariant6(model(), almost), 1);
+  krx::register_mode(model(), 3);
+  krx::register_mode(model(), 4);
+  host.clear();
+  EXPECT_EQ(krx::set_invariant6(model(), almost), 0);
+  EXPECT_EQ(host.messages,
+            std::vector<Message>({{3, "Inertia Invariant 6 must be an identity matrix."}}));
+  EXPECT_TRUE(model()->mass.empty());
+  const double identity[2] = {1.0, 1.0};
+  EXPECT_EQ(krx::set_invariant6(model(), identity), 1);
+  ASSERT_EQ(model()->mass.size(), 2u);
+  EXPECT_EQ(model()->mass[1].row, 1);
+  EXPECT_EQ(model()->mass[1].column, 1);
+}
+
+TEST_F(Setters, InvariantSettersNeedKnownModes) {
+  RecordingHost host;
+  const double v[9] = {};
+  krx::register_mode(model(), 5);
+  EXPECT_EQ(krx::set_invariant3(model(), 6, v), 0);
+  EXPECT_EQ(krx::set_invariant5(model(), 5, 7, v), 0);
+  EXPECT_EQ(krx::set_invariant9(model(), 8, 5, v), 0);
+  std::vector<std::string> errors = host.texts(3);
+  ASSERT_EQ(errors.size(), 3u);
+  std::regex pattern(
+      "Mode number (\\d+) does not exist\\.  Requested at line \\d+ in file \\.\\.\\\\krxset\\.\n");
+  std::smatch match;
+  const char *numbers[] = {"6", "7", "8"};
+  for (int k = 0; k < 3; ++k) {
+    ASSERT_TRUE(std::regex_match(errors[k], match, pattern)) << errors[k];
+    EXPECT_EQ(match[1], numbers[k]);
+  }
+  EXPECT_TRUE(model()->invariant3.empty());
+  EXPECT_EQ(model()->flags[krx::kFlagInvariant1 + 2], 0);
+}
+
+TEST_F(Setters, PerModeInvariantsKeepTheirLayoutWhenModesArrive) {
+  krx::register_mode(model(), 10);
+  krx::register_mode(model(), 20);
+  const double a[3] = {1, 2, 3}, b[3] = {4, 5, 6};
+  krx::set_invariant3(model(), 20, a);
+  EXPECT_EQ(model()->invariant3, (std::vector<double>{0, 1, 0, 2, 0, 3}));
+  krx::register_mode(model(), 30);
+  krx::set_invariant3(model(), 30, b);
+  EXPECT_EQ(model()->invariant3, (std::vector<double>{0, 1, 4, 0, 2, 5, 0, 3, 6}));
+  EXPECT_EQ(model()->flags[krx::kFlagInvariant1 + 2], 1);
+
+  // Invariant 5 is antisymmetric: array j holds (c, k) at c x M + k.
+  RecordingHost host;
+  krx::set_invariant5(model(), 10, 30, a);
+  EXPECT_EQ(model()->invariant5[0 * 9 + 0 * 3 + 2], 1.0);
+  EXPECT_EQ(model()->invariant5[0 * 9 + 2 * 3 + 2], 3.0);
+  EXPECT_EQ(model()->invariant5[2 * 9 + 1 * 3 + 0], -2.0);
+  EXPECT_TRUE(host.messages.empty());
+  const double small[3] = {1e-9, 0, 0};
+  krx::set_invariant5(model(), 20, 20, small);
+  EXPECT_TRUE(host.messages.empty());
+  krx::set_invariant5(model(), 20, 20, b);
+  EXPECT_EQ(host.messages,
+            std::vector<Message>({{2, "I5(20, 20) is not zero.\n   (4.00000000e+00, "
+                                      "5.00000000e+00, 6.00000000e+00)"}}));
+}
+
+TEST_F(Setters, Invariant9KeepsTheTransposeAndWarnsOfUnsymmetricDiagonalBlocks) {
+  krx::register_mode(model(), 1);
+  krx::register_mode(model(), 2);
+  const double m[9] = {1, 2, 3, 4, 5, 6, 7, 8, 9};
+  RecordingHost host;
+  ASSERT_EQ(krx::set_invariant9(model(), 1, 2, m), 1);
+  EXPECT_TRUE(host.messages.empty());
+  const auto &inv9 = model()->invariant9;
+  EXPECT_EQ(std::vector<double>(inv9.begin() + 9, inv9.begin() + 18),
+            std::vector<double>(m, m + 9));
+  EXPECT_EQ(std::vector<double>(inv9.begin() + 18, inv9.begin() + 27),
+            (std::vector<double>{1, 4, 7, 2, 5, 8, 3, 6, 9}));
+  krx::set_invariant9(model(), 2, 2, m);
+  EXPECT_EQ(host.messages,
+            std::vector<Message>({{2, "I9(2, 2) is not symmetric.\n"
+                                      "   1.00000000e+00 2.00000000e+00 3.00000000e+00\n"
+                                      "   4.00000000e+00 5.00000000e+00 6.00000000e+00\n"
+                                      "   7.00000000e+00 8.00000000e+00 9.00000000e+00\n"}}));
+  EXPECT_EQ(model()->flags[krx::kFlagInvariant9], 1);
+}
+
+TEST(RelativeDifference, ScalesByTheGivenValueOnlyAboveOne) {
+  EXPECT_DOUBLE_EQ(krx::relative_difference(100.0, 99.0), 0.01);
+  EXPECT_DOUBLE_EQ(krx::relative_difference(-100.0, -99.0), 0.01);
+  EXPECT_DOUBLE_EQ(krx::relative_difference(0.5, 0.25), 0.25);
+  EXPECT_DOUBLE_EQ(krx::relative_difference(0.0, 1e-9), 1e-9);
+}
+
+}  // namespace
