@@ -1,14 +1,23 @@
 #!/usr/bin/env bash
-# Builds the library and tools, then runs the example host and lists its file with krxdump.
+# The main job on a fresh machine: installs what is missing, builds the shared library, the example
+# host and krxdump, lets the example host write the closed-form chain model through the exported
+# entries, and lists the file with krxdump (contents and the eigenvalue block; the full listing is
+# `build/krxdump out/sample.krx`).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bash scripts/install-deps.sh
-cmake -S . -B build -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
-cmake --build build -j "$(nproc)"
-if [ -x build/examples/example_host ]; then
-  mkdir -p out
-  (cd out && ../build/examples/example_host sample.krx)
-  build/krxdump out/sample.krx || true
-else
-  echo "The example host is not built yet."
-fi
+cmake -S . -B build -G Ninja >/dev/null
+cmake --build build --target krxlib example_host krxdump
+mkdir -p out
+echo
+echo "== The example host writes out/sample.krx"
+(cd out && TMP="$PWD" ../build/examples/example_host sample.krx)
+echo
+echo "== krxdump out/sample.krx -l"
+build/krxdump out/sample.krx -l
+echo
+echo "== krxdump out/sample.krx -b 3"
+build/krxdump out/sample.krx -b 3
+echo
+echo "== krxdump out/sample.krx -b 7"
+build/krxdump out/sample.krx -b 7

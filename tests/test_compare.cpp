@@ -19,6 +19,7 @@
 #include "model/krxdata.h"
 #include "model/krxtools.h"
 #include "processing/krxunits.h"
+#include "krx/krx.h"
 #include "testsupport.h"
 
 namespace {
@@ -520,6 +521,154 @@ TEST_F(CompareFiles, ANodeMissingFromTheBaseEndsTheRunWithMinusOne) {
   run = run_tool("-v -1 " + xdr + " " + renamed);
   EXPECT_EQ(run.status, 255);
   EXPECT_EQ(run.out, "");
+}
+
+}  // namespace
+
+namespace {
+
+// Files written through the exported entries, the way a host writes them: 12 nodes, 4 modes with
+// unit generalized mass, modes 1 and 2 sharing the eigenvalue 400.
+struct HostModel {
+  std::vector<double> eigenvalues{400.0, 400.0, 900.0, 1600.0};
+  std::function<double(int, int, int)> shape = shape_value;
+  std::function<double(int, int, int)> stress = stress_value;
+  std::vector<int> ids;
+  std::vector<std::array<double, 3>> xyz;
+  HostModel() {
+    const Recipe recipe;
+    ids = recipe.ids;
+    xyz = recipe.xyz;
+  }
+};
+
+constexpr int kHostModes = 4;
+
+void write_host_model(const HostModel &h, const std::string &path) {
+  int nodes = (int)h.ids.size(), modes = kHostModes, status = 1;
+  KRX_CREATE(&nodes, &modes, &status);
+  ASSERT_EQ(status, 0);
+  KRX_SET_HEADER("bracket", "bracket.inp", "velox", "one", "two", "three", &status, 7, 11, 5, 3, 3, 5);
+  for (std::size_t n = 0; n < h.ids.size(); ++n) {
+    int id = h.ids[n];
+    double xyz[3] = {h.xyz[n][0], h.xyz[n][1], h.xyz[n][2]}, mass = 0.25 + 0.01 * n;
+    KRX_SET_NODE_COORDINATES_VEC(&id, xyz, &status);
+    KRX_SET_NODAL_MASS(&id, &mass, &status);
+  }
+  for (int m = 0; m < kHostModes; ++m) {
+    int number = m + 1;
+    double one = 1.0, lambda = h.eigenvalues[m];
+    KRX_SET_GENERALIZED_MASS(&number, &number, &one, &status);
+    KRX_SET_GENERALIZED_STIFFNESS(&number, &number, &lambda, &status);
+    for (std::size_t n = 0; n < h.ids.size(); ++n) {
+      int id = h.ids[n];
+      double v[6];
+      for (int d = 0; d < 6; ++d) v[d] = h.shape(m, (int)n, d);
+      KRX_SET_MODE_SHAPE_VEC(&number, &id, v, &status);
+      if ((int)n >= kStressNodes) continue;
+      for (int d = 0; d < 6; ++d) v[d] = h.stress(m, (int)n, d);
+      KRX_SET_MODAL_STRESS_VEC(&number, &id, v, &status);
+    }
+  }
+  KRX_WRITE_KRX(path.c_str(), &status, (int)path.size());
+  EXPECT_EQ(status, 0);
+  KRX_TERMINATE(&status);
+}
+
+std::function<double(int, int, int)> turned_pair(std::function<double(int, int, int)> f) {
+  return [f](int m, int n, int d) {
+    const double c = std::cos(0.6), s = std::sin(0.6);
+    if (m == 0) return c * f(0, n, d) + s * f(1, n, d);
+    if (m == 1) return -s * f(0, n, d) + c * f(1, n, d);
+    return f(m, n, d);
+  };
+}
+
+struct CompareWrittenFiles : ::testing::Test {
+  krxtest::TempDir dir;
+  std::string base;
+  void SetUp() override {
+    krxtest::RecordingHost host;
+    base = dir.file("base.krx");
+    write_host_model(HostModel(), base);
+  }
+  std::string write(const HostModel &h, const std::string &name) {
+    krxtest::RecordingHost host;
+    write_host_model(h, dir.file(name));
+    return dir.file(name);
+  }
+};
+
+TEST_F(CompareWrittenFiles, AFileAgainstItselfIsEquivalentAtEveryVerbosity) {
+  const ToolRun full = run_tool("-v 2 " + base + " " + base);
+  EXPECT_EQ(full.status, 0) << full.out;
+  EXPECT_TRUE(full.out.starts_with("->Building node map for nodes.\n->Building node map for shape modes. \n"))
+      << full.out;
+  EXPECT_TRUE(contains(full.out, "  Pass Version\n"));
+  EXPECT_TRUE(contains(full.out, "  Pass EigenVector translational: #4\n"));
+  EXPECT_FALSE(contains(full.out, "->Fail"));
+  EXPECT_TRUE(full.out.ends_with(" Files are equivalent\n\n"));
+  for (const char *level : {"-v 1", "-v 0", "-v -1", "-q"}) {
+    const ToolRun run = run_tool(std::string(level) + " " + base + " " + base);
+    EXPECT_EQ(run.status, 0) << level;
+    EXPECT_FALSE(contains(run.out, "->Fail")) << level;
+  }
+  EXPECT_EQ(run_tool("-v -1 " + base + " " + base).out, "");
+  EXPECT_EQ(run_tool("-v 0 " + base + " " + base).out, "");
+}
+
+TEST_F(CompareWrittenFiles, FlippedSignsAndARotatedEigenspacePass) {
+  HostModel flips;
+  flips.shape = [](int m, int n, int d) { return (m == 0 || m == 2 ? -1.0 : 1.0) * shape_value(m, n, d); };
+  flips.stress = [](int m, int n, int d) { return (m == 0 || m == 2 ? -1.0 : 1.0) * stress_value(m, n, d); };
+  const ToolRun a = run_tool("-v 0 " + base + " " + write(flips, "flips.krx"));
+  EXPECT_EQ(a.status, 0) << a.out;
+  EXPECT_EQ(a.out, "");
+
+  HostModel turned;
+  turned.shape = turned_pair(shape_value);
+  turned.stress = turned_pair(stress_value);
+  const ToolRun b = run_tool("-v 0 " + base + " " + write(turned, "turned.krx"));
+  EXPECT_EQ(b.status, 0) << b.out;
+}
+
+TEST_F(CompareWrittenFiles, PerturbationsBeyondTheToleranceFailWithTheirVerdict) {
+  HostModel moved;
+  moved.xyz[4][0] += 5.5e-4;  // the largest coordinate is 5.5
+  const std::string moved_file = write(moved, "moved.krx");
+  const ToolRun far = run_tool("-v 0 -t 1e-5 " + base + " " + moved_file);
+  EXPECT_EQ(far.status, 1);
+  EXPECT_TRUE(contains(far.out, "->Fail NodeCoordinates\n  Delta: 1.000000e-04\n")) << far.out;
+  EXPECT_EQ(run_tool("-v 0 --tolerance=1e-3 " + base + " " + moved_file).status, 0);
+
+  HostModel stiffer;
+  stiffer.eigenvalues[2] *= 1.0 + 1e-3;
+  const std::string stiffer_file = write(stiffer, "stiffer.krx");
+  const ToolRun e = run_tool("-v 0 " + base + " " + stiffer_file);
+  EXPECT_EQ(e.status, 1);
+  EXPECT_TRUE(contains(e.out, "->Fail EigenValue: #3\n  Delta: ")) << e.out;
+  EXPECT_EQ(run_tool("-v 0 -t 1e-2 " + base + " " + stiffer_file).status, 0);
+
+  HostModel stressed;
+  stressed.stress = [](int m, int n, int d) { return stress_value(m, n, d) * (m == 3 && n == 1 ? 1.01 : 1.0); };
+  const std::string stressed_file = write(stressed, "stressed.krx");
+  const ToolRun s = run_tool("-v 0 " + base + " " + stressed_file);
+  EXPECT_EQ(s.status, 1);
+  EXPECT_TRUE(contains(s.out, "->Fail Stress Mode: #4\n  Delta: ")) << s.out;
+  EXPECT_EQ(run_tool("-v 0 -t 0.1 " + base + " " + stressed_file).status, 0);
+}
+
+TEST_F(CompareWrittenFiles, ANodeMissingFromTheBaseEndsTheRunWithMinusOne) {
+  HostModel extra;
+  extra.ids.push_back(999);
+  extra.xyz.push_back({0.0, 0.0, 0.0});
+  const std::string extra_file = write(extra, "extra.krx");
+  const ToolRun run = run_tool(base + " " + extra_file);
+  EXPECT_EQ(run.status, 255);
+  EXPECT_EQ(run.out, "->Fail Node 999 does not exist in base file (Exit)\n\n");
+  // The other way round the extra node is only a count warning.
+  const ToolRun swapped = run_tool("-v 1 " + extra_file + " " + base);
+  EXPECT_TRUE(contains(swapped.out, "->Warning NodeCount base: 13  new: 12\n")) << swapped.out;
 }
 
 }  // namespace

@@ -8,9 +8,10 @@
 #include <string>
 #include <vector>
 
+#include "format/krxstream.h"  // kDefaultVersion: generation 60, XDR, double precision
+
 namespace krx {
 
-constexpr int32_t kDefaultVersion = 316;  // generation 60, XDR, double precision
 constexpr double kDefaultHighpass = -1.0;
 constexpr double kDefaultLowpass = 1.0e8;
 // Longest argument of sketch(, coarsen(, lowpass( and highpass( that is accepted; a longer one is

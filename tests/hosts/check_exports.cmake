@@ -15,7 +15,8 @@ set(expected
   KRX_SET_NODE_COORDINATES_VEC
   KRX_TERMINATE
   KRX_UNITS_SI_MULTIPLIERS
-  # KRX_WRITE_KRX and KRX_WRITE_VELOX_KRX belong here once the writer's entries are built.
+  KRX_WRITE_KRX
+  KRX_WRITE_VELOX_KRX
   krx_register_host_callbacks
 )
 

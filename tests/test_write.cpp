@@ -1,0 +1,245 @@
+// The writer through its entries: failure paths (nothing left behind), the content summary, the
+// closed-form eigenvalues of the example host's chain, the shortened node set.
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cmath>
+#include <cstdlib>
+#include <string>
+
+#include "../examples/chain_model.h"
+#include "format/krxread.h"
+#include "format/krxwrite.h"
+#include "host/krx_fortran.h"
+#include "model/krxset.h"
+#include "model/krxtools.h"
+#include "testsupport.h"
+
+namespace {
+
+bool exists(const std::string &path) {
+  struct stat st;
+  return ::stat(path.c_str(), &st) == 0;
+}
+
+struct OptionsGuard {
+  explicit OptionsGuard(const char *text) {
+    if (text) setenv("QOR_KRXWRITE_OPTIONS", text, 1);
+    else unsetenv("QOR_KRXWRITE_OPTIONS");
+  }
+  ~OptionsGuard() { unsetenv("QOR_KRXWRITE_OPTIONS"); }
+};
+
+// A small model: four nodes with masses, two faces, one interface node, no modes.
+void small_model() {
+  krxtest::create_model(4, 2);
+  krx::KRXDATA *model = krx::current_model();
+  for (int n = 0; n < 4; ++n) {
+    krx::set_node_coordinates(model, n + 1, n, n % 2, 0.0);
+    krx::set_nodal_mass(model, n + 1, 1.0);
+  }
+  int count = 3, a[3] = {1, 2, 3}, b[3] = {2, 3, 4}, status = 0;
+  KRX_SET_FACE(&count, a, &status);
+  KRX_SET_FACE(&count, b, &status);
+  int interface_node = 1;
+  KRX_SET_INTERFACE_NODE(&interface_node, &status);
+}
+
+int write(const std::string &path) {
+  int status = -1;
+  KRX_WRITE_KRX(path.c_str(), &status, int(path.size()));
+  return status;
+}
+
+TEST(WriteFailures, RefusesTheModelsOwnFileBeforeOpeningAnything) {
+  krxtest::RecordingHost host;
+  krxtest::TempDir dir;
+  small_model();
+  std::string path = dir.file("own.krx");
+  ASSERT_EQ(write(path), 0);
+  struct stat before;
+  ASSERT_EQ(::stat(path.c_str(), &before), 0);
+  // The file read back becomes the current model and is written onto itself.
+  krx::KRXDATA *read = krx::find_or_read_model(path.c_str());
+  ASSERT_NE(read, nullptr);
+  krx::current_model() = read;
+  EXPECT_EQ(write(path), 1);
+  EXPECT_TRUE(host.has(krx::kError, "The output KRX name must be different than the current KRX "
+                                    "name.\n  Current KRX name:  " + path +
+                                        "\n  Output KRX name:  " + path));
+  struct stat after;
+  ASSERT_EQ(::stat(path.c_str(), &after), 0);
+  EXPECT_EQ(after.st_size, before.st_size);
+  // Written elsewhere, the read model makes the same file again.
+  EXPECT_EQ(write(dir.file("copy.krx")), 0);
+  struct stat copy;
+  ASSERT_EQ(::stat(dir.file("copy.krx").c_str(), &copy), 0);
+  EXPECT_EQ(copy.st_size, before.st_size);
+  krxtest::terminate_model();
+}
+
+TEST(WriteFailures, ReportsAnUnopenablePath) {
+  krxtest::RecordingHost host;
+  krxtest::TempDir dir;
+  small_model();
+  std::string path = dir.file("missing/dir/out.krx");
+  EXPECT_EQ(write(path), 1);
+  EXPECT_TRUE(host.has(krx::kError, "Unable to open " + path +
+                                        " for write. Please check write permissions."));
+  krxtest::terminate_model();
+}
+
+TEST(WriteFailures, AnOptionConflictWritesNoBlockAndRemovesTheFile) {
+  krxtest::RecordingHost host;
+  krxtest::TempDir dir;
+  OptionsGuard options("full_str sparse_str");
+  small_model();
+  std::string path = dir.file("conflict.krx");
+  EXPECT_EQ(write(path), 1);
+  EXPECT_TRUE(host.has(krx::kError, "Problem writing version number."));
+  EXPECT_FALSE(exists(path));
+  krxtest::terminate_model();
+}
+
+// A full disk: the file size limit is set to half the file's length in a child process that
+// ignores SIGXFSZ, so the write fails part way and must remove its file.
+TEST(WriteFailures, AWriteThatFailsMidFileRemovesTheFile) {
+  krxtest::TempDir dir;
+  std::string path = dir.file("full.krx");
+  pid_t child = fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) {
+    krxtest::RecordingHost host;
+    small_model();
+    if (write(dir.file("whole.krx")) != 0) _exit(2);
+    struct stat st;
+    if (::stat(dir.file("whole.krx").c_str(), &st) != 0) _exit(3);
+    signal(SIGXFSZ, SIG_IGN);
+    rlim_t half = rlim_t(st.st_size / 2);
+    struct rlimit limit = {half, half};
+    setrlimit(RLIMIT_FSIZE, &limit);
+    int status = write(path);
+    bool failed = status == 1 && !exists(path);
+    _exit(failed ? 0 : 1);
+  }
+  int wstatus = 0;
+  waitpid(child, &wstatus, 0);
+  ASSERT_TRUE(WIFEXITED(wstatus));
+  EXPECT_EQ(WEXITSTATUS(wstatus), 0);
+  EXPECT_FALSE(exists(path));
+}
+
+TEST(WriteEntries, VeloxKeepsTheBlanksOfThePath) {
+  krxtest::RecordingHost host;
+  krxtest::TempDir dir;
+  small_model();
+  std::string path = dir.file("blank.krx  ");
+  int status = -1, normal = 0, extra = 0;
+  KRX_WRITE_VELOX_KRX(path.c_str(), &normal, &extra, &status, int(path.size()));
+  EXPECT_EQ(status, 0);
+  EXPECT_TRUE(exists(path));
+  EXPECT_EQ(write(path), 0);  // KRX_WRITE_KRX trims the blanks
+  EXPECT_TRUE(exists(dir.file("blank.krx")));
+  status = -1;
+  KRX_WRITE_VELOX_KRX(path.c_str(), &normal, &extra, &status, -1);
+  EXPECT_EQ(status, 1);
+  EXPECT_TRUE(host.has(krx::kError,
+                       "Failed to allocate memory at line 1013 in file ..\\krx_fortran.\n"));
+  krxtest::terminate_model();
+}
+
+TEST(WriteSummary, ListsTheRowsInOrderWithTheirFlags) {
+  krxtest::RecordingHost host;
+  krxtest::TempDir dir;
+  small_model();
+  ASSERT_EQ(write(dir.file("summary.krx")), 0);
+  std::vector<std::string> notes = host.texts(0);
+  auto at = std::find(notes.begin(), notes.end(), "\nCreating a Korex with the following information:\n");
+  ASSERT_NE(at, notes.end());
+  ASSERT_GE(notes.end() - at, 20);
+  char row[64];
+  std::snprintf(row, sizeof row, "%30s %s", "Nodal Coords", "Yes");
+  EXPECT_EQ(at[1], row);
+  std::snprintf(row, sizeof row, "%30s %s", "Element Faces", "Yes");
+  EXPECT_EQ(at[2], row);
+  std::snprintf(row, sizeof row, "%30s %s", "Eigenvalues", "No");
+  EXPECT_EQ(at[3], row);
+  std::snprintf(row, sizeof row, "%30s %s", "Nodal Pre-Strain", "No");
+  EXPECT_EQ(at[19], row);
+  krxtest::terminate_model();
+}
+
+// The example host's chain: the printed table and the file's eigenvalue block both hold the
+// closed-form eigenvalues, recovered from modes the host handed over mixed.
+TEST(WriteExample, TheChainKeepsItsClosedFormEigenvalues) {
+  krxtest::RecordingHost host;
+  krxtest::TempDir dir;
+  std::string path = dir.file("chain.krx");
+  ASSERT_EQ(chain::build_and_write(path.c_str()), 0);  // terminates its model
+  std::vector<std::string> notes = host.texts(0);
+  auto at = std::find(notes.begin(), notes.end(), "  ===============================================");
+  ASSERT_NE(at, notes.end());
+  ASSERT_GE(notes.end() - at, chain::kModes + 1);
+  krx::KRXDATA *read = krx::find_or_read_model(path.c_str());
+  ASSERT_NE(read, nullptr);
+  ASSERT_EQ(read->eigen.size(), std::size_t(chain::kModes));
+  for (int j = 0; j < chain::kModes; ++j) {
+    int number = 0;
+    double lambda = 0.0;
+    ASSERT_EQ(std::sscanf(at[1 + j].c_str(), " %d : %le", &number, &lambda), 2) << at[1 + j];
+    EXPECT_EQ(number, j + 1);
+    double scale = std::max(1.0, chain::eigenvalue(j));
+    EXPECT_NEAR(lambda, chain::eigenvalue(j), 1e-9 * scale);
+    EXPECT_EQ(read->eigen[j].number, j + 1);
+    EXPECT_NEAR(read->eigen[j].eigenvalue, chain::eigenvalue(j), 1e-9 * scale);
+    if (j >= 6) {
+      EXPECT_NEAR(read->eigen[j].hertz, chain::hertz(j), 1e-9 * chain::hertz(j));
+    }
+  }
+  krx::release_model(read);
+}
+
+TEST(WriteReduction, KeepsOnlyFaceNodesAndRenumbersFaces) {
+  krxtest::RecordingHost host;
+  krxtest::create_model(5, 1);
+  krx::KRXDATA *model = krx::current_model();
+  for (int n = 0; n < 5; ++n) {
+    krx::set_node_coordinates(model, 100 + n, n, 0, 0);
+    double v[6] = {double(n), 0, 0, 0, 0, double(n) * 2};
+    krx::store_node_vector(model, 1, 100 + n, krx::kModeShapes, v);
+  }
+  int count = 2, a[2] = {104, 102}, status = 0;
+  KRX_SET_FACE(&count, a, &status);
+  ASSERT_EQ(krx::reduce_to_face_nodes(model), 1);
+  ASSERT_EQ(krx::node_count(model), 2);
+  EXPECT_EQ(model->nodes[0].id, 102);
+  EXPECT_EQ(model->nodes[1].id, 104);
+  EXPECT_EQ(model->nodes[model->faces[1]].id, 104);
+  EXPECT_EQ(model->nodes[model->faces[2]].id, 102);
+  ASSERT_EQ(krx::load_mode_record_by_index(model, 0, krx::kModeShapes), 1);
+  EXPECT_EQ(model->store[0].record[0], 2.0);
+  EXPECT_EQ(model->store[0].record[6], 4.0);
+  EXPECT_EQ(model->store[0].record[11], 8.0);
+  krxtest::terminate_model();
+}
+
+TEST(WriteStatistics, VonMisesOfAUniaxialStateIsItsValue) {
+  const double s[6] = {5.0, 0, 0, 0, 0, 0};
+  EXPECT_DOUBLE_EQ(krx::von_mises_stress(s), 5.0);
+  const double shear[6] = {0, 0, 0, 2.0, 0, 0};
+  EXPECT_DOUBLE_EQ(krx::von_mises_stress(shear), std::sqrt(12.0));
+  krx::ModalStatistics stats;
+  const double v1[6] = {3, 4, 0, 0, 0, 1}, v2[6] = {1, 0, 0, 0, 2, 0};
+  krx::update_statistics(stats, krx::kModeShapes, 7, v1);
+  krx::update_statistics(stats, krx::kModeShapes, 9, v2);
+  EXPECT_EQ(stats.reals[krx::kStatTranslation], 5.0);
+  EXPECT_EQ(stats.ints[krx::kStatTranslation], 7);
+  EXPECT_EQ(stats.reals[krx::kStatRotation], 2.0);
+  EXPECT_EQ(stats.ints[krx::kStatRotation], 9);
+}
+
+}  // namespace
