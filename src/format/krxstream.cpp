@@ -132,7 +132,12 @@ int close_stream(FileSlot &io) {
   io.xdr.reset();
   io.xdr_in_use = 0;
   int ok = 1;
-  if (io.file) ok = std::fclose(io.file) == 0;
+  if (io.file) {
+    // A full disk may show only when the buffer is flushed, and an earlier failed put leaves
+    // only the error flag behind: either makes the close fail.
+    ok = std::fflush(io.file) == 0 && !std::ferror(io.file);
+    ok = std::fclose(io.file) == 0 && ok;
+  }
   io.file = nullptr;
   return ok;
 }
