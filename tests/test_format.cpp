@@ -3,6 +3,7 @@
 
 #include <cstdio>
 #include <cstring>
+#include <string>
 #include <vector>
 
 #include "format/krxformat.h"
@@ -147,6 +148,19 @@ TEST(Stream, ShortReadsFail) {
   int32_t back[3];
   EXPECT_FALSE(get_ints(io, back, 3));
   close_stream(io);
+}
+
+// A put that failed earlier leaves only the error flag; the close must not call that a success.
+TEST(Stream, CloseFailsWhenTheFileHadAnError) {
+  krxtest::TempDir dir;
+  std::string path = dir.file("read_only.bin");
+  std::fclose(std::fopen(path.c_str(), "wb"));
+  FileSlot io;
+  ASSERT_TRUE(open_read_stream(io, path.c_str()));
+  int32_t v = 316;
+  EXPECT_FALSE(put_ints(io, &v, 1));
+  EXPECT_FALSE(close_stream(io));
+  EXPECT_EQ(io.file, nullptr);
 }
 
 // Positions past 4 GiB come from the 64-bit file offsets, not from the XDR stream's own.
