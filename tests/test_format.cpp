@@ -215,6 +215,28 @@ TEST(Catalogue, SizeRulesFollowTheCountsAndBothWidths) {
   EXPECT_EQ(-1, block_info(26)->size(c, 1, 8, 60)) << "overflow is refused";
 }
 
+// Room for the two leading ints only: the coordinates fail, the masses do not (kept on purpose).
+TEST(Catalogue, NodalMassesFailOnlyOnTheirLeadingInts) {
+  for (bool masses : {false, true}) {
+    unsigned char room[8];
+    FileSlot io;
+    io.file = fmemopen(room, sizeof room, "w");
+    ASSERT_NE(io.file, nullptr);
+    std::setvbuf(io.file, nullptr, _IONBF, 0);
+    std::vector<float> scratch(512);
+    BlockIo b{io, scratch};
+    NodalMassesBlock m;
+    m.ids = {7, 8};
+    m.values = {1.0, 2.0};
+    NodalCoordsBlock n;
+    n.ids = {7, 8};
+    n.xyz.assign(6, 1.0);
+    if (masses) EXPECT_TRUE(write_nodal_masses_block(b, m));
+    else EXPECT_FALSE(write_nodal_coords_block(b, n));
+    close_stream(io);
+  }
+}
+
 // Every block the sample writes occupies exactly what its size rule says, in every encoding.
 TEST(Catalogue, CodecsWriteWhatTheSizeRulesPredict) {
   krxtest::TempDir dir;
