@@ -3,6 +3,7 @@
 
 #include <cstdio>
 #include <cstring>
+#include <string>
 #include <vector>
 
 #include "format/krxformat.h"
@@ -149,6 +150,19 @@ TEST(Stream, ShortReadsFail) {
   close_stream(io);
 }
 
+// A put that failed earlier leaves only the error flag; the close must not call that a success.
+TEST(Stream, CloseFailsWhenTheFileHadAnError) {
+  krxtest::TempDir dir;
+  std::string path = dir.file("read_only.bin");
+  std::fclose(std::fopen(path.c_str(), "wb"));
+  FileSlot io;
+  ASSERT_TRUE(open_read_stream(io, path.c_str()));
+  int32_t v = 316;
+  EXPECT_FALSE(put_ints(io, &v, 1));
+  EXPECT_FALSE(close_stream(io));
+  EXPECT_EQ(io.file, nullptr);
+}
+
 // Positions past 4 GiB come from the 64-bit file offsets, not from the XDR stream's own.
 TEST(Stream, PositionsPastFourGibibytes) {
   krxtest::TempDir dir;
@@ -199,6 +213,28 @@ TEST(Catalogue, SizeRulesFollowTheCountsAndBothWidths) {
   EXPECT_EQ(-1, block_info(7)->size(c, 1, 8, 60));
   c.n = {INT32_MAX, 0, 0};
   EXPECT_EQ(-1, block_info(26)->size(c, 1, 8, 60)) << "overflow is refused";
+}
+
+// Room for the two leading ints only: the coordinates fail, the masses do not (kept on purpose).
+TEST(Catalogue, NodalMassesFailOnlyOnTheirLeadingInts) {
+  for (bool masses : {false, true}) {
+    unsigned char room[8];
+    FileSlot io;
+    io.file = fmemopen(room, sizeof room, "w");
+    ASSERT_NE(io.file, nullptr);
+    std::setvbuf(io.file, nullptr, _IONBF, 0);
+    std::vector<float> scratch(512);
+    BlockIo b{io, scratch};
+    NodalMassesBlock m;
+    m.ids = {7, 8};
+    m.values = {1.0, 2.0};
+    NodalCoordsBlock n;
+    n.ids = {7, 8};
+    n.xyz.assign(6, 1.0);
+    if (masses) EXPECT_TRUE(write_nodal_masses_block(b, m));
+    else EXPECT_FALSE(write_nodal_coords_block(b, n));
+    close_stream(io);
+  }
 }
 
 // Every block the sample writes occupies exactly what its size rule says, in every encoding.

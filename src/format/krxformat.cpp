@@ -177,17 +177,20 @@ int code_header(Coder<W> &c, HeaderBlock &h) {
 }
 
 // Blocks 4 and 9: int N; int D; N records of an id and D reals. A coordinate block always
-// keeps three reals a node whatever D says.
+// keeps three reals a node whatever D says. Without check_records a failed id or value does not
+// stop the loop nor fail the block.
 template <bool W>
 int code_per_node(Coder<W> &c, int32_t &dims, std::vector<int32_t> &ids,
-                  std::vector<double> &values, int fixed_dims) {
+                  std::vector<double> &values, int fixed_dims, bool check_records = true) {
   int32_t n = int32_t(ids.size());
   if (!c.ints(&n, 1) || n < 0 || !c.ints(&dims, 1)) return 0;
   int32_t per = fixed_dims ? fixed_dims : dims;
   if (per < 0 || !c.room(Wide(n) * (4 + Wide(per) * c.R()))) return 0;
   if (!c.fit(ids, n) || !c.fit(values, std::size_t(n) * per)) return 0;
-  for (int32_t i = 0; i < n; ++i)
-    if (!c.ints(&ids[i], 1) || !c.reals(&values[std::size_t(i) * per], per)) return 0;
+  for (int32_t i = 0; i < n; ++i) {
+    if (!c.ints(&ids[i], 1) && check_records) return 0;
+    if (!c.reals(&values[std::size_t(i) * per], per) && check_records) return 0;
+  }
   return 1;
 }
 
@@ -457,7 +460,9 @@ int read_mode_record_number(BlockIo &b, int32_t fallback, int32_t &number) {
 int write_nodal_masses_block(BlockIo &b, const NodalMassesBlock &block) {
   Coder<true> c{b};
   auto &w = writable(block);
-  return code_per_node(c, w.dims, w.ids, w.values, 0);
+  // Deliberate: only the two leading ints can fail this block; each node's id and mass are
+  // written unchecked and the loop goes on.
+  return code_per_node(c, w.dims, w.ids, w.values, 0, false);
 }
 int read_nodal_masses_block(BlockIo &b, NodalMassesBlock &block) {
   Coder<false> c{b};

@@ -137,6 +137,7 @@ int read_mode_block_head(BlockIo &b, ModeBlockHead &head);
 int write_mode_record(BlockIo &b, int32_t number, const double *values, std::size_t nodes);
 // Reads the number (or gives fallback in generation 10) and leaves the position at the values.
 int read_mode_record_number(BlockIo &b, int32_t fallback, int32_t &number);
+// Only the two leading ints can fail it: the per-node writes are not checked (kept on purpose).
 int write_nodal_masses_block(BlockIo &b, const NodalMassesBlock &block);
 int read_nodal_masses_block(BlockIo &b, NodalMassesBlock &block);
 int write_nodal_inertia_block(BlockIo &b, const std::vector<InertiaEntry> &entries);

@@ -38,6 +38,16 @@ bool finish(const BlockIo &io, int ok, const char *memory, const char *problem) 
   return false;
 }
 
+// Positions the file at a present block and decodes it with decode(io); a failure reports the
+// block's problem text, or memory when the decoder ran out of memory.
+template <typename Decode>
+bool load_block(KRXDATA &model, int block, const char *memory, Decode decode) {
+  const char *problem = block_problem(block);
+  BlockIo io = block_io(model);
+  if (!start_block(model, block, problem)) return false;
+  return finish(io, decode(io), memory, problem);
+}
+
 // Node positions of ids that must already be known; false at the first unknown id.
 bool positions_of(KRXDATA &model, std::vector<int32_t> &words, std::size_t from, std::size_t n) {
   for (std::size_t i = from; i < from + n; ++i) {
@@ -149,11 +159,9 @@ int read_header(KRXDATA &model) {
 }
 
 int read_nodal_coords(KRXDATA &model) {
-  const char *problem = "Problem reading Node Coordinates Data";
-  BlockIo io = block_io(model);
   NodalCoordsBlock block;
-  if (!start_block(model, 4, problem)) return 0;
-  if (!finish(io, read_nodal_coords_block(io, block), "Out of memory while reading Nodal Coordinate block", problem))
+  if (!load_block(model, 4, "Out of memory while reading Nodal Coordinate block",
+                  [&](BlockIo &io) { return read_nodal_coords_block(io, block); }))
     return 0;
   if (block.dims != 3)
     error("Node location should only be specified with 3 coordinates, not %ld", long(block.dims));
@@ -176,14 +184,9 @@ int read_nodal_coords(KRXDATA &model) {
 }
 
 int read_global_body(KRXDATA &model) {
-  const char *problem = "Problem reading Global Body Properties";
-  BlockIo io = block_io(model);
   std::array<double, 13> v{};
-  if (!start_block(model, 6, problem)) return 0;
-  if (!read_global_body_block(io, v)) {
-    error("%s", problem);
+  if (!load_block(model, 6, block_problem(6), [&](BlockIo &io) { return read_global_body_block(io, v); }))
     return 0;
-  }
   model.total_mass = v[0];
   std::copy(v.begin() + 1, v.begin() + 4, model.centre_of_mass.begin());
   std::copy(v.begin() + 4, v.end(), model.global_inertia.begin());
@@ -192,11 +195,9 @@ int read_global_body(KRXDATA &model) {
 
 // The modes of a file are registered from it, whatever the capacities of a fresh model.
 int read_eigenvalues(KRXDATA &model) {
-  const char *problem = "Problem reading Eigenvalue Data";
   const char *memory = "Out of memory while reading Eigenvalues block";
-  BlockIo io = block_io(model);
-  if (!start_block(model, 7, problem)) return 0;
-  if (!finish(io, read_eigenvalues_block(io, model.eigen), memory, problem)) return 0;
+  if (!load_block(model, 7, memory, [&](BlockIo &io) { return read_eigenvalues_block(io, model.eigen); }))
+    return 0;
   try {
     model.modes.clear();
     for (const EigenRecord &r : model.eigen) model.modes.push_back(r.number);
@@ -209,12 +210,12 @@ int read_eigenvalues(KRXDATA &model) {
 }
 
 int read_nodal_masses(KRXDATA &model) {
-  const char *problem = "Problem reading Nodal Mass information";
-  BlockIo io = block_io(model);
+  const char *problem = block_problem(9);
   NodalMassesBlock block;
-  if (!start_block(model, 9, problem)) return 0;
-  if (!finish(io, read_nodal_masses_block(io, block), problem, problem) || block.dims < 1) {
-    if (block.dims < 1) error("%s", problem);
+  if (!load_block(model, 9, problem, [&](BlockIo &io) { return read_nodal_masses_block(io, block); }))
+    return 0;
+  if (block.dims < 1) {
+    error("%s", problem);
     return 0;
   }
   if (block.dims > 1) {
@@ -248,11 +249,10 @@ int inertia_term(int row, int column) {
 }
 
 int read_nodal_inertias(KRXDATA &model) {
-  const char *problem = "Problem reading Nodal Inertia information";
-  BlockIo io = block_io(model);
   std::vector<InertiaEntry> entries;
-  if (!start_block(model, 10, problem)) return 0;
-  if (!finish(io, read_nodal_inertia_block(io, entries), problem, problem)) return 0;
+  if (!load_block(model, 10, block_problem(10),
+                  [&](BlockIo &io) { return read_nodal_inertia_block(io, entries); }))
+    return 0;
   std::vector<uint8_t> given;
   for (const InertiaEntry &e : entries) {
     if (e.row < 4 || e.row > 6) {
@@ -294,12 +294,11 @@ int read_units(KRXDATA &model) {
   return 1;
 }
 
-int read_matrix(KRXDATA &model, int block, std::vector<MatrixEntry> &list, const char *memory,
-                const char *problem) {
-  BlockIo io = block_io(model);
+int read_matrix(KRXDATA &model, int block, std::vector<MatrixEntry> &list, const char *memory) {
+  const char *problem = block_problem(block);
   MatrixBlock m;
-  if (!start_block(model, block, problem)) return 0;
-  if (!finish(io, read_matrix_block(io, m), memory, problem)) return 0;
+  if (!load_block(model, block, memory, [&](BlockIo &io) { return read_matrix_block(io, m); }))
+    return 0;
   try {
     list.clear();
     list.reserve(m.entries.size());
@@ -332,14 +331,12 @@ bool install_faces(KRXDATA &model, std::vector<int32_t> &words) {
 }
 
 int read_element_faces(KRXDATA &model) {
-  const char *problem = "Problem reading Element Faces";
-  BlockIo io = block_io(model);
   ElementFacesBlock block;
-  if (!start_block(model, 14, problem)) return 0;
-  if (!finish(io, read_element_faces_block(io, block), "Out of memory while reading Element Faces Block", problem))
+  if (!load_block(model, 14, "Out of memory while reading Element Faces Block",
+                  [&](BlockIo &io) { return read_element_faces_block(io, block); }))
     return 0;
   if (!install_faces(model, block.words)) {
-    error("%s", problem);
+    error("%s", block_problem(14));
     return 0;
   }
   return 1;
@@ -347,12 +344,10 @@ int read_element_faces(KRXDATA &model) {
 
 // The old element block groups faces by vertex count; each face has two words in front.
 int read_element_topology(KRXDATA &model) {
-  const char *problem = "Problem when reading old style element block";
   const char *memory = "Out of memory while reading Element Topology Block";
-  BlockIo io = block_io(model);
   ElementTopologyBlock block;
-  if (!start_block(model, 5, problem)) return 0;
-  if (!finish(io, read_element_topology_block(io, block), memory, problem)) return 0;
+  if (!load_block(model, 5, memory, [&](BlockIo &io) { return read_element_topology_block(io, block); }))
+    return 0;
   std::vector<int32_t> words;
   try {
     words.reserve(block.words.size());
@@ -369,19 +364,16 @@ int read_element_topology(KRXDATA &model) {
     return 0;
   }
   if (!install_faces(model, words)) {
-    error("%s", problem);
+    error("%s", block_problem(5));
     return 0;
   }
   return 1;
 }
 
 int read_transformation(KRXDATA &model) {
-  const char *problem = "Problem when reading Mode Shape Transformation";
-  BlockIo io = block_io(model);
   TransformationBlock block;
-  if (!start_block(model, 16, problem)) return 0;
-  if (!finish(io, read_transformation_block(io, block),
-              "Out of memory while reading Mode Shape Transformation Block", problem))
+  if (!load_block(model, 16, "Out of memory while reading Mode Shape Transformation Block",
+                  [&](BlockIo &io) { return read_transformation_block(io, block); }))
     return 0;
   model.transformation_modes = std::move(block.modes);
   model.transformation = std::move(block.matrix);
@@ -389,14 +381,12 @@ int read_transformation(KRXDATA &model) {
 }
 
 int read_interface(KRXDATA &model) {
-  const char *problem = "Problem when reading Interface Nodes";
-  BlockIo io = block_io(model);
   std::vector<int32_t> ids;
-  if (!start_block(model, 17, problem)) return 0;
-  if (!finish(io, read_interface_block(io, ids), "Out of memory while reading Interface Nodes block", problem))
+  if (!load_block(model, 17, "Out of memory while reading Interface Nodes block",
+                  [&](BlockIo &io) { return read_interface_block(io, ids); }))
     return 0;
   if (!positions_of(model, ids, 0, ids.size())) {
-    error("%s", problem);
+    error("%s", block_problem(17));
     return 0;
   }
   model.interface_nodes = std::move(ids);
@@ -404,11 +394,9 @@ int read_interface(KRXDATA &model) {
 }
 
 int read_preload(KRXDATA &model) {
-  const char *problem = "Problem when reading Modal Preloads Block";
-  BlockIo io = block_io(model);
   PreloadBlock block;
-  if (!start_block(model, 27, problem)) return 0;
-  if (!finish(io, read_preload_block(io, block), "Out of memory while reading Modal Preload Block", problem))
+  if (!load_block(model, 27, "Out of memory while reading Modal Preload Block",
+                  [&](BlockIo &io) { return read_preload_block(io, block); }))
     return 0;
   if (block.values.size() != model.modes.size()) {
     error("Number of modal preloads does not match the number of modes");
@@ -420,12 +408,10 @@ int read_preload(KRXDATA &model) {
 }
 
 int read_modal_loads(KRXDATA &model) {
-  const char *problem = "Problem when reading Modal Loads Block";
   const char *memory = "Out of memory while reading Modal Loads Block";
-  BlockIo io = block_io(model);
   ModalLoadsBlock block;
-  if (!start_block(model, 28, problem)) return 0;
-  if (!finish(io, read_modal_loads_block(io, block), memory, problem)) return 0;
+  if (!load_block(model, 28, memory, [&](BlockIo &io) { return read_modal_loads_block(io, block); }))
+    return 0;
   if (block.modes != int32_t(model.modes.size())) {
     error("Number of modal load components does not match the number of modes");
     return 0;
@@ -447,11 +433,8 @@ int read_modal_loads(KRXDATA &model) {
 }
 
 int read_statistics(KRXDATA &model) {
-  const char *problem = "Problem when reading Modal Statistics Block";
-  BlockIo io = block_io(model);
-  if (!start_block(model, 30, problem)) return 0;
-  return finish(io, read_statistics_block(io, model.statistics),
-                "Out of memory while reading Modal Statistics Block", problem);
+  return load_block(model, 30, "Out of memory while reading Modal Statistics Block",
+                    [&](BlockIo &io) { return read_statistics_block(io, model.statistics); });
 }
 
 // Blocks in the order the reader loads them; an absent block is skipped.
@@ -464,12 +447,10 @@ int read_blocks(KRXDATA &model) {
   if (present(model, 10) && !read_nodal_inertias(model)) return 0;
   if (present(model, 11) && !read_units(model)) return 0;
   if (present(model, 12) &&
-      !read_matrix(model, 12, model.stiffness, "Out of memory while reading Generalized Stiffness block",
-                   "Problem reading Generalized Stiffness information"))
+      !read_matrix(model, 12, model.stiffness, "Out of memory while reading Generalized Stiffness block"))
     return 0;
   if (present(model, 13) &&
-      !read_matrix(model, 13, model.mass, "Out of memory while reading Generalized Mass block",
-                   "Problem reading Generalized Mass information"))
+      !read_matrix(model, 13, model.mass, "Out of memory while reading Generalized Mass block"))
     return 0;
   if (present(model, 14)) {
     if (!read_element_faces(model)) return 0;
@@ -477,8 +458,7 @@ int read_blocks(KRXDATA &model) {
     return 0;
   }
   if (present(model, 15) &&
-      !read_matrix(model, 15, model.damping, "Out of memory while reading Generalized Damping Block",
-                   "Problem reading Generalized Damping information"))
+      !read_matrix(model, 15, model.damping, "Out of memory while reading Generalized Damping Block"))
     return 0;
   if (present(model, 16) && !read_transformation(model)) return 0;
   if (present(model, 17) && !read_interface(model)) return 0;

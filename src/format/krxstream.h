@@ -30,7 +30,8 @@ int open_write_stream(FileSlot &io, const char *path, bool xdr, const char *sour
 int open_read_stream(FileSlot &io, const char *path);
 // Binds an XDR stream in the given direction to the open file.
 int bind_xdr_stream(FileSlot &io, xdr_op direction, const char *source);
-// Destroys the XDR stream (flushing it) and closes the file.
+// Destroys the XDR stream (flushing it) and closes the file; 0 when the flush or the close fails
+// or the file already had an error.
 int close_stream(FileSlot &io);
 
 // 64-bit positions of the underlying file; the XDR stream reads and writes on from there.

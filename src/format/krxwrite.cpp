@@ -334,9 +334,7 @@ int write_krx(KRXDATA *model, const char *path) {
     KRX_REPORT_ALLOC(kSource);
     ok = 0;
   }
-  // A full disk may show only when the buffer is flushed; an XDR stream over standard I/O keeps
-  // no buffer of its own, so the file's error flag tells about every byte.
-  if (std::fflush(state.out.file) != 0 || std::ferror(state.out.file)) ok = 0;
+  // An XDR stream over standard I/O keeps no buffer of its own, so the close sees every byte.
   ok = close_stream(state.out) && ok;
   if (!ok) std::remove(state.path.c_str());
   return ok;

@@ -269,14 +269,16 @@ void band_of_invariant(WriteState &state, int number, InvariantBlock &block) {
       return;
     }
     case 23: {
+      // One call fills the model's cache; the band is then read from it, not copied mode by mode.
       out.assign(3 * um * um, 0.0);
-      for (std::size_t j = 0; j < um; ++j) {
-        std::vector<double> v = invariant5(model, int32_t(first + j));
-        std::size_t total = v.size() / 3;
+      if (um == 0 || invariant5(model, first).empty()) return;
+      const std::vector<double> &all = model->invariant5;
+      std::size_t total = std::size_t(std::max<int32_t>(0, model->retained_modes));
+      if (all.size() < 3 * total * total) return;
+      for (std::size_t j = 0; j < um && first + j < total; ++j)
         for (std::size_t c = 0; c < 3; ++c)
           for (std::size_t k = 0; k < um && first + k < total; ++k)
-            out[j * 3 * um + c * um + k] = v[c * total + first + k];
-      }
+            out[j * 3 * um + c * um + k] = all[(first + j) * 3 * total + c * total + first + k];
       return;
     }
     case 25: {
@@ -289,11 +291,13 @@ void band_of_invariant(WriteState &state, int number, InvariantBlock &block) {
     }
     default: {  // 26
       out.assign(9 * um * um, 0.0);
-      for (std::size_t j = 0; j < um; ++j)
-        for (std::size_t k = 0; k < um; ++k) {
-          std::vector<double> v = invariant9(model, int32_t(first + j), int32_t(first + k));
-          std::copy_n(v.begin(), std::min<std::size_t>(9, v.size()), &out[9 * (j * um + k)]);
-        }
+      if (um == 0 || invariant9(model, first, first).empty()) return;
+      const std::vector<double> &all = model->invariant9;
+      std::size_t total = std::size_t(std::max<int32_t>(0, model->retained_modes));
+      if (all.size() < 9 * total * total) return;
+      for (std::size_t j = 0; j < um && first + j < total; ++j)
+        for (std::size_t k = 0; k < um && first + k < total; ++k)
+          std::copy_n(&all[9 * ((first + j) * total + first + k)], 9, &out[9 * (j * um + k)]);
       return;
     }
   }

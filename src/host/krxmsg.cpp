@@ -82,31 +82,33 @@ void advance(int *percent, double *left, double *total) {
 
 }  // namespace
 
-void note(const char *format, ...) {
+// Formats one message and hands it on: level 0 as a note, 2 and 3 to the error channel.
+static void send_formatted(int level, const char *format, va_list args) {
   char buffer[kBufferSize];
+  std::vsnprintf(buffer, sizeof buffer, format, args);
+  if (level == 0) send_note(buffer);
+  else send_error(level, buffer);
+}
+
+void note(const char *format, ...) {
   va_list args;
   va_start(args, format);
-  std::vsnprintf(buffer, sizeof buffer, format, args);
+  send_formatted(0, format, args);
   va_end(args);
-  send_note(buffer);
 }
 
 void warning(const char *format, ...) {
-  char buffer[kBufferSize];
   va_list args;
   va_start(args, format);
-  std::vsnprintf(buffer, sizeof buffer, format, args);
+  send_formatted(kWarning, format, args);
   va_end(args);
-  send_error(kWarning, buffer);
 }
 
 void error(const char *format, ...) {
-  char buffer[kBufferSize];
   va_list args;
   va_start(args, format);
-  std::vsnprintf(buffer, sizeof buffer, format, args);
+  send_formatted(kError, format, args);
   va_end(args);
-  send_error(kError, buffer);
 }
 
 bool host_is_quiet() {

@@ -285,34 +285,47 @@ int set_node_coordinates(KRXDATA *model, int32_t node_id, double x, double y, do
   return 1;
 }
 
-int set_nodal_mass(KRXDATA *model, int32_t node_id, double mass) {
+namespace {
+
+// The mass of the node, replaced or added to.
+int store_nodal_mass(KRXDATA *model, int32_t node_id, double mass, bool add) {
   int32_t position = node_position_or_add(model, node_id);
   if (position < 0) return 0;
-  model->nodes[position].mass = mass;
+  double &held = model->nodes[position].mass;
+  held = add ? held + mass : mass;
   model->flags[kFlagNodalMasses] = 1;
   return 1;
 }
 
-int add_nodal_mass(KRXDATA *model, int32_t node_id, double mass) {
+// The node's inertia terms, made zero on first use; null (reported) when they cannot be.
+std::array<double, 6> *nodal_inertia_of(KRXDATA *model, int32_t node_id) {
   int32_t position = node_position_or_add(model, node_id);
-  if (position < 0) return 0;
-  model->nodes[position].mass += mass;
-  model->flags[kFlagNodalMasses] = 1;
-  return 1;
-}
-
-int set_nodal_inertia(KRXDATA *model, int32_t node_id, const double inertia[6]) {
-  int32_t position = node_position_or_add(model, node_id);
-  if (position < 0) return 0;
+  if (position < 0) return nullptr;
   NodeRecord &node = model->nodes[position];
   try {
     if (!node.inertia) node.inertia = std::make_unique<std::array<double, 6>>();
   } catch (const std::bad_alloc &) {
     KRX_REPORT_ALLOC(kSource);
-    return 0;
+    return nullptr;
   }
-  std::copy(inertia, inertia + 6, node.inertia->begin());
   model->flags[kFlagNodalInertias] = 1;
+  return node.inertia.get();
+}
+
+}  // namespace
+
+int set_nodal_mass(KRXDATA *model, int32_t node_id, double mass) {
+  return store_nodal_mass(model, node_id, mass, false);
+}
+
+int add_nodal_mass(KRXDATA *model, int32_t node_id, double mass) {
+  return store_nodal_mass(model, node_id, mass, true);
+}
+
+int set_nodal_inertia(KRXDATA *model, int32_t node_id, const double inertia[6]) {
+  std::array<double, 6> *terms = nodal_inertia_of(model, node_id);
+  if (!terms) return 0;
+  std::copy(inertia, inertia + 6, terms->begin());
   return 1;
 }
 
@@ -325,17 +338,9 @@ int set_nodal_inertia_term(KRXDATA *model, int32_t node_id, int row, int column,
           row, column, node_id);
     return 0;
   }
-  int32_t position = node_position_or_add(model, node_id);
-  if (position < 0) return 0;
-  NodeRecord &node = model->nodes[position];
-  try {
-    if (!node.inertia) node.inertia = std::make_unique<std::array<double, 6>>();
-  } catch (const std::bad_alloc &) {
-    KRX_REPORT_ALLOC(kSource);
-    return 0;
-  }
-  (*node.inertia)[kComponent[row - 1][column - 1]] = value;
-  model->flags[kFlagNodalInertias] = 1;
+  std::array<double, 6> *terms = nodal_inertia_of(model, node_id);
+  if (!terms) return 0;
+  (*terms)[kComponent[row - 1][column - 1]] = value;
   return 1;
 }
 

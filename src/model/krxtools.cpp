@@ -88,11 +88,13 @@ void report_pre_allocation_failure(int line, int kind) {
 // flushes and refills its buffer, which costs far more than the 48 bytes of a node vector. The
 // library never reads or writes its own temporary files through the stream's buffer.
 
-bool write_at(FILE *file, const unsigned char *data, int64_t size, int64_t offset) {
+// Moves size bytes at offset with pread or pwrite, going on after short or interrupted moves.
+template <typename Bytes, typename Move>
+bool move_at(FILE *file, Bytes *data, int64_t size, int64_t offset, Move move) {
   int fd = fileno(file);
   if (fd < 0 || offset < 0) return false;
   while (size > 0) {
-    ssize_t done = pwrite(fd, data, size_t(size), off_t(offset));
+    ssize_t done = move(fd, data, size_t(size), off_t(offset));
     if (done < 0 && errno == EINTR) continue;
     if (done <= 0) return false;
     data += done;
@@ -102,18 +104,12 @@ bool write_at(FILE *file, const unsigned char *data, int64_t size, int64_t offse
   return true;
 }
 
+bool write_at(FILE *file, const unsigned char *data, int64_t size, int64_t offset) {
+  return move_at(file, data, size, offset, ::pwrite);
+}
+
 bool read_at(FILE *file, unsigned char *data, int64_t size, int64_t offset) {
-  int fd = fileno(file);
-  if (fd < 0 || offset < 0) return false;
-  while (size > 0) {
-    ssize_t done = pread(fd, data, size_t(size), off_t(offset));
-    if (done < 0 && errno == EINTR) continue;
-    if (done <= 0) return false;
-    data += done;
-    size -= done;
-    offset += done;
-  }
-  return true;
+  return move_at(file, data, size, offset, ::pread);
 }
 
 bool write_zeros(FILE *file, int64_t size) {
