@@ -4,11 +4,9 @@
 #include <sys/stat.h>
 
 #include <bit>
-#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 
 #include "host/krx_fortran.h"
 #include "model/krxset.h"
@@ -19,12 +17,14 @@ using krxtest::RecordingHost;
 
 namespace {
 
+void unset_names() {
+  for (const char *name : {"QOR_TMP_MOD", "QOR_TMP_STR", "QOR_TMP_STN"}) unsetenv(name);
+}
+
 struct VectorStore : ::testing::Test {
-  void SetUp() override {
-    for (const char *name : {"QOR_TMP_MOD", "QOR_TMP_STR", "QOR_TMP_STN"}) unsetenv(name);
-  }
+  void SetUp() override { unset_names(); }
   void TearDown() override {
-    for (const char *name : {"QOR_TMP_MOD", "QOR_TMP_STR", "QOR_TMP_STN"}) unsetenv(name);
+    unset_names();
     krxtest::terminate_model();
   }
   krx::KRXDATA *make(int nodes, int modes) {
@@ -33,35 +33,22 @@ struct VectorStore : ::testing::Test {
   }
 };
 
-std::vector<unsigned char> file_bytes(const std::string &path) {
-  std::ifstream in(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
-}
-
-std::vector<unsigned char> flushed_bytes(krx::KRXDATA *model, int kind) {
+std::vector<char> flushed_bytes(krx::KRXDATA *model, int kind) {
   EXPECT_EQ(krx::flush_vector_store(model, kind), 1);
-  return file_bytes(model->store[kind].io.path);
+  return krxtest::file_bytes(model->store[kind].io.path);
 }
 
-double double_at(const std::vector<unsigned char> &bytes, size_t offset) {
-  double value;
-  std::memcpy(&value, bytes.data() + offset, 8);
+template <typename T>
+T value_at(const std::vector<char> &bytes, size_t offset) {
+  T value;
+  std::memcpy(&value, bytes.data() + offset, sizeof value);
   return value;
 }
-
-float float_at(const std::vector<unsigned char> &bytes, size_t offset) {
-  float value;
-  std::memcpy(&value, bytes.data() + offset, 4);
-  return value;
-}
+double double_at(const std::vector<char> &bytes, size_t offset) { return value_at<double>(bytes, offset); }
 
 // A distinct value for every (mode, node, component).
 void vector_for(int mode, int node, double out[6]) {
   for (int j = 0; j < 6; ++j) out[j] = mode * 1000.0 + node + j * 0.125;
-}
-
-size_t nonzero_bytes(const std::vector<unsigned char> &bytes) {
-  return bytes.size() - size_t(std::count(bytes.begin(), bytes.end(), 0));
 }
 
 TEST_F(VectorStore, LaysOutEveryRecordAtTheFirstValueInBothPrecisions) {
@@ -74,14 +61,10 @@ TEST_F(VectorStore, LaysOutEveryRecordAtTheFirstValueInBothPrecisions) {
     auto bytes = flushed_bytes(model, krx::kModeShapes);
     ASSERT_EQ(bytes.size(), 48000u);
     EXPECT_EQ(model->flags[krx::kFlagModeShapes], 1);
-    if (precision) {
-      for (int j = 0; j < 6; ++j) EXPECT_EQ(double_at(bytes, j * 8), v[j]);
-      EXPECT_EQ(nonzero_bytes({bytes.begin() + 48, bytes.end()}), 0u);
-    } else {
-      // Six floats in the first 24 bytes of the node's 48; the rest of the file stays zero.
-      for (int j = 0; j < 6; ++j) EXPECT_EQ(float_at(bytes, j * 4), float(v[j]));
-      EXPECT_EQ(nonzero_bytes({bytes.begin() + 24, bytes.end()}), 0u);
-    }
+    // Single precision: six floats in the first 24 bytes of the node's 48; the rest stays zero.
+    for (int j = 0; j < 6; ++j)
+      EXPECT_EQ(precision ? double_at(bytes, j * 8) : value_at<float>(bytes, j * 4), v[j]);
+    EXPECT_EQ(std::count(bytes.begin() + (precision ? 48 : 24), bytes.end(), 0), 48000 - (precision ? 48 : 24));
     krxtest::terminate_model();
   }
 }
@@ -127,10 +110,8 @@ TEST_F(VectorStore, RefusesAModeBeyondTheCapacityAndWritesNothing) {
   host.clear();
   EXPECT_EQ(krx::store_node_vector(model, 11, 1, krx::kModeShapes, v), 0);
   EXPECT_EQ(krx::store_node_vector(model, 11, 1, krx::kModalStrain, v), 0);
-  EXPECT_EQ(host.texts(3), std::vector<std::string>(2,
-                                                    "Insufficient room for mode 11 in temporary mode "
-                                                    "shape file.  \nSpecify larger number of modes "
-                                                    "in KRX_Create.\n"));
+  EXPECT_EQ(host.texts(3), std::vector<std::string>(2, "Insufficient room for mode 11 in temporary mode "
+                                                       "shape file.  \nSpecify larger number of modes in KRX_Create.\n"));
   EXPECT_EQ(flushed_bytes(model, krx::kModeShapes), before);
   EXPECT_EQ(krx::kind_node_count(model, krx::kModalStrain), 0);
 }
@@ -200,11 +181,10 @@ TEST_F(VectorStore, ReportsAnUnwritablePathAndStoresNothing) {
   setenv("QOR_TMP_MOD", "/nonexistent-dir/krx/mode.tmp", 1);
   double v[6] = {};
   EXPECT_EQ(krx::store_node_vector(model, 1, 1, krx::kModeShapes, v), 0);
-  EXPECT_EQ(host.texts(3),
-            std::vector<std::string>{
-                "Unable to open temporary mode shape file /nonexistent-dir/krx/mode.tmp.\nTo write "
-                "elsewhere, specify directory name in environment variable TMP,\nor specify path "
-                "name (file name) in environment variable QOR_TMP_MOD."});
+  EXPECT_EQ(host.texts(3), std::vector<std::string>{"Unable to open temporary mode shape file /nonexistent-dir/krx/"
+                                                     "mode.tmp.\nTo write elsewhere, specify directory name in "
+                                                     "environment variable TMP,\nor specify path name (file name) "
+                                                     "in environment variable QOR_TMP_MOD."});
   EXPECT_EQ(model->store[krx::kModeShapes].io.file, nullptr);
   EXPECT_EQ(model->flags[krx::kFlagModeShapes], 0);
 }
@@ -315,11 +295,10 @@ TEST_F(VectorStore, LoadsRecordsOfAModelReadFromAnXdrFile) {
     model->modes = {4, 9};
     std::vector<double> values;
     for (int i = 0; i < 24; ++i) values.push_back(i * 0.5);
-    std::string path = dir.file(single ? "single.krx" : "double.krx");
+    std::string path = dir.file("big_endian.krx");
     write_big_endian(path, values, single);
-    model->own.file = std::fopen(path.c_str(), "rb");
-    ASSERT_NE(model->own.file, nullptr);
-    int width = single ? 4 : 8;
+    ASSERT_NE(model->own.file = std::fopen(path.c_str(), "rb"), nullptr);
+    const int width = single ? 4 : 8;
     krx::VectorSlot &slot = model->store[krx::kModeShapes];
     slot.io.file = model->own.file;
     slot.io.xdr_in_use = 1;
@@ -350,13 +329,11 @@ TEST_F(VectorStore, ReplacementFileTakesOverTheKind) {
   host.clear();
 
   krx::ReplacementFile file;
-  ASSERT_EQ(krx::open_replacement_file(model, krx::kModalStress, 2, 2, "Shortened mode file: %s",
-                                       file),
-            1);
+  ASSERT_EQ(krx::open_replacement_file(model, krx::kModalStress, 2, 2, "Shortened mode file: %s", file), 1);
   EXPECT_EQ(std::filesystem::path(file.io.path).parent_path(),
             std::filesystem::path(old_path).parent_path());
   EXPECT_EQ(host.texts(0), std::vector<std::string>{"Shortened mode file: " + file.io.path});
-  EXPECT_EQ(file_bytes(file.io.path).size(), 2u * 2 * 48);
+  EXPECT_EQ(krxtest::file_bytes(file.io.path).size(), 2u * 2 * 48);
   std::vector<double> first(12), second(12);
   for (int i = 0; i < 12; ++i) first[size_t(i)] = i, second[size_t(i)] = -i;
   ASSERT_EQ(krx::write_replacement_record(file, 0, first.data()), 1);
@@ -378,9 +355,7 @@ TEST_F(VectorStore, ReplacementFileTakesOverTheKind) {
   EXPECT_EQ(slot.record[7], -7.0);
 
   krx::ReplacementFile unused;
-  ASSERT_EQ(krx::open_replacement_file(model, krx::kModeShapes, 1, 1, "Orthogonal mode file: %s",
-                                       unused),
-            1);
+  ASSERT_EQ(krx::open_replacement_file(model, krx::kModeShapes, 1, 1, "Orthogonal mode file: %s", unused), 1);
   std::string unused_path = unused.io.path;
   krx::discard_replacement_file(unused);
   EXPECT_FALSE(std::filesystem::exists(unused_path));
@@ -393,19 +368,14 @@ TEST_F(VectorStore, ReplacementFileInAMissingDirectoryIsRefused) {
   krx::KRXDATA *model = make(3, 2);
   setenv("QOR_TMP_STN", "/nonexistent-dir/strain.tmp", 1);
   krx::ReplacementFile file;
-  EXPECT_EQ(krx::open_replacement_file(model, krx::kModalStrain, 1, 1, "Orthogonal mode file: %s",
-                                       file),
-            0);
+  EXPECT_EQ(krx::open_replacement_file(model, krx::kModalStrain, 1, 1, "Orthogonal mode file: %s", file), 0);
   // The name tried is a fresh "krx_" name in the missing directory.
   auto errors = host.texts(3);
   ASSERT_EQ(errors.size(), 1u);
-  std::string head = "Unable to open /nonexistent-dir/krx_";
-  std::string tail =
-      " for write.  Specify different temporary file directory by\nsetting the QOR_TMP_STN "
-      "environment variable.";
+  const std::string head = "Unable to open /nonexistent-dir/krx_", tail = " for write.  Specify different "
+      "temporary file directory by\nsetting the QOR_TMP_STN environment variable.";
   EXPECT_EQ(errors[0].size(), head.size() + 6 + tail.size());
-  EXPECT_EQ(errors[0].rfind(head, 0), 0u);
-  EXPECT_EQ(errors[0].substr(errors[0].size() - tail.size()), tail);
+  EXPECT_TRUE(errors[0].starts_with(head) && errors[0].ends_with(tail)) << errors[0];
   EXPECT_EQ(file.io.file, nullptr);
 }
 
