@@ -89,15 +89,12 @@ TEST_F(VectorStore, PlacesRecordsByFirstMentionAndNodesBySlot) {
   // Stresses take slots in the order nodes first get a stress, not the node table's order.
   ASSERT_EQ(krx::store_node_vector(model, 7, 502, krx::kModalStress, c), 1);
   ASSERT_EQ(krx::store_node_vector(model, 7, 9, krx::kModalStress, a), 1);
-  EXPECT_EQ(krx::kind_slot(model, krx::kModalStress, 502), 0);
-  EXPECT_EQ(krx::kind_slot(model, krx::kModalStress, 9), 1);
-  EXPECT_EQ(krx::kind_slot(model, krx::kModalStress, 501), -1);
-  EXPECT_EQ(krx::kind_slot(model, krx::kModeShapes, 9), 2);
+  EXPECT_EQ((std::vector<int32_t>{krx::kind_slot(model, krx::kModalStress, 502), krx::kind_slot(model, krx::kModalStress, 9),
+                                  krx::kind_slot(model, krx::kModalStress, 501), krx::kind_slot(model, krx::kModeShapes, 9)}),
+            (std::vector<int32_t>{0, 1, -1, 2}));
   EXPECT_EQ(krx::kind_node_count(model, krx::kModalStress), 2);
-  auto stress = flushed_bytes(model, krx::kModalStress);
-  EXPECT_EQ(double_at(stress, 48), a[0]);
-  EXPECT_EQ(model->flags[krx::kFlagModalStress], 1);
-  EXPECT_EQ(model->flags[krx::kFlagModalStrain], 0);
+  EXPECT_EQ(double_at(flushed_bytes(model, krx::kModalStress), 48), a[0]);
+  EXPECT_TRUE(model->flags[krx::kFlagModalStress] == 1 && model->flags[krx::kFlagModalStrain] == 0);
 }
 
 TEST_F(VectorStore, RefusesAModeBeyondTheCapacityAndWritesNothing) {
@@ -122,8 +119,7 @@ TEST_F(VectorStore, ModeZeroStressAndStrainArePreValuesSharingTheKindsNodeList) 
   double pre[6] = {1, 2, 3, 4, 5, 6};
   ASSERT_EQ(krx::store_node_vector(model, 0, 77, krx::kModalStress, pre), 1);
   EXPECT_EQ(model->store[krx::kModalStress].io.file, nullptr);
-  EXPECT_EQ(model->flags[krx::kFlagPreStress], 1);
-  EXPECT_EQ(model->flags[krx::kFlagModalStress], 0);
+  EXPECT_TRUE(model->flags[krx::kFlagPreStress] == 1 && model->flags[krx::kFlagModalStress] == 0);
   EXPECT_EQ(model->pre_stress, std::vector<double>(pre, pre + 6));
   EXPECT_TRUE(host.texts(0).empty());
 
@@ -132,8 +128,7 @@ TEST_F(VectorStore, ModeZeroStressAndStrainArePreValuesSharingTheKindsNodeList) 
   ASSERT_EQ(krx::store_node_vector(model, 1, 78, krx::kModalStress, s), 1);
   ASSERT_EQ(krx::store_node_value(model, 0, 77, krx::kModalStress, 2, -3.0), 1);
   ASSERT_EQ(krx::load_mode_record(model, 0, krx::kModalStress), 1);
-  EXPECT_EQ(model->store[krx::kModalStress].record,
-            (std::vector<double>{1, 2, -3, 4, 5, 6, 0, 0, 0, 0, 0, 0}));
+  EXPECT_EQ(model->store[krx::kModalStress].record, (std::vector<double>{1, 2, -3, 4, 5, 6, 0, 0, 0, 0, 0, 0}));
   double out[3];
   ASSERT_EQ(krx::node_values(model, 1, krx::kModalStress, 78, 1, out), 1);
   EXPECT_EQ(out[0], 9.0);
@@ -157,21 +152,17 @@ TEST_F(VectorStore, NamesFilesAfterTheEnvironmentAndNotesThemUnlessQuiet) {
     ASSERT_EQ(krx::store_node_vector(model, 1, 1, krx::kModalStrain, v), 1);
     std::string made = model->store[krx::kModalStrain].io.path;
     EXPECT_EQ(model->store[krx::kModeShapes].io.path, given);
-    EXPECT_EQ(std::filesystem::path(made).filename().string().rfind("krx_", 0), 0u);
-    EXPECT_EQ(std::filesystem::path(made).parent_path(), std::filesystem::path(std::getenv("TMP")));
-    EXPECT_EQ(host.texts(0), (std::vector<std::string>{"Temp modeshape file: " + given,
-                                                       "Temp modal strain file: " + made}));
+    EXPECT_TRUE(made.starts_with(std::string(std::getenv("TMP")) + "/krx_")) << made;
+    EXPECT_EQ(host.texts(0), (std::vector<std::string>{"Temp modeshape file: " + given, "Temp modal strain file: " + made}));
     krxtest::terminate_model();
-    EXPECT_FALSE(std::filesystem::exists(given));
-    EXPECT_FALSE(std::filesystem::exists(made));
+    EXPECT_FALSE(std::filesystem::exists(given) || std::filesystem::exists(made));
   }
   {
     RecordingHost host(1);
     krx::KRXDATA *model = make(10, 2);
     double v[6] = {};
     ASSERT_EQ(krx::store_node_vector(model, 1, 1, krx::kModalStress, v), 1);
-    EXPECT_TRUE(host.messages.empty());
-    EXPECT_GE(host.inquiries, 1);
+    EXPECT_TRUE(host.messages.empty() && host.inquiries >= 1);
   }
 }
 
@@ -185,8 +176,7 @@ TEST_F(VectorStore, ReportsAnUnwritablePathAndStoresNothing) {
                                                      "mode.tmp.\nTo write elsewhere, specify directory name in "
                                                      "environment variable TMP,\nor specify path name (file name) "
                                                      "in environment variable QOR_TMP_MOD."});
-  EXPECT_EQ(model->store[krx::kModeShapes].io.file, nullptr);
-  EXPECT_EQ(model->flags[krx::kFlagModeShapes], 0);
+  EXPECT_TRUE(model->store[krx::kModeShapes].io.file == nullptr && model->flags[krx::kFlagModeShapes] == 0);
 }
 
 // Enough nodes that every mode's pending run fills and is written several times over.
@@ -206,32 +196,28 @@ void expect_records(krx::KRXDATA *model, int kind) {
   }
 }
 
-TEST_F(VectorStore, ReadsBackWhatWasStoredInEitherOrder) {
+// Mode by mode, node by node, and scattered over a node table set up beforehand so that no two
+// stores are neighbours.
+TEST_F(VectorStore, ReadsBackWhatWasStoredInAnyOrder) {
   RecordingHost host;
-  double v[6];
   krx::KRXDATA *model = make(kNodes, kModes);
-  for (int mode = 1; mode <= kModes; ++mode)
-    for (int node = 0; node < kNodes; ++node) {
-      vector_for(mode, node, v);
-      ASSERT_EQ(krx::store_node_vector(model, mode, node, krx::kModeShapes, v), 1);
-    }
+  auto store = [&](int mode, int node, int kind) {
+    double v[6];
+    vector_for(mode, node, v);
+    return krx::store_node_vector(model, mode, node, kind, v);
+  };
+  for (int step = 0; step < kNodes * kModes; ++step) {
+    ASSERT_EQ(store(step / kNodes + 1, step % kNodes, krx::kModeShapes), 1);
+    ASSERT_EQ(store(step % kModes + 1, step / kModes, krx::kModalStrain), 1);
+  }
   expect_records(model, krx::kModeShapes);
-  for (int node = 0; node < kNodes; ++node)
-    for (int mode = 1; mode <= kModes; ++mode) {
-      vector_for(mode, node, v);
-      ASSERT_EQ(krx::store_node_vector(model, mode, node, krx::kModalStrain, v), 1);
-    }
   expect_records(model, krx::kModalStrain);
   EXPECT_TRUE(host.texts(3).empty());
-
-  // Scattered order over a node table set up beforehand: no two stores are neighbours.
   model = make(kNodes, kModes);
   for (int node = 0; node < kNodes; ++node) krx::add_node(model, node);
   for (int step = 0; step < kNodes * kModes; ++step) {
     int which = int((int64_t(step) * 7919) % (kNodes * kModes));
-    int mode = which % kModes + 1, node = which / kModes;
-    vector_for(mode, node, v);
-    ASSERT_EQ(krx::store_node_vector(model, mode, node, krx::kModeShapes, v), 1);
+    ASSERT_EQ(store(which % kModes + 1, which / kModes, krx::kModeShapes), 1);
   }
   expect_records(model, krx::kModeShapes);
 }
@@ -251,6 +237,7 @@ TEST_F(VectorStore, SeesStoresMadeBetweenReads) {
   EXPECT_EQ(out[2], -6.0);
   ASSERT_EQ(krx::node_values(model, 6, krx::kModeShapes, 1, 0, out), 1);
   EXPECT_EQ(out[0], -1.0);
+  // An unknown mode or node has no values.
   EXPECT_EQ(krx::node_values(model, 7, krx::kModeShapes, 1, 0, out), 0);
   EXPECT_EQ(krx::node_values(model, 6, krx::kModeShapes, 2, 0, out), 0);
 }
@@ -260,12 +247,10 @@ TEST_F(VectorStore, ScalesTranslationsAndStressesOnLoadButNeverStrains) {
   krx::KRXDATA *model = make(2, 1);
   model->own.precision = 0;
   double v[6] = {1, 2, 3, 4, 5, 6};
-  for (int kind : {krx::kModeShapes, krx::kModalStress, krx::kModalStrain})
-    ASSERT_EQ(krx::store_node_vector(model, 1, 8, kind, v), 1);
+  for (int kind : {krx::kModeShapes, krx::kModalStress, krx::kModalStrain}) ASSERT_EQ(krx::store_node_vector(model, 1, 8, kind, v), 1);
   model->length_ratio = 2.0;
   model->force_ratio = 8.0;
-  for (int kind : {krx::kModeShapes, krx::kModalStress, krx::kModalStrain})
-    ASSERT_EQ(krx::load_mode_record(model, 1, kind), 1);
+  for (int kind : {krx::kModeShapes, krx::kModalStress, krx::kModalStrain}) ASSERT_EQ(krx::load_mode_record(model, 1, kind), 1);
   EXPECT_EQ(model->store[krx::kModeShapes].record, (std::vector<double>{2, 4, 6, 4, 5, 6}));
   EXPECT_EQ(model->store[krx::kModalStress].record, (std::vector<double>{2, 4, 6, 8, 10, 12}));
   EXPECT_EQ(model->store[krx::kModalStrain].record, (std::vector<double>{1, 2, 3, 4, 5, 6}));
@@ -315,7 +300,7 @@ TEST_F(VectorStore, LoadsRecordsOfAModelReadFromAnXdrFile) {
     EXPECT_EQ(host.texts(3), std::vector<std::string>{"Problem reading mode shape 4"});
     EXPECT_EQ(slot.held_mode, 0);
     krxtest::terminate_model();
-    EXPECT_TRUE(std::filesystem::exists(path));
+    EXPECT_TRUE(std::filesystem::exists(path));  // the model's own file is not a temporary
   }
 }
 
@@ -341,8 +326,7 @@ TEST_F(VectorStore, ReplacementFileTakesOverTheKind) {
   EXPECT_EQ(krx::write_replacement_record(file, 2, second.data()), 0);
   std::string new_path = file.io.path;
   ASSERT_EQ(krx::install_replacement_file(model, file), 1);
-  EXPECT_FALSE(std::filesystem::exists(old_path));
-  EXPECT_EQ(file.io.file, nullptr);
+  EXPECT_TRUE(!std::filesystem::exists(old_path) && file.io.file == nullptr);
 
   auto &slot = model->store[krx::kModalStress];
   slot.nodes.resize(2);  // the caller's part of a shortened file
@@ -351,8 +335,7 @@ TEST_F(VectorStore, ReplacementFileTakesOverTheKind) {
   EXPECT_EQ(slot.record, first);
   ASSERT_EQ(krx::store_node_value(model, 2, 2, krx::kModalStress, 0, 7.0), 1);
   ASSERT_EQ(krx::load_mode_record(model, 2, krx::kModalStress), 1);
-  EXPECT_EQ(slot.record[6], 7.0);
-  EXPECT_EQ(slot.record[7], -7.0);
+  EXPECT_TRUE(slot.record[6] == 7.0 && slot.record[7] == -7.0);
 
   krx::ReplacementFile unused;
   ASSERT_EQ(krx::open_replacement_file(model, krx::kModeShapes, 1, 1, "Orthogonal mode file: %s", unused), 1);
