@@ -126,7 +126,6 @@ TEST(LuKernels, ZeroLeadingColumnIsRefusedWhileAZeroLastPivotShowsInTheSolve) {
   double *rows[3] = {m[0], m[1], m[2]};
   int32_t perm[3];
   EXPECT_EQ(krx::lu_decompose(rows, 3, perm), 0);
-
   double s[3][3] = {{2, 1, 1}, {0, 3, 1}, {0, 0, 0}};  // singular in the last pivot only
   double *srows[3] = {s[0], s[1], s[2]};
   double rhs[3] = {1, 2, 3};
@@ -245,7 +244,7 @@ TEST(QzKernels, GeneralPencilsWithComplexPairsAgreeWithTheReference) {
     // Complex eigenvectors: (beta A - alpha B)(zr + i zi) = 0 for the pair's first member.
     for (int j = 0; j + 1 < n; ++j) {
       if (q.ai[j] == 0.0) continue;
-      C alpha(q.ar[j], q.ai[j]);
+      const C alpha(q.ar[j], q.ai[j]);
       double res = 0, scale = 0;
       for (int i = 0; i < n; ++i) {
         C s = 0;

@@ -122,9 +122,10 @@ struct RoundTrip {
   std::string path = dir.file("plate.krx");
   KRXDATA *model = nullptr;
   ~RoundTrip() { krxtest::terminate_model(); }
-  KRXDATA *write_and_read(const char *options) {
+  KRXDATA *write_and_read(const char *options, void (*before_write)() = nullptr) {
     krxtest::OptionsGuard guard(options);
     build_plate();
+    if (before_write) before_write();
     model = krx::current_model();
     if (krxtest::write_krx(path) != 0) return nullptr;
     KRXDATA *read = krx::find_or_read_model(path.c_str());
@@ -331,16 +332,14 @@ TEST(WriteRigidFile, EmptyKeepsTheRigidBodyContentOnly) {
 
 TEST(WriteUnits, MksConvertsTheModelAndTheFile) {
   RoundTrip t;
-  krxtest::OptionsGuard options("MKS");
-  build_plate();
-  int status = 0;
-  double mass = 1000.0, length = 0.001, time = 1.0, force = 1.0;
-  KRX_UNITS_SI_MULTIPLIERS(&mass, &length, &time, &force, &status);
-  ASSERT_EQ(status, 0);
-  ASSERT_EQ(krxtest::write_krx(t.path), 0);
-  KRXDATA *read = krx::find_or_read_model(t.path.c_str());
+  KRXDATA *read = t.write_and_read("MKS", [] {
+    int status = 0;
+    double mass = 1000.0, length = 0.001, time = 1.0, force = 1.0;
+    KRX_UNITS_SI_MULTIPLIERS(&mass, &length, &time, &force, &status);
+    ASSERT_EQ(status, 0);
+  });
   ASSERT_NE(read, nullptr);
-  EXPECT_STREQ(krx::current_model()->length_unit.data(), "METER");
+  EXPECT_STREQ(t.model->length_unit.data(), "METER");
   EXPECT_STREQ(read->mass_unit.data(), "KILOGRAM");
   EXPECT_STREQ(read->length_unit.data(), "METER");
   int32_t at = krx::node_position(read, node_id(5));
