@@ -90,10 +90,8 @@ inline bool write_sample(const std::string &path, const Sample &s) {
   ok = ok && write_nodal_masses_block(b, masses);
   ok = ok && write_nodal_inertia_block(b, {{s.ids[0], 4, 4, 1.5}, {s.ids[0], 5, 4, 0.25}, {s.ids[1], 6, 6, 2.5}});
   std::array<std::array<char, 16>, 4> units{};
-  std::snprintf(units[0].data(), 16, "KILOGRAM");
-  std::snprintf(units[1].data(), 16, "METER");
-  std::snprintf(units[2].data(), 16, "SECOND");
-  std::snprintf(units[3].data(), 16, "NEWTON");
+  const char *names[4] = {"KILOGRAM", "METER", "SECOND", "NEWTON"};
+  for (int u = 0; u < 4; ++u) std::snprintf(units[u].data(), 16, "%s", names[u]);
   ok = ok && write_units_block(b, units);
   MatrixBlock k{M, {{1, 1, 4.0, 1}, {2, 2, 16.0, 1}}};
   MatrixBlock m{M, {{1, 1, 1.0, 1}, {2, 2, 1.0, 1}}};

@@ -3,11 +3,8 @@
 #include <gtest/gtest.h>
 
 #include <functional>
-#include <string>
-#include <vector>
 
 #include "host/krx_fortran.h"
-#include "model/krxdata.h"
 #include "testsupport.h"
 
 using krxtest::Message;
@@ -18,6 +15,7 @@ namespace {
 struct Frame : ::testing::Test {
   void TearDown() override { krxtest::terminate_model(); }
   krx::KRXDATA &model() { return *krx::current_model(); }
+  int status = -1;
 };
 
 TEST_F(Frame, EveryEntryWithoutAModelReportsOnceAndFails) {
@@ -76,12 +74,10 @@ TEST_F(Frame, EveryEntryWithoutAModelReportsOnceAndFails) {
   };
   for (std::size_t entry = 0; entry < entries.size(); ++entry) {
     RecordingHost host;
-    int status = -1;
+    status = -1;
     entries[entry](&status);
     EXPECT_EQ(status, 1) << "entry " << entry;
-    EXPECT_EQ(host.messages,
-              std::vector<Message>({{3, "No KRXDATA object.  Call KRX_CREATE first"}}))
-        << "entry " << entry;
+    EXPECT_EQ(host.messages, std::vector<Message>({{3, "No KRXDATA object.  Call KRX_CREATE first"}})) << "entry " << entry;
   }
   EXPECT_EQ(k, 3);  // the mode count is not touched without a model
 }
@@ -93,25 +89,19 @@ TEST_F(Frame, HeaderTextsAreCutAtTheirFieldsAndLoseTrailingBlanks) {
   const char *blanks = "        ";
   const char *type = "AB  ";
   std::string comment = "note   ";
-  int status = -1;
-  KRX_SET_HEADER(title.c_str(), blanks, type, comment.c_str(), "x", "", &status, 200, 8, 4,
-                 int(comment.size()), 1, 0);
+  KRX_SET_HEADER(title.c_str(), blanks, type, comment.c_str(), "x", "", &status, 200, 8, 4, int(comment.size()), 1, 0);
   EXPECT_EQ(status, 0);
   EXPECT_EQ(std::string(model().title.data()), std::string(127, 'T'));
-  EXPECT_EQ(std::string(model().input_name.data()), "");
   EXPECT_EQ(std::string(model().input_type.data()), "AB");
-  EXPECT_EQ(std::string(model().comments[0].data()), "note");
-  EXPECT_EQ(std::string(model().comments[1].data()), "x");
   // Cut without a message: the notes say what was kept, and nothing warns.
   EXPECT_TRUE(host.texts(2).empty());
-  EXPECT_EQ(host.texts(0), (std::vector<std::string>{"Title: " + std::string(127, 'T'), "Name : ",
-                                                     "Type : AB", "Comment 1: note",
-                                                     "Comment 2: x", "Comment 3: "}));
+  EXPECT_EQ(host.texts(0), (std::vector<std::string>{"Title: " + std::string(127, 'T'), "Name : ", "Type : AB",
+                                                     "Comment 1: note", "Comment 2: x", "Comment 3: "}));
 }
 
 TEST_F(Frame, LoadLabelsAndLoadCasesAreOneBasedForTheHost) {
   krxtest::create_model(10, 4);
-  int load_case = 2, mode = 7, status = -1;
+  int load_case = 2, mode = 7;
   double value = 4.5;
   KRX_SET_MODAL_LOAD(&load_case, &mode, &value, &status);
   EXPECT_EQ(status, 0);
@@ -136,7 +126,7 @@ TEST_F(Frame, FacesOutsideTwoToEightVerticesAreRefusedButTheHostGoesOn) {
   RecordingHost host;
   int ids[9] = {1, 2, 3, 4, 5, 6, 7, 8, 9};
   for (int count : {1, 9, 0, -3}) {
-    int status = -1;
+    status = -1;
     KRX_SET_FACE(&count, ids, &status);
     EXPECT_EQ(status, 0);
     EXPECT_TRUE(host.has(3, "Unable to create a face with " + std::to_string(count) + " vertices"));
@@ -144,7 +134,7 @@ TEST_F(Frame, FacesOutsideTwoToEightVerticesAreRefusedButTheHostGoesOn) {
   EXPECT_EQ(model().face_count, 0);
   EXPECT_EQ(krx::node_count(&model()), 0);
 
-  int count = 8, status = -1;
+  int count = 8;
   KRX_SET_FACE(&count, ids, &status);
   EXPECT_EQ(status, 0);
   EXPECT_EQ(model().face_count, 1);
@@ -155,15 +145,13 @@ TEST_F(Frame, FacesOutsideTwoToEightVerticesAreRefusedButTheHostGoesOn) {
   KRX_SET_FACE8(n, n + 1, n + 2, n + 3, n + 4, n + 5, n + 6, n + 7, &status);
   EXPECT_EQ(model().face_count, 4);
   ASSERT_EQ(model().faces.size(), 27u);
-  EXPECT_EQ(model().faces[9], 2);
-  EXPECT_EQ(model().faces[12], 5);
-  EXPECT_EQ(model().faces[18], 8);
+  EXPECT_TRUE(model().faces[9] == 2 && model().faces[12] == 5 && model().faces[18] == 8);
 }
 
 TEST_F(Frame, ModeCountIsStoredWhileTheStatusAlwaysSaysFailure) {
   krxtest::create_model(10, 5);
   for (int number : {4, 9, 4, 1}) krx::register_mode(&model(), number);
-  int count = -1, status = -1;
+  int count = -1;
   KRX_GET_MODE_COUNT(&count, &status);
   EXPECT_EQ(count, 3);
   EXPECT_EQ(status, 1);
@@ -172,7 +160,7 @@ TEST_F(Frame, ModeCountIsStoredWhileTheStatusAlwaysSaysFailure) {
 TEST_F(Frame, InertiaMatrixUsesTheValuesBelowTheDiagonalAndWarnsWhenUnsymmetric) {
   krxtest::create_model(10, 2);
   RecordingHost host;
-  int node = 5, status = -1;
+  int node = 5;
   // Column order: (1,1) (2,1) (3,1) (1,2) (2,2) (3,2) (1,3) (2,3) (3,3).
   double symmetric[9] = {1, 4, 5, 4, 2, 6, 5, 6, 3};
   KRX_SET_NODAL_INERTIA_MAT(&node, symmetric, &status);
@@ -181,16 +169,14 @@ TEST_F(Frame, InertiaMatrixUsesTheValuesBelowTheDiagonalAndWarnsWhenUnsymmetric)
   double unsymmetric[9] = {1, 4, 5, 40, 2, 6, 50, 60, 3};
   KRX_SET_NODAL_INERTIA_MAT(&node, unsymmetric, &status);
   EXPECT_EQ(status, 0);
-  EXPECT_EQ(host.messages, std::vector<Message>({{2, "Unsymmetric Inertia Tensor supplied to "
-                                                      "KRX_SET_NODAL_INERTIA_MAT"}}));
-  const auto &inertia = *model().nodes[0].inertia;
-  EXPECT_EQ(inertia, (std::array<double, 6>{1, 2, 3, 4, 5, 6}));
+  EXPECT_EQ(host.messages, std::vector<Message>({{2, "Unsymmetric Inertia Tensor supplied to KRX_SET_NODAL_INERTIA_MAT"}}));
+  EXPECT_EQ(*model().nodes[0].inertia, (std::array<double, 6>{1, 2, 3, 4, 5, 6}));
 }
 
 TEST_F(Frame, Invariants8And9ArriveInColumnOrderAndAreKeptRowByRow) {
   krxtest::create_model(10, 2);
   krx::register_mode(&model(), 11);
-  int mode = 11, status = -1;
+  int mode = 11;
   double column_order[9] = {1, 2, 3, 4, 5, 6, 7, 8, 9};
   KRX_SET_INVAR8(&mode, column_order, &status);
   EXPECT_EQ(status, 0);
@@ -204,27 +190,20 @@ TEST_F(Frame, Invariants8And9ArriveInColumnOrderAndAreKeptRowByRow) {
   EXPECT_EQ(model().invariant7, (std::vector<double>{1, 2, 3, 4, 5, 6, 7, 8, 9}));
 }
 
-TEST_F(Frame, TransformToSelectedModesRefusesNullAndEmptyModels) {
-  krxtest::create_model(10, 3);
-  RecordingHost host;
-  int selected[1] = {1}, count = 1, status = -1;
-  KRX_GET_TRANSFORM_TO_SELMOD(nullptr, selected, &count, &status);
-  EXPECT_EQ(status, 1);
-  double t[9] = {};
-  KRX_GET_TRANSFORM_TO_SELMOD(t, selected, &count, &status);
-  EXPECT_EQ(status, 1);
-  EXPECT_EQ(host.messages,
-            std::vector<Message>(
-                {{3, "NULL argument T passed into KRX_GET_TRANSFORM_TO_SELMOD\n"},
-                 {3, "Invalid mode count found at line 1573 in file ..\\krx_fortran.\n"}}));
-}
-
 TEST_F(Frame, TransformToSelectedModesKeepsTheSelectedRowsColumnAfterColumn) {
   krxtest::create_model(10, 3);
+  RecordingHost host;
+  int selected[2] = {30, 10}, count = 2;
+  double t[6] = {-1, -1, -1, -1, -1, -1};
+  // A null matrix and a model without modes are refused.
+  KRX_GET_TRANSFORM_TO_SELMOD(nullptr, selected, &count, &status);
+  EXPECT_EQ(status, 1);
+  KRX_GET_TRANSFORM_TO_SELMOD(t, selected, &count, &status);
+  EXPECT_EQ(status, 1);
+  EXPECT_EQ(host.messages, std::vector<Message>({{3, "NULL argument T passed into KRX_GET_TRANSFORM_TO_SELMOD\n"},
+                                                 {3, "Invalid mode count found at line 1573 in file ..\\krx_fortran.\n"}}));
   for (int number : {10, 20, 30}) krx::register_mode(&model(), number);
   // Without orthonormalisation the transformation is the identity: the rows of modes 30 and 10.
-  int selected[2] = {30, 10}, count = 2, status = -1;
-  double t[6] = {-1, -1, -1, -1, -1, -1};
   KRX_GET_TRANSFORM_TO_SELMOD(t, selected, &count, &status);
   EXPECT_EQ(status, 0);
   EXPECT_EQ(std::vector<double>(t, t + 6), (std::vector<double>{0, 1, 0, 0, 1, 0}));
@@ -232,7 +211,7 @@ TEST_F(Frame, TransformToSelectedModesKeepsTheSelectedRowsColumnAfterColumn) {
 
 TEST_F(Frame, ModalStressReadsBackBothHalvesOfTheNodeRecord) {
   krxtest::create_model(10, 2);
-  int mode = 3, node = 42, status = -1;
+  int mode = 3, node = 42;
   double values[6] = {1, 2, 3, 4, 5, 6};
   KRX_SET_MODAL_STRESS_VEC(&mode, &node, values, &status);
   ASSERT_EQ(status, 0);

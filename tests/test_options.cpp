@@ -2,8 +2,6 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
-#include <string>
-#include <vector>
 
 #include "format/krxoptions.h"
 #include "testsupport.h"
@@ -25,27 +23,19 @@ std::vector<std::string> texts(const WriteOptions &options) {
 TEST(WriteOptions, NoTextGivesXdrDoublePrecisionGeneration60) {
   for (const char *text : {static_cast<const char *>(nullptr), "", "nothing we know"}) {
     WriteOptions options = parse_write_options(text);
-    EXPECT_EQ(options.version, 316);
-    EXPECT_EQ(options.generation, 60);
-    EXPECT_TRUE(options.xdr);
-    EXPECT_FALSE(options.single);
-    EXPECT_EQ(options.highpass, -1.0);
-    EXPECT_EQ(options.lowpass, 1.0e8);
-    EXPECT_EQ(options.invariants, Invariants::none);
-    EXPECT_FALSE(options.failed);
-    EXPECT_TRUE(options.messages.empty());
+    EXPECT_TRUE(options.version == 316 && options.generation == 60 && options.xdr && !options.single);
+    EXPECT_TRUE(options.highpass == -1.0 && options.lowpass == 1.0e8 && options.invariants == Invariants::none);
+    EXPECT_TRUE(!options.failed && options.messages.empty());
   }
 }
 
-struct CodeCase {
-  const char *text;
-  int32_t version;
-  bool xdr;
-  bool single;
-};
-
 TEST(WriteOptions, VersionCodeStepsRunInFixedOrderWhateverTheWordOrder) {
-  const CodeCase cases[] = {
+  struct Case {
+    const char *text;
+    int32_t version;
+    bool xdr, single;
+  };
+  const Case cases[] = {
       {"full_str single no_xdr", 50, false, true},
       {"no_xdr,single,full_str", 50, false, true},
       {"single full_str", 51, true, true},
@@ -60,26 +50,17 @@ TEST(WriteOptions, VersionCodeStepsRunInFixedOrderWhateverTheWordOrder) {
       {"82_comp81_comp", 10, false, false},
       {"NO_XDR Single", 316, true, false},
   };
-  for (const CodeCase &c : cases) {
+  for (const Case &c : cases) {
     WriteOptions options = parse_write_options(c.text);
     EXPECT_EQ(options.version, c.version) << c.text;
     EXPECT_EQ(options.generation, c.version & 0xFF) << c.text;
-    EXPECT_EQ(options.xdr, c.xdr) << c.text;
-    EXPECT_EQ(options.single, c.single) << c.text;
-    EXPECT_FALSE(options.failed) << c.text;
+    EXPECT_TRUE(options.xdr == c.xdr && options.single == c.single && !options.failed) << c.text;
   }
 }
 
-TEST(WriteOptions, ConflictsFailButStillSettleTheCode) {
-  WriteOptions precision = parse_write_options("82_comp single");
-  EXPECT_TRUE(precision.failed);
-  EXPECT_EQ(precision.version, 20);
-  EXPECT_EQ(precision.messages,
-            (std::vector<OptionMessage>{{3, "8.2 compatible KRX cannot be single precision"}}));
-  EXPECT_EQ(parse_write_options("sparse_str full_str").version, 41);
-}
-
+// Conflicts fail but still settle the code.
 TEST(WriteOptions, EveryConflictIsReportedInStepOrder) {
+  EXPECT_EQ(parse_write_options("sparse_str full_str").version, 41);
   WriteOptions options = parse_write_options("81_comp 82_comp fast_invar single full_str sparse_str");
   EXPECT_TRUE(options.failed);
   EXPECT_EQ(options.version, 10);
@@ -93,6 +74,8 @@ TEST(WriteOptions, EveryConflictIsReportedInStepOrder) {
                                 "8.1 compatible KRX cannot have sparse stress or strain modes",
                             }));
   for (const OptionMessage &m : options.messages) EXPECT_EQ(m.level, 3);
+  EXPECT_EQ(parse_write_options("82_comp single").messages,
+            (std::vector<OptionMessage>{{3, "8.2 compatible KRX cannot be single precision"}}));
 }
 
 TEST(WriteOptions, InvarAloneIsIllegalAndFullInvarContainsIt) {
@@ -101,28 +84,18 @@ TEST(WriteOptions, InvarAloneIsIllegalAndFullInvarContainsIt) {
   EXPECT_TRUE(parse_write_options("full_invar").messages.empty());
   for (const char *text : {"invar", "invariants", "fullinvar"}) {
     WriteOptions options = parse_write_options(text);
-    EXPECT_EQ(options.invariants, Invariants::illegal) << text;
-    EXPECT_FALSE(options.failed) << text;
-    EXPECT_EQ(options.messages,
-              (std::vector<OptionMessage>{{2, "Illegal invariants option, use full_invar or fast_invar."}}));
+    EXPECT_TRUE(options.invariants == Invariants::illegal && !options.failed) << text;
+    EXPECT_EQ(options.messages, (std::vector<OptionMessage>{{2, "Illegal invariants option, use full_invar or fast_invar."}}));
   }
   // The compatibility check looks for the word, legal or not.
   EXPECT_TRUE(parse_write_options("81_comp full_invar").failed);
 }
 
 TEST(WriteOptions, FlagWordsAreCaseSensitiveSubstrings) {
-  WriteOptions options = parse_write_options("lbrf2cmstrip_faceno_ortho sparse_str emptyMKS");
-  EXPECT_TRUE(options.lbrf2cm);
-  EXPECT_TRUE(options.strip_face);
-  EXPECT_TRUE(options.no_ortho);
-  EXPECT_TRUE(options.sparse_str);
-  EXPECT_TRUE(options.empty);
-  EXPECT_TRUE(options.mks);
-  EXPECT_FALSE(options.full_str);
+  WriteOptions o = parse_write_options("lbrf2cmstrip_faceno_ortho sparse_str emptyMKS");
+  EXPECT_TRUE(o.lbrf2cm && o.strip_face && o.no_ortho && o.sparse_str && o.empty && o.mks && !o.full_str);
   WriteOptions lower = parse_write_options("mks Empty LBRF2CM");
-  EXPECT_FALSE(lower.mks);
-  EXPECT_FALSE(lower.empty);
-  EXPECT_FALSE(lower.lbrf2cm);
+  EXPECT_FALSE(lower.mks || lower.empty || lower.lbrf2cm);
 }
 
 TEST(WriteOptions, FrequenciesReadTheScannedTextAsANumber) {
@@ -164,27 +137,15 @@ TEST(WriteOptions, ArgumentsUpTo1024CharactersAreTakenLongerOnesFail) {
   EXPECT_EQ(parse_write_options(("coarsen(" + args + ")").c_str()).coarsen, args);
   EXPECT_EQ(parse_write_options(("lowpass(" + std::string(1023, ' ') + "5)").c_str()).lowpass, 5.0);
 
-  struct Case {
-    std::string text;
-    const char *message;
-  };
-  const Case cases[] = {
-      {"sketch(\"" + name + "n\")", "The argument of the writer option sketch( is longer than 1024 characters."},
-      {"sketch(" + name + "n)", "The argument of the writer option sketch( is longer than 1024 characters."},
-      {"coarsen(" + args + "1", "The argument of the writer option coarsen( is longer than 1024 characters."},
-      {"lowpass(" + std::string(1024, ' ') + "5)",
-       "The argument of the writer option lowpass( is longer than 1024 characters."},
-      {"highpass(" + std::string(2000, '9'), "The argument of the writer option highpass( is longer than 1024 characters."},
-  };
-  for (const Case &c : cases) {
-    WriteOptions options = parse_write_options(c.text.c_str());
-    EXPECT_TRUE(options.failed);
-    EXPECT_EQ(options.messages, (std::vector<OptionMessage>{{3, c.message}}));
-    EXPECT_EQ(options.sketch_file, "");
-    EXPECT_EQ(options.coarsen, "");
-    EXPECT_EQ(options.lowpass, 1.0e8);
-    EXPECT_EQ(options.highpass, -1.0);
-    EXPECT_EQ(options.version, 316);
+  const std::pair<std::string, std::string> cases[] = {
+      {"sketch(\"" + name + "n\")", "sketch("}, {"sketch(" + name + "n)", "sketch("}, {"coarsen(" + args + "1", "coarsen("},
+      {"lowpass(" + std::string(1024, ' ') + "5)", "lowpass("}, {"highpass(" + std::string(2000, '9'), "highpass("}};
+  for (const auto &[text, word] : cases) {
+    WriteOptions o = parse_write_options(text.c_str());
+    EXPECT_TRUE(o.failed);
+    EXPECT_EQ(o.messages, (std::vector<OptionMessage>{
+                              {3, "The argument of the writer option " + word + " is longer than 1024 characters."}}));
+    EXPECT_TRUE(o.sketch_file.empty() && o.coarsen.empty() && o.lowpass == 1.0e8 && o.highpass == -1.0 && o.version == 316);
   }
 }
 
@@ -217,21 +178,16 @@ TEST(WriteOptions, ReadsTheEnvironmentEachTime) {
 }
 
 TEST(FrequencyBand, ExportsModesAboveHighpassUpToAndIncludingLowpass) {
-  const std::vector<double> hertz = {0.0, 0.0, 3.0, 5.0, 7.0, 50.0, 51.0, 60.0};
-  const std::vector<double> mass(hertz.size(), 1.0);
-  krx::ModeBand band = krx::select_frequency_band(hertz, mass, 5.0, 50.0);
-  EXPECT_EQ(band.first, 4);
-  EXPECT_EQ(band.count, 2);
-  band = krx::select_frequency_band(hertz, mass, krx::kDefaultHighpass, krx::kDefaultLowpass);
-  EXPECT_EQ(band.first, 0);
-  EXPECT_EQ(band.count, 8);
+  const std::vector<double> spread = {0.0, 0.0, 3.0, 5.0, 7.0, 50.0, 51.0, 60.0}, unit(spread.size(), 1.0);
+  auto band = [&](double high, double low) {
+    krx::ModeBand b = krx::select_frequency_band(spread, unit, high, low);
+    return std::pair(b.first, b.count);
+  };
+  EXPECT_EQ(band(5.0, 50.0), std::pair(4, 2));
+  EXPECT_EQ(band(krx::kDefaultHighpass, krx::kDefaultLowpass), std::pair(0, 8));
   // No mode above the high-pass frequency: the band starts at the first mode.
-  band = krx::select_frequency_band(hertz, mass, 100.0, krx::kDefaultLowpass);
-  EXPECT_EQ(band.first, 0);
-  EXPECT_EQ(band.count, 8);
-}
-
-TEST(FrequencyBand, EndsAtTheFirstMasslessModeAndNeverGoesNegative) {
+  EXPECT_EQ(band(100.0, krx::kDefaultLowpass), std::pair(0, 8));
+  // The band ends at the first massless mode and never goes negative.
   const std::vector<double> hertz = {1.0, 2.0, 3.0, 4.0};
   EXPECT_EQ(krx::select_frequency_band(hertz, std::vector<double>{1.0, 1.0, 0.0, 1.0}, -1.0, 1.0e8).count, 2);
   // Searched from the first mode, so a massless mode before the high-pass start empties the band.

@@ -3,13 +3,11 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/resource.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cmath>
-#include <cstdlib>
-#include <string>
+#include <filesystem>
 
 #include "../examples/chain_model.h"
 #include "format/krxread.h"
@@ -21,18 +19,8 @@
 
 namespace {
 
-bool exists(const std::string &path) {
-  struct stat st;
-  return ::stat(path.c_str(), &st) == 0;
-}
-
-struct OptionsGuard {
-  explicit OptionsGuard(const char *text) {
-    if (text) setenv("QOR_KRXWRITE_OPTIONS", text, 1);
-    else unsetenv("QOR_KRXWRITE_OPTIONS");
-  }
-  ~OptionsGuard() { unsetenv("QOR_KRXWRITE_OPTIONS"); }
-};
+using krxtest::write_krx;
+bool exists(const std::string &path) { return std::filesystem::exists(path); }
 
 // A small model: four nodes with masses, two faces, one interface node, no modes.
 void small_model() {
@@ -49,60 +37,41 @@ void small_model() {
   KRX_SET_INTERFACE_NODE(&interface_node, &status);
 }
 
-int write(const std::string &path) {
-  int status = -1;
-  KRX_WRITE_KRX(path.c_str(), &status, int(path.size()));
-  return status;
-}
-
-TEST(WriteFailures, RefusesTheModelsOwnFileBeforeOpeningAnything) {
+struct WriteTest : ::testing::Test {
+  void SetUp() override { small_model(); }
+  void TearDown() override { krxtest::terminate_model(); }
   krxtest::RecordingHost host;
   krxtest::TempDir dir;
-  small_model();
+};
+
+TEST_F(WriteTest, RefusesTheModelsOwnFileBeforeOpeningAnything) {
   std::string path = dir.file("own.krx");
-  ASSERT_EQ(write(path), 0);
-  struct stat before;
-  ASSERT_EQ(::stat(path.c_str(), &before), 0);
+  ASSERT_EQ(write_krx(path), 0);
+  const std::vector<char> before = krxtest::file_bytes(path);
   // The file read back becomes the current model and is written onto itself.
-  krx::KRXDATA *read = krx::find_or_read_model(path.c_str());
-  ASSERT_NE(read, nullptr);
-  krx::current_model() = read;
-  EXPECT_EQ(write(path), 1);
+  krxtest::terminate_model();
+  krx::current_model() = krx::find_or_read_model(path.c_str());
+  ASSERT_NE(krx::current_model(), nullptr);
+  EXPECT_EQ(write_krx(path), 1);
   EXPECT_TRUE(host.has(krx::kError, "The output KRX name must be different than the current KRX "
-                                    "name.\n  Current KRX name:  " + path +
-                                        "\n  Output KRX name:  " + path));
-  struct stat after;
-  ASSERT_EQ(::stat(path.c_str(), &after), 0);
-  EXPECT_EQ(after.st_size, before.st_size);
+                                    "name.\n  Current KRX name:  " + path + "\n  Output KRX name:  " + path));
+  EXPECT_EQ(krxtest::file_bytes(path), before);
   // Written elsewhere, the read model makes the same file again.
-  EXPECT_EQ(write(dir.file("copy.krx")), 0);
-  struct stat copy;
-  ASSERT_EQ(::stat(dir.file("copy.krx").c_str(), &copy), 0);
-  EXPECT_EQ(copy.st_size, before.st_size);
-  krxtest::terminate_model();
+  EXPECT_EQ(write_krx(dir.file("copy.krx")), 0);
+  EXPECT_EQ(krxtest::file_bytes(dir.file("copy.krx")).size(), before.size());
 }
 
-TEST(WriteFailures, ReportsAnUnopenablePath) {
-  krxtest::RecordingHost host;
-  krxtest::TempDir dir;
-  small_model();
+TEST_F(WriteTest, FailuresReportOnceAndLeaveNoFile) {
   std::string path = dir.file("missing/dir/out.krx");
-  EXPECT_EQ(write(path), 1);
-  EXPECT_TRUE(host.has(krx::kError, "Unable to open " + path +
-                                        " for write. Please check write permissions."));
-  krxtest::terminate_model();
-}
-
-TEST(WriteFailures, AnOptionConflictWritesNoBlockAndRemovesTheFile) {
-  krxtest::RecordingHost host;
-  krxtest::TempDir dir;
-  OptionsGuard options("full_str sparse_str");
-  small_model();
-  std::string path = dir.file("conflict.krx");
-  EXPECT_EQ(write(path), 1);
+  EXPECT_EQ(write_krx(path), 1);
+  EXPECT_EQ(host.texts(krx::kError), std::vector<std::string>{"Unable to open " + path + " for write. Please check write permissions."});
+  // An option conflict writes no block and removes the file.
+  krxtest::OptionsGuard options("full_str sparse_str");
+  path = dir.file("conflict.krx");
+  host.clear();
+  EXPECT_EQ(write_krx(path), 1);
   EXPECT_TRUE(host.has(krx::kError, "Problem writing version number."));
   EXPECT_FALSE(exists(path));
-  krxtest::terminate_model();
 }
 
 // A full disk: the file size limit is set to half the file's length in a child process that
@@ -115,16 +84,12 @@ TEST(WriteFailures, AWriteThatFailsMidFileRemovesTheFile) {
   if (child == 0) {
     krxtest::RecordingHost host;
     small_model();
-    if (write(dir.file("whole.krx")) != 0) _exit(2);
-    struct stat st;
-    if (::stat(dir.file("whole.krx").c_str(), &st) != 0) _exit(3);
+    if (write_krx(dir.file("whole.krx")) != 0) _exit(2);
     signal(SIGXFSZ, SIG_IGN);
-    rlim_t half = rlim_t(st.st_size / 2);
+    rlim_t half = rlim_t(std::filesystem::file_size(dir.file("whole.krx")) / 2);
     struct rlimit limit = {half, half};
     setrlimit(RLIMIT_FSIZE, &limit);
-    int status = write(path);
-    bool failed = status == 1 && !exists(path);
-    _exit(failed ? 0 : 1);
+    _exit(write_krx(path) == 1 && !exists(path) ? 0 : 1);
   }
   int wstatus = 0;
   waitpid(child, &wstatus, 0);
@@ -133,44 +98,31 @@ TEST(WriteFailures, AWriteThatFailsMidFileRemovesTheFile) {
   EXPECT_FALSE(exists(path));
 }
 
-TEST(WriteEntries, VeloxKeepsTheBlanksOfThePath) {
-  krxtest::RecordingHost host;
-  krxtest::TempDir dir;
-  small_model();
+TEST_F(WriteTest, VeloxKeepsTheBlanksOfThePath) {
   std::string path = dir.file("blank.krx  ");
   int status = -1, normal = 0, extra = 0;
   KRX_WRITE_VELOX_KRX(path.c_str(), &normal, &extra, &status, int(path.size()));
   EXPECT_EQ(status, 0);
   EXPECT_TRUE(exists(path));
-  EXPECT_EQ(write(path), 0);  // KRX_WRITE_KRX trims the blanks
+  EXPECT_EQ(write_krx(path), 0);  // KRX_WRITE_KRX trims the blanks
   EXPECT_TRUE(exists(dir.file("blank.krx")));
   status = -1;
   KRX_WRITE_VELOX_KRX(path.c_str(), &normal, &extra, &status, -1);
   EXPECT_EQ(status, 1);
   EXPECT_TRUE(host.has(krx::kError,
                        "Failed to allocate memory at line 1013 in file ..\\krx_fortran.\n"));
-  krxtest::terminate_model();
 }
 
-TEST(WriteSummary, ListsTheRowsInOrderWithTheirFlags) {
-  krxtest::RecordingHost host;
-  krxtest::TempDir dir;
-  small_model();
-  ASSERT_EQ(write(dir.file("summary.krx")), 0);
+TEST_F(WriteTest, SummaryListsTheRowsInOrderWithTheirFlags) {
+  ASSERT_EQ(write_krx(dir.file("summary.krx")), 0);
   std::vector<std::string> notes = host.texts(0);
   auto at = std::find(notes.begin(), notes.end(), "\nCreating a Korex with the following information:\n");
   ASSERT_NE(at, notes.end());
   ASSERT_GE(notes.end() - at, 20);
-  char row[64];
-  std::snprintf(row, sizeof row, "%30s %s", "Nodal Coords", "Yes");
-  EXPECT_EQ(at[1], row);
-  std::snprintf(row, sizeof row, "%30s %s", "Element Faces", "Yes");
-  EXPECT_EQ(at[2], row);
-  std::snprintf(row, sizeof row, "%30s %s", "Eigenvalues", "No");
-  EXPECT_EQ(at[3], row);
-  std::snprintf(row, sizeof row, "%30s %s", "Nodal Pre-Strain", "No");
-  EXPECT_EQ(at[19], row);
-  krxtest::terminate_model();
+  EXPECT_EQ(at[1], std::string(18, ' ') + "Nodal Coords Yes");
+  EXPECT_EQ(at[2], std::string(17, ' ') + "Element Faces Yes");
+  EXPECT_EQ(at[3], std::string(19, ' ') + "Eigenvalues No");
+  EXPECT_EQ(at[19], std::string(14, ' ') + "Nodal Pre-Strain No");
 }
 
 // The example host's chain: the printed table and the file's eigenvalue block both hold the

@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
-#include <cstdlib>
 
 #include "host/krx_fortran.h"
 #include "model/krxset.h"
@@ -19,6 +18,11 @@ using krx::KRXDATA;
 
 // Five nodes with masses and no inertias, six rigid-body modes of mixed translation and rotation
 // and one elastic mode; eigenvalue records with six zero frequencies, then 20 Hz.
+struct LoadPreparation : ::testing::Test {
+  void TearDown() override { krxtest::terminate_model(); }
+  krxtest::RecordingHost host;
+};
+
 KRXDATA *rigid_model() {
   krxtest::create_model(5, 7);
   KRXDATA *model = krx::current_model();
@@ -42,17 +46,12 @@ KRXDATA *rigid_model() {
     krx::set_generalized_mass(model, r + 1, r + 1, 1.0 + 0.25 * r);
   }
   model->eigen.resize(7);
-  for (int r = 0; r < 7; ++r) {
-    model->eigen[r].number = r + 1;
-    model->eigen[r].hertz = r < 6 ? 0.0 : 20.0;
-    model->eigen[r].generalized_mass = 1.0 + 0.25 * r;
-  }
+  for (int r = 0; r < 7; ++r) model->eigen[r] = {r + 1, 0.0, r < 6 ? 0.0 : 20.0, 0.0, 1.0 + 0.25 * r, 0.0};
   krx::compute_full_invariants(model);
   return model;
 }
 
-TEST(LoadPreparation, BothMethodsGiveTheSameResultantsWithoutNodalInertias) {
-  krxtest::RecordingHost host;
+TEST_F(LoadPreparation, BothMethodsGiveTheSameResultantsWithoutNodalInertias) {
   KRXDATA *model = rigid_model();
   ASSERT_EQ(krx::rigid_body_mode_count(model), 6);
   std::vector<double> values = {0.7, -1.3, 2.1, 0.4, -0.9, 1.6, 5.0};
@@ -64,51 +63,39 @@ TEST(LoadPreparation, BothMethodsGiveTheSameResultantsWithoutNodalInertias) {
     EXPECT_LE(std::fabs(nodal[c] - rigid[c]) / scale, 1e-9) << "component " << c;
     EXPECT_NE(nodal[c], 0.0);
   }
-  krxtest::terminate_model();
 }
 
-TEST(LoadPreparation, ProcessesThePreloadOnceAndMarksEachLoadCase) {
-  krxtest::RecordingHost host;
+TEST_F(LoadPreparation, ProcessesThePreloadOnceAndMarksEachLoadCase) {
   KRXDATA *model = rigid_model();
   for (int r = 0; r < 7; ++r) krx::set_modal_preload(model, r + 1, 0.5 * (r + 1));
   krx::set_modal_load(model, 0, 1, 1.0);
   krx::set_modal_load(model, 0, 7, 3.0);
   ASSERT_EQ(krx::prepare_loads(model), 1);
-  EXPECT_EQ(model->preload_applied, 1);
-  EXPECT_EQ(model->load_cases[0].applied, 1);
-  EXPECT_EQ(model->preload[6], 3.5);  // elastic values are left alone
-  EXPECT_EQ(model->load_cases[0].values[6], 3.0);
+  EXPECT_TRUE(model->preload_applied == 1 && model->load_cases[0].applied == 1);
+  // Elastic values are left alone.
+  EXPECT_TRUE(model->preload[6] == 3.5 && model->load_cases[0].values[6] == 3.0);
   std::vector<double> prepared = model->preload;
-  EXPECT_TRUE(host.has(krx::kWarning,
-                       "KRX contains a preload with a rigid body component which is being ignored"));
+  EXPECT_TRUE(host.has(krx::kWarning, "KRX contains a preload with a rigid body component which is being ignored"));
   ASSERT_EQ(krx::prepare_loads(model), 1);
   EXPECT_EQ(model->preload, prepared);  // not processed a second time
-  krxtest::terminate_model();
 }
 
-TEST(LoadPreparation, WarnsWhenFewerThanSixRigidBodyModesCarryModalLoads) {
-  krxtest::RecordingHost host;
+TEST_F(LoadPreparation, WarnsWhenFewerThanSixRigidBodyModesCarryModalLoads) {
   KRXDATA *model = rigid_model();
   model->eigen[5].hertz = 15.0;
   model->eigen[6].hertz = 20.0;
   krx::set_modal_load(model, 0, 1, 1.0);
   ASSERT_EQ(krx::rigid_body_mode_count(model), 5);
   krx::prepare_loads(model);
-  EXPECT_TRUE(host.has(krx::kWarning,
-                       "KRX only contains 5 rigid body modes.\n  The resultant load vector will be "
-                       "mishandled.\n"));
-  krxtest::terminate_model();
+  EXPECT_TRUE(host.has(krx::kWarning, "KRX only contains 5 rigid body modes.\n  The resultant load vector will be mishandled.\n"));
 }
 
-TEST(LoadPreparation, TheRigidMethodReportsASingularMassMatrix) {
-  krxtest::RecordingHost host;
+TEST_F(LoadPreparation, TheRigidMethodReportsASingularMassMatrix) {
   krxtest::create_model(2, 2);
-  KRXDATA *model = krx::current_model();
-  krx::set_node_coordinates(model, 1, 0, 0, 0);
+  krx::set_node_coordinates(krx::current_model(), 1, 0, 0, 0);
   std::array<double, 6> out{};
-  EXPECT_EQ(krx::rigid_mass_resultant(model, {1.0, 1.0}, 2, out), 0);
+  EXPECT_EQ(krx::rigid_mass_resultant(krx::current_model(), {1.0, 1.0}, 2, out), 0);
   EXPECT_TRUE(host.has(krx::kError, "LU Decomposition failed.\n"));
-  krxtest::terminate_model();
 }
 
 }  // namespace

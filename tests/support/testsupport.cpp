@@ -5,6 +5,8 @@
 
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
+#include <iterator>
 
 #include "host/krx_fortran.h"
 #include "krx/krx.h"
@@ -80,6 +82,34 @@ TempDir::TempDir() {
 TempDir::~TempDir() {
   std::error_code ignored;
   std::filesystem::remove_all(path, ignored);
+}
+
+OptionsGuard::OptionsGuard(const char *text) {
+  if (text) setenv("QOR_KRXWRITE_OPTIONS", text, 1);
+  else unsetenv("QOR_KRXWRITE_OPTIONS");
+}
+
+OptionsGuard::~OptionsGuard() { unsetenv("QOR_KRXWRITE_OPTIONS"); }
+
+int write_krx(const std::string &path) {
+  int status = -1;
+  KRX_WRITE_KRX(path.c_str(), &status, int(path.size()));
+  return status;
+}
+
+std::vector<char> file_bytes(const std::string &path) {
+  std::ifstream in(path, std::ios::binary);
+  return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+}
+
+std::vector<std::vector<int32_t>> face_ids(const krx::KRXDATA *model) {
+  std::vector<std::vector<int32_t>> faces;
+  for (std::size_t at = 0; at < model->faces.size(); at += std::size_t(model->faces[at]) + 1) {
+    std::vector<int32_t> ids;
+    for (int32_t j = 1; j <= model->faces[at]; ++j) ids.push_back(model->nodes[std::size_t(model->faces[at + j])].id);
+    faces.push_back(ids);
+  }
+  return faces;
 }
 
 }  // namespace krxtest

@@ -1,8 +1,13 @@
 // Test support: a host that records every message it is sent, and a fresh current model.
 #pragma once
 
+#include <cstdint>
 #include <string>
 #include <vector>
+
+namespace krx {
+struct KRXDATA;
+}
 
 namespace krxtest {
 
@@ -36,5 +41,18 @@ struct TempDir {
   std::string path;
   std::string file(const std::string &name) const { return path + "/" + name; }
 };
+
+// Sets the writer's option text for its lifetime (nullptr: unset).
+struct OptionsGuard {
+  explicit OptionsGuard(const char *text);
+  ~OptionsGuard();
+};
+
+// KRX_WRITE_KRX on the current model; returns the status.
+int write_krx(const std::string &path);
+// The whole file, empty when it cannot be read.
+std::vector<char> file_bytes(const std::string &path);
+// The face list as node ids, face by face.
+std::vector<std::vector<int32_t>> face_ids(const krx::KRXDATA *model);
 
 }  // namespace krxtest
