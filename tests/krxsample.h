@@ -13,7 +13,6 @@ namespace krxtest {
 struct Sample {
   int32_t version = 316;
   bool eigenvalues = true;
-  bool invariants = true;
   std::vector<int32_t> ids{10, 20, 30};
   std::vector<int32_t> stress_ids{30, 10};
   std::vector<int32_t> mode_numbers{1, 2};
@@ -38,7 +37,7 @@ inline bool write_sample(const std::string &path, const Sample &s) {
   for (int block = 4; block <= 32; ++block) flags[block_info(block)->flag] = 1;
   flags[block_info(old ? 14 : 5)->flag] = 0;
   if (!s.eigenvalues) flags[block_info(7)->flag] = 0;
-  if (!s.invariants || old)
+  if (old)
     for (int block = 19; block <= 32; ++block) flags[block_info(block)->flag] = 0;
 
   HeaderBlock h;
@@ -103,7 +102,7 @@ inline bool write_sample(const std::string &path, const Sample &s) {
   for (int32_t r = 0; r < M * M; ++r) t.matrix.push_back(r % (M + 1) == 0 ? 1.0 : 0.0);
   ok = ok && write_transformation_block(b, t) && write_interface_block(b, {s.ids.back()});
   ok = ok && write_modes(s.stress_ids, 100.0);
-  if (s.invariants && !old) {
+  if (!old) {
     for (int block = 19; block <= 26; ++block) {
       InvariantBlock v;
       v.modes = M;
