@@ -42,10 +42,6 @@ inline bool write_sample(const std::string &path, const Sample &s) {
 
   HeaderBlock h;
   std::snprintf(h.title.data(), h.title.size(), "%s", "Bracket   ");
-  std::snprintf(h.date.data(), h.date.size(), "%s", "Mon Jan  1 00:00:00 2024");
-  std::snprintf(h.input_name.data(), h.input_name.size(), "%s", "bracket.vlx");
-  std::snprintf(h.input_type.data(), h.input_type.size(), "%s", "VELOX");
-  std::snprintf(h.comments[0].data(), 80, "%s", "first comment");
   // A field padded with blanks to its full width.
   std::fill(h.comments[2].begin(), h.comments[2].end(), ' ');
   h.comments[2][0] = 'x';
