@@ -395,12 +395,7 @@ bool read_span(KRXDATA *model, int kind, int32_t index, int32_t first, int32_t c
   bool big_endian = slot.io.xdr_in_use != 0;
   if (width == 8 && step == 48 && !big_endian)
     return read_at(slot.io.file, reinterpret_cast<unsigned char *>(out), span, start);
-  try {
-    model->scratch.resize(size_t((span + 3) / 4));
-  } catch (const std::bad_alloc &) {
-    KRX_REPORT_ALLOC(kSource);
-    return false;
-  }
+  model->scratch.resize(size_t((span + 3) / 4));  // a failure is thrown to the caller
   auto *bytes = reinterpret_cast<unsigned char *>(model->scratch.data());
   if (!read_at(slot.io.file, bytes, span, start)) return false;
   for (int64_t node = 0; node < count; ++node)

@@ -81,9 +81,9 @@ struct Pass {
   std::vector<double> pair_sums;   // nine per pair k >= j, row by row
 };
 
+// Pairs k >= j row by row: row j starts after the M + (M - 1) + ... + (M - j + 1) pairs before it.
 std::size_t pair_index(int32_t M, int32_t j, int32_t k) {
-  return std::size_t(j) * std::size_t(M) - std::size_t(j) * std::size_t(j - 1) / 2 +
-         std::size_t(k - j);
+  return std::size_t(j) * std::size_t(2 * M - j + 1) / 2 + std::size_t(k - j);
 }
 
 double *tile(Pass &p, int32_t block, int32_t row_mode) {
@@ -272,8 +272,13 @@ bool sum_mode_invariants(KRXDATA *model, const ModeSumTargets &targets) {
   for (int32_t j = 0; j < p.M; ++j) p.present[std::size_t(j)] = retained_mode_index(model, j) >= 0;
   // A failed flush has said so; the reads show what the file holds.
   (void)flush_vector_store(model, kModeShapes);
-  for (int32_t first = 0; first < p.N; first += p.panel_nodes)
-    sum_panel(p, first, std::min(p.panel_nodes, p.N - first));
+  try {
+    for (int32_t first = 0; first < p.N; first += p.panel_nodes)
+      sum_panel(p, first, std::min(p.panel_nodes, p.N - first));
+  } catch (const std::bad_alloc &) {  // the store's conversion buffer
+    KRX_REPORT_ALLOC(kSource);
+    return false;
+  }
   if (p.modal) finish_modal(p);
   if (p.pairs) finish_pairs(p);
   return true;
