@@ -239,6 +239,19 @@ TEST_F(InvariantTest, AfterAUnitChangeShapesAndMassesCarryTheNewUnits) {
   EXPECT_NEAR(krx::invariant9(model, 0, 0)[8], -5 * mL * 0.0254, 1e-15);
 }
 
+TEST_F(InvariantTest, AnUnreadableModeIsReportedOnceAndCountsAsZero) {
+  RecordingHost host;
+  build_two_mode_model();
+  krx::flush_vector_store(model, krx::kModeShapes);
+  model->store[krx::kModeShapes].record_start[1] = int64_t(1) << 40;  // past the end of the file
+  host.clear();
+  krx::compute_full_invariants(model);
+  EXPECT_EQ(host.texts(3), std::vector<std::string>{"Problem reading mode shape 20"});
+  expect_near(model->invariant3, {3, 0, 2, 0, 0, 0});
+  expect_near(krx::invariant5(model, 0), V(6, 0.0));
+  expect_near(krx::invariant9(model, 0, 0), {-2, 0, 0, 0, -3, 0, 0, 0, -5});
+}
+
 TEST_F(InvariantTest, PresetInvariantNineSurvivesTheComputationOfFive) {
   build_two_mode_model();
   model->invariant9.assign(36, 1.5);
