@@ -1,8 +1,12 @@
 // Inertia invariants: hand-computed sums on a three-node, two-mode model, their symmetries, the
-// fallback to the global mass properties, the caches and the three drivers.
+// fallback to the global mass properties, the caches and the three drivers, and the blocked sums
+// of random models against node-by-node, pair-by-pair sums.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
+#include <memory>
+#include <random>
 
 #include "host/krx_fortran.h"
 #include "model/krxtools.h"
@@ -209,11 +213,142 @@ TEST_F(InvariantTest, AfterAUnitChangeShapesAndMassesCarryTheNewUnits) {
   EXPECT_NEAR(krx::invariant9(model, 0, 0)[8], -5 * mL * 0.0254, 1e-15);
 }
 
+TEST_F(InvariantTest, AnUnreadableModeIsReportedOnceAndCountsAsZero) {
+  RecordingHost host;
+  build_two_mode_model();
+  krx::flush_vector_store(model, krx::kModeShapes);
+  model->store[krx::kModeShapes].record_start[1] = int64_t(1) << 40;  // past the end of the file
+  host.clear();
+  krx::compute_full_invariants(model);
+  EXPECT_EQ(host.texts(3), std::vector<std::string>{"Problem reading mode shape 20"});
+  expect_near(model->invariant3, {3, 0, 2, 0, 0, 0});
+  expect_near(krx::invariant5(model, 0), V(6, 0.0));
+  expect_near(krx::invariant9(model, 0, 0), {-2, 0, 0, 0, -3, 0, 0, 0, -5});
+}
+
 TEST_F(InvariantTest, PresetInvariantNineSurvivesTheComputationOfFive) {
   build_two_mode_model();
   model->invariant9.assign(36, 1.5);
   krx::invariant5(model, 0);
   EXPECT_EQ(krx::invariant9(model, 1, 1), V(9, 1.5));
+}
+
+// Invariants 3, 4, 5, 8 and 9 summed the plain way, node by node and pair by pair, from records
+// loaded one at a time.
+struct Reference {
+  V three, four, five, eight, nine;
+};
+
+Reference reference_sums(krx::KRXDATA *model) {
+  const int32_t M = model->retained_modes;
+  const std::size_t N = model->nodes.size();
+  std::vector<V> shapes;
+  for (int32_t j = 0; j < M; ++j) {
+    EXPECT_EQ(krx::load_mode_record_by_index(model, model->record_map[j], krx::kModeShapes), 1);
+    shapes.push_back(model->store[krx::kModeShapes].record);
+  }
+  Reference r{V(3 * M), V(3 * M), V(3 * M * M), V(9 * M), V(9 * M * M)};
+  for (int32_t j = 0; j < M; ++j) {
+    for (std::size_t i = 0; i < N; ++i) {
+      const krx::NodeRecord &node = model->nodes[i];
+      const double *phi = &shapes[j][6 * i], x[3] = {node.x, node.y, node.z};
+      double four[3] = {};
+      krx::cross_accumulate(four, node.mass, x, phi);
+      if (node.inertia) {
+        const auto &c = *node.inertia;
+        const double J[9] = {c[0], c[3], c[4], c[3], c[1], c[5], c[4], c[5], c[2]};
+        for (int a = 0; a < 3; ++a)
+          for (int b = 0; b < 3; ++b) four[a] += J[3 * a + b] * phi[3 + b];
+      }
+      for (int c = 0; c < 3; ++c) {
+        r.three[c * M + j] += node.mass * phi[c];
+        r.four[c * M + j] += four[c];
+      }
+      krx::skew_accumulate(&r.eight[9 * j], node.mass, x, phi);
+      for (int32_t k = 0; k < M; ++k) {
+        double five[3] = {};
+        krx::cross_accumulate(five, node.mass, phi, &shapes[k][6 * i]);
+        for (int c = 0; c < 3; ++c) r.five[3 * M * j + c * M + k] += five[c];
+        krx::skew_accumulate(&r.nine[9 * (M * j + k)], node.mass, phi, &shapes[k][6 * i]);
+      }
+    }
+  }
+  return r;
+}
+
+// Sums agree to 1e-12 of the largest value of the invariant: only the order of summation differs.
+void expect_close_sums(const V &actual, const V &expected, const char *name) {
+  ASSERT_EQ(actual.size(), expected.size()) << name;
+  double scale = 0.0;
+  for (double v : expected) scale = std::max(scale, std::abs(v));
+  for (std::size_t i = 0; i < actual.size(); ++i)
+    ASSERT_NEAR(actual[i], expected[i], 1e-12 * scale) << name << " value " << i;
+}
+
+// Random masses (every seventh node massless), positions, inertias on every third node and
+// shapes in nine modes, of which seven are retained through a record map.
+void build_random_model(krx::KRXDATA *&model, int nodes, bool single) {
+  krxtest::create_model(nodes, 9);
+  model = krx::current_model();
+  model->own.precision = single ? 0 : 1;
+  std::mt19937 random(20261122);
+  std::uniform_real_distribution<double> u(-1.0, 1.0);
+  for (int i = 0; i < nodes; ++i) {
+    krx::NodeRecord &node = model->nodes[krx::node_position_or_add(model, i + 1)];
+    node.x = 10 * u(random), node.y = 10 * u(random), node.z = u(random);
+    node.mass = i % 7 == 3 ? 0.0 : 1.5 + u(random);
+    if (i % 3 == 0)
+      node.inertia = std::make_unique<std::array<double, 6>>(std::array<double, 6>{
+          2 + u(random), 2 + u(random), 2 + u(random), u(random), u(random), u(random)});
+  }
+  model->flags[krx::kFlagNodalMasses] = 1;
+  for (int mode = 1; mode <= 9; ++mode)
+    for (int i = 0; i < nodes; ++i) {
+      double v[6];
+      for (double &value : v) value = u(random);
+      ASSERT_EQ(krx::store_node_vector(model, mode, i + 1, krx::kModeShapes, v), 1);
+    }
+  model->retained_modes = 7;
+  model->record_map = {8, 2, 5, 0, 7, 3, 1};
+}
+
+void expect_reference_sums(krx::KRXDATA *model) {
+  const Reference r = reference_sums(model);
+  krx::compute_full_invariants(model);
+  expect_close_sums(model->invariant3, r.three, "invariant 3");
+  expect_close_sums(model->invariant4, r.four, "invariant 4");
+  expect_close_sums(model->invariant5, r.five, "invariant 5");
+  expect_close_sums(model->invariant8, r.eight, "invariant 8");
+  expect_close_sums(model->invariant9, r.nine, "invariant 9");
+
+  for (auto *cache : {&model->invariant3, &model->invariant4, &model->invariant8}) cache->clear();
+  model->invariant5.clear();
+  model->invariant9.clear();
+  krx::compute_fast_invariants(model);
+  expect_close_sums(model->invariant3, r.three, "fast invariant 3");
+  expect_close_sums(model->invariant4, r.four, "fast invariant 4");
+  expect_close_sums(model->invariant8, r.eight, "fast invariant 8");
+  EXPECT_TRUE(model->invariant5.empty());
+  EXPECT_TRUE(model->invariant9.empty());
+}
+
+TEST_F(InvariantTest, BlockedSumsMatchPlainSumsOnARandomModel) {
+  RecordingHost host(1);
+  build_random_model(model, 200, false);
+  expect_reference_sums(model);
+  EXPECT_TRUE(host.texts(3).empty());
+}
+
+// Twenty thousand nodes take several panels; single precision and a unit change go through the
+// same reads as the records.
+TEST_F(InvariantTest, BlockedSumsMatchPlainSumsAcrossPanelsInSinglePrecisionAfterAUnitChange) {
+  RecordingHost host(1);
+  build_random_model(model, 20000, true);
+  ASSERT_EQ(krx::set_units_by_names(model, "kg", "mm", "s", "n"), 1);
+  ASSERT_EQ(krx::set_units_by_names(model, "kg", "m", "s", "n"), 1);
+  ASSERT_NE(model->length_ratio, 1.0);
+  expect_reference_sums(model);
+  EXPECT_TRUE(host.texts(3).empty());
 }
 
 TEST(Invariants, WithoutAModelOrAFileThereIsNothingToReturn) {

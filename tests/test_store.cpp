@@ -294,11 +294,28 @@ TEST_F(VectorStore, LoadsRecordsOfAModelReadFromAnXdrFile) {
     EXPECT_EQ(slot.record, std::vector<double>(values.begin() + 12, values.end()));
     EXPECT_TRUE(host.messages.empty());
 
+    // A range of nodes: unit-scaled translations, or the values as they stand in the file.
+    double node[6];
+    model->length_ratio = 2.0;
+    ASSERT_EQ(krx::read_mode_nodes(model, krx::kModeShapes, 1, 1, 1, node), 1);
+    EXPECT_EQ(std::vector<double>(node, node + 6), (std::vector<double>{18, 19, 20, 10.5, 11, 11.5}));
+    ASSERT_EQ(krx::read_stored_nodes(model, krx::kModeShapes, 1, 1, 1, node), 1);
+    EXPECT_EQ(std::vector<double>(node, node + 6), std::vector<double>(values.begin() + 18, values.end()));
+    model->length_ratio = 1.0;
+    EXPECT_EQ(krx::read_mode_nodes(model, krx::kModeShapes, 1, 1, 2, node), 0);
+    EXPECT_EQ(krx::read_mode_nodes(model, krx::kModeShapes, 2, 0, 1, node), 0);
+    EXPECT_TRUE(host.messages.empty());
+
     // A record cut short by the end of the file is reported, and the load still succeeds.
     slot.record_start[0] = 4 + 20 * width;
     ASSERT_EQ(krx::load_mode_record(model, 4, krx::kModeShapes), 1);
     EXPECT_EQ(host.texts(3), std::vector<std::string>{"Problem reading mode shape 4"});
     EXPECT_EQ(slot.held_mode, 0);
+    std::vector<double> two(12);
+    EXPECT_EQ(krx::read_stored_nodes(model, krx::kModeShapes, 0, 0, 2, two.data()), 0);
+    EXPECT_EQ(host.messages.size(), 1u);  // the rewrites say what they were doing themselves
+    EXPECT_EQ(krx::read_mode_nodes(model, krx::kModeShapes, 0, 0, 2, two.data()), 0);
+    EXPECT_EQ(host.texts(3), std::vector<std::string>(2, "Problem reading mode shape 4"));
     krxtest::terminate_model();
     EXPECT_TRUE(std::filesystem::exists(path));  // the model's own file is not a temporary
   }

@@ -379,44 +379,51 @@ double decode_value(const unsigned char *at, int width, bool big_endian) {
   return double(std::bit_cast<float>(bits));
 }
 
-// One read of the record's span, then widening (floats), byte order (files in XDR encoding,
-// which is big-endian) and the node step are resolved in memory.
-bool read_record(KRXDATA *model, VectorSlot &slot, int kind, int32_t index, int32_t count) {
-  if (!slot.io.file || size_t(index) >= slot.record_start.size()) return false;
-  flush_runs(slot, kind);  // a failed flush has said so; the read shows what the file holds
+// One read of the span of nodes [first, first + count) of a record, then widening (floats), byte
+// order (files in XDR encoding, which are big-endian) and the node step are resolved in memory.
+// Pending writes go out first; a failed flush has said so, and the read shows what the file holds.
+bool read_span(KRXDATA *model, int kind, int32_t index, int32_t first, int32_t count,
+               double *out) {
+  VectorSlot &slot = model->store[kind];
+  if (!slot.io.file || index < 0 || size_t(index) >= slot.record_start.size()) return false;
+  if (first < 0 || count <= 0) return false;
+  flush_runs(slot, kind);
   int width = value_width(slot);
   int64_t step = slot.slot_bytes;
   int64_t span = int64_t(count - 1) * step + 6 * width;
-  int64_t start = slot.record_start[size_t(index)];
+  int64_t start = slot.record_start[size_t(index)] + int64_t(first) * step;
   bool big_endian = slot.io.xdr_in_use != 0;
-  double *out = slot.record.data();
   if (width == 8 && step == 48 && !big_endian)
     return read_at(slot.io.file, reinterpret_cast<unsigned char *>(out), span, start);
-  model->scratch.resize(size_t((span + 3) / 4));
+  model->scratch.resize(size_t((span + 3) / 4));  // a failure is thrown to the caller
   auto *bytes = reinterpret_cast<unsigned char *>(model->scratch.data());
   if (!read_at(slot.io.file, bytes, span, start)) return false;
-  for (int32_t node = 0; node < count; ++node)
+  for (int64_t node = 0; node < count; ++node)
     for (int j = 0; j < 6; ++j)
       out[node * 6 + j] = decode_value(bytes + node * step + j * width, width, big_endian);
   return true;
 }
 
 // Mode shapes carry the length ratio of the last unit change on their translations, modal
-// stresses the force over area ratio; strains have no unit.
-void scale_record(const KRXDATA *model, int kind, std::vector<double> &record) {
+// stresses the force over area ratio; strains have no unit. values holds six per node.
+void scale_values(const KRXDATA *model, int kind, double *values, size_t count) {
   if (kind == kModeShapes) {
     double ratio = model->length_ratio;
     if (ratio == 1.0) return;
-    for (size_t i = 0; i + 2 < record.size(); i += 6) {
-      record[i] *= ratio;
-      record[i + 1] *= ratio;
-      record[i + 2] *= ratio;
+    for (size_t i = 0; i + 2 < count; i += 6) {
+      values[i] *= ratio;
+      values[i + 1] *= ratio;
+      values[i + 2] *= ratio;
     }
   } else if (kind == kModalStress) {
     double ratio = model->force_ratio / (model->length_ratio * model->length_ratio);
     if (ratio == 1.0) return;
-    for (double &value : record) value *= ratio;
+    for (size_t i = 0; i < count; ++i) values[i] *= ratio;
   }
+}
+
+void scale_record(const KRXDATA *model, int kind, std::vector<double> &record) {
+  scale_values(model, kind, record.data(), record.size());
 }
 
 int load_pre_record(KRXDATA *model, int kind) {
@@ -555,11 +562,31 @@ int load_mode_record_by_index(KRXDATA *model, int32_t index, int kind) {
     return 0;
   }
   slot.held_mode = index;
-  if (!read_record(model, slot, kind, index, count))
+  if (!read_span(model, kind, index, 0, count, slot.record.data()))
     error(kReadFailure[kind], model->modes[size_t(index)]);
   scale_record(model, kind, slot.record);
   // A failed read still counts as loaded, with the held mode already set: kept as it is, callers
   // learn of the failure from the message only.
+  return 1;
+}
+
+int read_stored_nodes(KRXDATA *model, int kind, int32_t mode_index, int32_t first_node,
+                      int32_t count, double *out) {
+  if (!model_exists(model) || !valid_kind(kind) || first_node < 0 || count <= 0) return 0;
+  if (int64_t(first_node) + count > kind_node_count(model, kind)) return 0;
+  return read_span(model, kind, mode_index, first_node, count, out) ? 1 : 0;
+}
+
+int read_mode_nodes(KRXDATA *model, int kind, int32_t mode_index, int32_t first_node,
+                    int32_t count, double *out) {
+  if (!model_exists(model) || !valid_kind(kind) || first_node < 0 || count <= 0) return 0;
+  if (mode_index < 0 || mode_index >= mode_count(model)) return 0;
+  if (int64_t(first_node) + count > kind_node_count(model, kind)) return 0;
+  if (!read_span(model, kind, mode_index, first_node, count, out)) {
+    error(kReadFailure[kind], model->modes[size_t(mode_index)]);
+    return 0;
+  }
+  scale_values(model, kind, out, size_t(count) * 6);
   return 1;
 }
 

@@ -34,6 +34,18 @@ int store_node_value(KRXDATA *model, int32_t mode_number, int32_t node_id, int k
 int load_mode_record(KRXDATA *model, int32_t mode_number, int kind);
 // Same by mode index (0-based position in the registry), for processing loops.
 int load_mode_record_by_index(KRXDATA *model, int32_t mode_index, int kind);
+// Nodes [first_node, first_node + count) of the record of a mode index, six doubles per node
+// (slots of the kind's node list for kinds 1 and 2), read with one positioned read of the span
+// and unit-scaled like load_mode_record; the held record is left alone. Pending writes of the
+// kind go out first. A span or mode outside the kind fails without a message; a failed read
+// reports "Problem reading ..." like load_mode_record and returns 0. Files in single precision
+// or XDR encoding are converted in model->scratch; std::bad_alloc from it goes to the caller.
+int read_mode_nodes(KRXDATA *model, int kind, int32_t mode_index, int32_t first_node,
+                    int32_t count, double *out);
+// The same values as they stand in the file (no unit scaling) and without a message on failure,
+// for the rewrites that copy a kind's file into a replacement.
+int read_stored_nodes(KRXDATA *model, int kind, int32_t mode_index, int32_t first_node,
+                      int32_t count, double *out);
 // First (half 0) or last (half 1) three values of a node from the loaded record.
 int node_values(KRXDATA *model, int32_t mode_number, int kind, int32_t node_id, int half,
                 double out[3]);

@@ -11,6 +11,7 @@
 #include "host/krxmsg.h"
 #include "model/krxset.h"
 #include "model/krxtools.h"
+#include "processing/krxinvar_sums.h"
 #include "processing/krxunits.h"
 
 namespace krx {
@@ -24,27 +25,10 @@ constexpr int kBlock1 = 19, kBlock2 = 20, kBlock3 = 21, kBlock4 = 22, kBlock5 = 
 
 int32_t retained_count(const KRXDATA *model) { return std::max<int32_t>(0, model->retained_modes); }
 
-// Retained mode j is the mode the eigen solution mapped it to, or mode index j when it has not.
-int32_t retained_mode_index(const KRXDATA *model, int32_t j) {
-  if (model->record_map.empty()) return j;
-  return j < int32_t(model->record_map.size()) ? model->record_map[j] : -1;
-}
-
 bool holds_nodal_masses(const KRXDATA *model) { return model->flags[kFlagNodalMasses] != 0; }
 
 bool file_has_block(const KRXDATA *model, int block) {
   return model->read_from_file && model->block_start[block] > 0;
-}
-
-// The record of retained mode j, six values per node of the node table; null when the model
-// holds no shape for it, which then counts as a zero shape.
-const double *load_shape(KRXDATA *model, int32_t j) {
-  if (!model->flags[kFlagModeShapes]) return nullptr;
-  int32_t index = retained_mode_index(model, j);
-  if (index < 0 || !load_mode_record_by_index(model, index, kModeShapes)) return nullptr;
-  const std::vector<double> &record = model->store[kModeShapes].record;
-  if (record.size() < model->nodes.size() * 6) return nullptr;
-  return record.data();
 }
 
 // The node's inertia tensor row by row from I11, I22, I33, I12, I13, I23, signs as stored.
@@ -113,140 +97,62 @@ void sum_inertia(const KRXDATA *model, double out[9]) {
   }
 }
 
-// Invariant 3 over all retained modes: column j holds sum m phi_j, component-major.
-void sum_invariant3(KRXDATA *model, std::vector<double> &out, int32_t M) {
-  for (int32_t j = 0; j < M; ++j) {
-    const double *shape = load_shape(model, j);
-    if (!shape) continue;
-    double s[3] = {0.0, 0.0, 0.0};
-    for (std::size_t i = 0; i < model->nodes.size(); ++i) {
-      const double m = model->nodes[i].mass;
-      if (m == 0.0) continue;
-      for (int c = 0; c < 3; ++c) s[c] += m * shape[6 * i + c];
-    }
-    for (int c = 0; c < 3; ++c) out[c * M + j] = s[c];
-  }
-}
+// Invariants 3, 4, 5, 8 and 9 by bit.
+enum : int { kWant3 = 1, kWant4 = 2, kWant5 = 4, kWant8 = 8, kWant9 = 16 };
 
-// Invariant 4: sum m (x x phi_j) plus J psi_j, the rotational part through the nodal inertias.
-void sum_invariant4(KRXDATA *model, std::vector<double> &out, int32_t M) {
-  for (int32_t j = 0; j < M; ++j) {
-    const double *shape = load_shape(model, j);
-    if (!shape) continue;
-    double s[3] = {0.0, 0.0, 0.0};
-    for (std::size_t i = 0; i < model->nodes.size(); ++i) {
-      const NodeRecord &node = model->nodes[i];
-      const double *phi = shape + 6 * i;
-      if (node.mass != 0.0) {
-        double x[3];
-        position_of(node, x);
-        cross_accumulate(s, node.mass, x, phi);
-      }
-      if (!node.inertia) continue;
-      double J[9];
-      expand_inertia(*node.inertia, J);
-      const double *psi = phi + 3;
-      for (int r = 0; r < 3; ++r)
-        s[r] += J[3 * r] * psi[0] + J[3 * r + 1] * psi[1] + J[3 * r + 2] * psi[2];
-    }
-    for (int c = 0; c < 3; ++c) out[c * M + j] = s[c];
-  }
-}
+// Mode-shape invariants on their way into the cache: the ones ready to hand out, and the
+// zero-filled caches that one pass over the nodes still has to sum.
+struct ModePlan {
+  int ready = 0;
+  int summed = 0;
+  ModeSumTargets targets;
+};
 
-// Invariant 8: array j is sum m skew(x) skew(phi_j).
-void sum_invariant8(KRXDATA *model, std::vector<double> &out, int32_t M) {
-  for (int32_t j = 0; j < M; ++j) {
-    const double *shape = load_shape(model, j);
-    if (!shape) continue;
-    double *T = out.data() + std::size_t(j) * 9;
-    for (std::size_t i = 0; i < model->nodes.size(); ++i) {
-      const NodeRecord &node = model->nodes[i];
-      if (node.mass == 0.0) continue;
-      double x[3];
-      position_of(node, x);
-      skew_accumulate(T, node.mass, x, shape + 6 * i);
-    }
-  }
-}
-
-// Invariants 5 and 9 in one pass over the mode pairs k >= j. Mode j's translations are kept in
-// one buffer of 3N doubles while the store serves mode k, so memory stays O(N). Invariant 5 is
-// stored antisymmetric with a zero diagonal, and array (k, j) of invariant 9 is the transpose of
-// array (j, k). A null target is skipped.
-bool sum_pair_invariants(KRXDATA *model, std::vector<double> *five, std::vector<double> *nine,
-                         int32_t M) {
-  const std::size_t N = model->nodes.size();
-  std::vector<double> first;
-  try {
-    first.resize(3 * N);
-  } catch (const std::bad_alloc &) {
-    KRX_REPORT_ALLOC(kSource);
-    return false;
-  }
-  const std::size_t row = 3 * std::size_t(M);
-  for (int32_t j = 0; j < M; ++j) {
-    const double *shape_j = load_shape(model, j);
-    if (!shape_j) continue;
-    for (std::size_t i = 0; i < N; ++i)
-      std::memcpy(&first[3 * i], shape_j + 6 * i, 3 * sizeof(double));
-    for (int32_t k = j; k < M; ++k) {
-      const double *shape_k = k == j ? shape_j : load_shape(model, k);
-      if (!shape_k) continue;
-      double s5[3] = {0.0, 0.0, 0.0}, s9[9] = {};
-      for (std::size_t i = 0; i < N; ++i) {
-        const double m = model->nodes[i].mass;
-        if (m == 0.0) continue;
-        if (five && k != j) cross_accumulate(s5, m, &first[3 * i], shape_k + 6 * i);
-        if (nine) skew_accumulate(s9, m, &first[3 * i], shape_k + 6 * i);
-      }
-      if (five && k != j) {
-        for (int c = 0; c < 3; ++c) {
-          (*five)[j * row + c * M + k] = s5[c];
-          (*five)[k * row + c * M + j] = -s5[c];
-        }
-      }
-      if (nine) {
-        double *jk = nine->data() + (std::size_t(j) * M + k) * 9;
-        double *kj = nine->data() + (std::size_t(k) * M + j) * 9;
-        std::memcpy(jk, s9, sizeof s9);
-        for (int r = 0; r < 3; ++r)
-          for (int c = 0; c < 3; ++c) kj[3 * c + r] = s9[3 * r + c];
+// For each wanted invariant, in the order 3, 4, 5, 8, 9: nothing to do when it is cached, else
+// read from the file, else a zero-filled cache that the pass fills when the model holds nodal
+// masses. An invariant whose cache cannot be allocated is not ready.
+void plan_mode_invariants(KRXDATA *model, int want, ModePlan &plan) {
+  const std::size_t M = std::size_t(retained_count(model));
+  if (M == 0) return;
+  struct Entry {
+    int bit;
+    std::vector<double> &cache;
+    int block;
+    std::size_t size;
+    std::vector<double> *ModeSumTargets::*target;
+  };
+  const Entry entries[] = {
+      {kWant3, model->invariant3, kBlock3, 3 * M, &ModeSumTargets::three},
+      {kWant4, model->invariant4, kBlock4, 3 * M, &ModeSumTargets::four},
+      {kWant5, model->invariant5, kBlock5, 3 * M * M, &ModeSumTargets::five},
+      {kWant8, model->invariant8, kBlock8, 9 * M, &ModeSumTargets::eight},
+      {kWant9, model->invariant9, kBlock9, 9 * M * M, &ModeSumTargets::nine}};
+  for (const Entry &e : entries) {
+    if (!(want & e.bit)) continue;
+    if (e.cache.empty() && !fill_from_file(model, e.block, e.cache, e.size)) {
+      if (!allocate_cache(e.cache, e.size)) continue;
+      if (holds_nodal_masses(model)) {
+        plan.targets.*e.target = &e.cache;
+        plan.summed |= e.bit;
       }
     }
+    plan.ready |= e.bit;
   }
-  return true;
 }
 
-// Fills whichever of invariants 5 and 9 is not cached yet: from the file first, else from the
-// nodal masses; both arrays are allocated before the pass.
-bool ensure_pair_invariants(KRXDATA *model, bool want5, bool want9) {
-  const int32_t M = retained_count(model);
-  const std::size_t n5 = std::size_t(M) * 3 * M, n9 = std::size_t(M) * M * 9;
-  want5 =
-      want5 && model->invariant5.empty() && !fill_from_file(model, kBlock5, model->invariant5, n5);
-  want9 =
-      want9 && model->invariant9.empty() && !fill_from_file(model, kBlock9, model->invariant9, n9);
-  if (!want5 && !want9) return true;
-  if (want5 && !allocate_cache(model->invariant5, n5)) return false;
-  if (want9 && !allocate_cache(model->invariant9, n9)) return false;
-  if (!holds_nodal_masses(model)) return true;
-  return sum_pair_invariants(model, want5 ? &model->invariant5 : nullptr,
-                             want9 ? &model->invariant9 : nullptr, M);
+// The pass over the nodes for every planned sum; returns the invariants ready to hand out. A
+// pass that fails leaves its caches zero-filled.
+int sum_planned_invariants(KRXDATA *model, ModePlan &plan) {
+  if (plan.summed && !sum_mode_invariants(model, plan.targets)) plan.ready &= ~plan.summed;
+  plan.summed = 0;
+  plan.targets = ModeSumTargets{};
+  return plan.ready;
 }
 
-// Invariants 3, 4 and 8: file, then nodal masses, else zeros. None without retained modes.
-using ModalSum = void (*)(KRXDATA *, std::vector<double> &, int32_t);
-
-bool ensure_modal_invariant(KRXDATA *model, std::vector<double> &cache, int block,
-                            std::size_t per_mode, ModalSum sum) {
-  const int32_t M = retained_count(model);
-  if (M == 0) return false;
-  if (!cache.empty()) return true;
-  const std::size_t n = per_mode * M;
-  if (fill_from_file(model, block, cache, n)) return true;
-  if (!allocate_cache(cache, n)) return false;
-  if (holds_nodal_masses(model)) sum(model, cache, M);
-  return true;
+bool ensure_mode_invariant(KRXDATA *model, int bit) {
+  ModePlan plan;
+  plan_mode_invariants(model, bit, plan);
+  return (sum_planned_invariants(model, plan) & bit) != 0;
 }
 
 // Array `index` of `size` doubles from a cache (the whole cache when size is 0), or nothing when
@@ -264,6 +170,11 @@ std::vector<double> copy_array(const std::vector<double> &cache, std::size_t ind
 }
 
 }  // namespace
+
+int32_t retained_mode_index(const KRXDATA *model, int32_t j) {
+  if (model->record_map.empty()) return j;
+  return j < int32_t(model->record_map.size()) ? model->record_map[j] : -1;
+}
 
 // ---- File branch -------------------------------------------------------------------------------
 // The block is decoded by the reader in the file's encoding and precision; the mode count rule and
@@ -349,20 +260,20 @@ std::vector<double> invariant2(KRXDATA *model) {
 
 std::vector<double> invariant3(KRXDATA *model) {
   if (!model_exists(model)) return {};
-  if (!ensure_modal_invariant(model, model->invariant3, kBlock3, 3, sum_invariant3)) return {};
+  if (!ensure_mode_invariant(model, kWant3)) return {};
   return copy_array(model->invariant3);
 }
 
 std::vector<double> invariant4(KRXDATA *model) {
   if (!model_exists(model)) return {};
-  if (!ensure_modal_invariant(model, model->invariant4, kBlock4, 3, sum_invariant4)) return {};
+  if (!ensure_mode_invariant(model, kWant4)) return {};
   return copy_array(model->invariant4);
 }
 
 std::vector<double> invariant5(KRXDATA *model, int32_t mode) {
   if (!model_exists(model)) return {};
   const int32_t M = retained_count(model);
-  if (M == 0 || !ensure_pair_invariants(model, true, false)) return {};
+  if (M == 0 || !ensure_mode_invariant(model, kWant5)) return {};
   if (mode < 0 || mode >= M) return {};
   return copy_array(model->invariant5, std::size_t(mode), 3 * std::size_t(M));
 }
@@ -411,7 +322,7 @@ std::vector<double> invariant7(KRXDATA *model) {
 
 std::vector<double> invariant8(KRXDATA *model, int32_t mode) {
   if (!model_exists(model)) return {};
-  if (!ensure_modal_invariant(model, model->invariant8, kBlock8, 9, sum_invariant8)) return {};
+  if (!ensure_mode_invariant(model, kWant8)) return {};
   if (mode < 0 || mode >= retained_count(model)) return {};
   return copy_array(model->invariant8, std::size_t(mode), 9);
 }
@@ -419,7 +330,7 @@ std::vector<double> invariant8(KRXDATA *model, int32_t mode) {
 std::vector<double> invariant9(KRXDATA *model, int32_t mode_j, int32_t mode_k) {
   if (!model_exists(model)) return {};
   const int32_t M = retained_count(model);
-  if (M == 0 || !ensure_pair_invariants(model, false, true)) return {};
+  if (M == 0 || !ensure_mode_invariant(model, kWant9)) return {};
   if (mode_j < 0 || mode_j >= M || mode_k < 0 || mode_k >= M) return {};
   return copy_array(model->invariant9, std::size_t(mode_j) * M + mode_k, 9);
 }
@@ -485,11 +396,13 @@ void compute_fast_invariants(KRXDATA *model) {
   note("Computing fast set of invariants");
   invariant1(model);
   invariant2(model);
-  invariant3(model);
-  invariant4(model);
+  // Invariants 3, 4 and 8 come from one pass over the nodes, which reads each mode once.
+  ModePlan plan;
+  plan_mode_invariants(model, kWant3 | kWant4, plan);
   invariant6(model);
   invariant7(model);
-  invariant8(model, 0);
+  plan_mode_invariants(model, kWant8, plan);
+  sum_planned_invariants(model, plan);
 }
 
 void compute_full_invariants(KRXDATA *model) {
@@ -508,13 +421,13 @@ void compute_full_invariants(KRXDATA *model) {
   note("Computing *all* invariants");
   invariant1(model);
   invariant2(model);
-  invariant3(model);
-  invariant4(model);
-  invariant5(model, 0);
+  // Invariants 3, 4, 5, 8 and 9 come from one pass over the nodes, which reads each mode once.
+  ModePlan plan;
+  plan_mode_invariants(model, kWant3 | kWant4 | kWant5, plan);
   invariant6(model);
   invariant7(model);
-  invariant8(model, 0);
-  invariant9(model, 0, 0);
+  plan_mode_invariants(model, kWant8 | kWant9, plan);
+  sum_planned_invariants(model, plan);
 }
 
 // ---- Kernels ------------------------------------------------------------------------------------

@@ -79,19 +79,6 @@ const char *kind_variable(int kind) {
   return kind == kModeShapes ? "QOR_TMP_MOD" : kind == kModalStress ? "QOR_TMP_STR" : "QOR_TMP_STN";
 }
 
-bool read_all(int fd, void *buffer, std::size_t bytes, int64_t offset) {
-  auto *p = static_cast<unsigned char *>(buffer);
-  while (bytes > 0) {
-    ssize_t got = pread(fd, p, bytes, off_t(offset));
-    if (got < 0 && errno == EINTR) continue;
-    if (got <= 0) return false;
-    p += got;
-    bytes -= std::size_t(got);
-    offset += got;
-  }
-  return true;
-}
-
 bool write_all(int fd, const void *buffer, std::size_t bytes, int64_t offset) {
   auto *p = static_cast<const unsigned char *>(buffer);
   while (bytes > 0) {
@@ -105,52 +92,16 @@ bool write_all(int fd, const void *buffer, std::size_t bytes, int64_t offset) {
   return true;
 }
 
-// The file side of one rewrite: where the old values are and where the new ones go. Reads and
-// writes are positioned on the descriptors, like every access of the store.
+// Where the new values go: the replacement file, written with positioned writes like every access
+// of the store. The old values are read through the store (read_stored_nodes), as they stand.
 struct Spans {
-  int old_fd = -1, new_fd = -1;
-  int old_width = 8, new_width = 8;  // bytes per value
-  bool old_big_endian = false;        // a store that reads a file in XDR encoding
-  int64_t old_step = 48;              // bytes between nodes; the new file uses 48
-  const std::vector<int64_t> *old_start = nullptr;
+  int new_fd = -1;
+  int new_width = 8;  // bytes per value
   const std::vector<int64_t> *new_start = nullptr;
-  std::vector<unsigned char> bytes;
   std::vector<float> narrow;
 };
 
 constexpr int64_t kNewStep = 48;
-
-double decode(const unsigned char *at, int width, bool big_endian) {
-  if (width == 8) {
-    uint64_t bits;
-    std::memcpy(&bits, at, 8);
-    if (big_endian) bits = __builtin_bswap64(bits);
-    double v;
-    std::memcpy(&v, &bits, 8);
-    return v;
-  }
-  uint32_t bits;
-  std::memcpy(&bits, at, 4);
-  if (big_endian) bits = __builtin_bswap32(bits);
-  float v;
-  std::memcpy(&v, &bits, 4);
-  return v;
-}
-
-// Nodes [first, first + count) of old record `mode` as doubles.
-bool read_nodes(Spans &s, int32_t mode, int32_t first, int32_t count, double *out) {
-  int64_t offset = (*s.old_start)[mode] + int64_t(first) * s.old_step;
-  if (s.old_width == 8 && s.old_step == 48 && !s.old_big_endian)
-    return read_all(s.old_fd, out, std::size_t(count) * 48, offset);
-  std::size_t span = std::size_t(count - 1) * std::size_t(s.old_step) + 6 * std::size_t(s.old_width);
-  s.bytes.resize(span);
-  if (!read_all(s.old_fd, s.bytes.data(), span, offset)) return false;
-  for (int32_t i = 0; i < count; ++i) {
-    const unsigned char *node = s.bytes.data() + std::size_t(i) * std::size_t(s.old_step);
-    for (int c = 0; c < 6; ++c) out[6 * i + c] = decode(node + c * s.old_width, s.old_width, s.old_big_endian);
-  }
-  return true;
-}
 
 // The new file has the store's own layout: 48 bytes per node, six floats and 24 zero bytes in
 // single precision.
@@ -206,7 +157,7 @@ int rewrite_blocks(Rewrite &w, bool quiet) {
     std::size_t values = round_up(std::size_t(count) * 6, kTileValues);
     for (int32_t k = 0; k < w.old_count; ++k) {
       double *row = old.data() + std::size_t(k) * stride;
-      if (!read_nodes(w.spans, k, first, count, row)) return 0;
+      if (!read_stored_nodes(w.model, w.kind, k, first, count, row)) return 0;
       std::fill(row + std::size_t(count) * 6, row + values, 0.0);
     }
     pack_old(old.data(), stride, w.old_count, values, packed_old.data());
@@ -261,13 +212,8 @@ int write_transformed_vectors(KRXDATA *model, int kind, int32_t count) {
   if (!open_replacement_file(model, kind, count, w.slots, "Orthogonal mode file: %s", w.file))
     return 0;
   std::fflush(w.file.io.file);
-  w.spans.old_fd = fileno(slot.io.file);
   w.spans.new_fd = fileno(w.file.io.file);
-  w.spans.old_width = slot.io.precision ? 8 : 4;
   w.spans.new_width = w.file.io.precision ? 8 : 4;
-  w.spans.old_big_endian = slot.io.xdr_in_use != 0;
-  w.spans.old_step = slot.slot_bytes;
-  w.spans.old_start = &slot.record_start;
   w.spans.new_start = &w.file.record_start;
   int done = 0;
   try {
