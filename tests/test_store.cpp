@@ -142,6 +142,7 @@ TEST_F(VectorStore, ModeZeroStressAndStrainArePreValuesSharingTheKindsNodeList) 
 
 TEST_F(VectorStore, NamesFilesAfterTheEnvironmentAndNotesThemUnlessQuiet) {
   krxtest::TempDir dir;
+  setenv("TMP", dir.path.c_str(), 1);
   {
     RecordingHost host;
     krx::KRXDATA *model = make(10, 2);
