@@ -142,6 +142,8 @@ TEST_F(VectorStore, ModeZeroStressAndStrainArePreValuesSharingTheKindsNodeList) 
 
 TEST_F(VectorStore, NamesFilesAfterTheEnvironmentAndNotesThemUnlessQuiet) {
   krxtest::TempDir dir;
+  const char *old_tmp = std::getenv("TMP");
+  const std::string kept = old_tmp ? old_tmp : "";
   setenv("TMP", dir.path.c_str(), 1);
   {
     RecordingHost host;
@@ -164,7 +166,10 @@ TEST_F(VectorStore, NamesFilesAfterTheEnvironmentAndNotesThemUnlessQuiet) {
     double v[6] = {};
     ASSERT_EQ(krx::store_node_vector(model, 1, 1, krx::kModalStress, v), 1);
     EXPECT_TRUE(host.messages.empty() && host.inquiries >= 1);
+    krxtest::terminate_model();
   }
+  if (old_tmp) setenv("TMP", kept.c_str(), 1);
+  else unsetenv("TMP");
 }
 
 TEST_F(VectorStore, ReportsAnUnwritablePathAndStoresNothing) {
