@@ -10,14 +10,5 @@ set(KRXCOMPARE_CASES
   "single|bracket_xdr.krx|bracket_single.krx|0"
   "old_v2|-v|2|bracket_xdr.krx|bracket_82.krx|0"
   "help|--help|0")
-foreach(case ${KRXCOMPARE_CASES})
-  string(REPLACE "|" ";" parts "${case}")
-  list(POP_FRONT parts name)
-  list(POP_BACK parts status)
-  string(REPLACE ";" "|" args "${parts}")
-  add_test(NAME krxcompare_${name}
-           COMMAND ${CMAKE_COMMAND} -DTOOL=$<TARGET_FILE:krxcompare> "-DARGS=${args}"
-                   -DDATA=${CMAKE_CURRENT_SOURCE_DIR}/data -DOUT=${CMAKE_CURRENT_BINARY_DIR}
-                   -DEXPECTED=krxcompare_${name}.txt -DSTATUS=${status}
-                   -P ${CMAKE_CURRENT_SOURCE_DIR}/support/krxdump_run.cmake)
-endforeach()
+include(${CMAKE_CURRENT_SOURCE_DIR}/support/golden.cmake)
+add_golden_runs(krxcompare krxcompare ${KRXCOMPARE_CASES})

@@ -24,14 +24,5 @@ set(KRXDUMP_CASES
   "no_switch|bracket_xdr.krx|-x|3|0"
   "no_file|missing.krx|0"
   "usage|0")
-foreach(case ${KRXDUMP_CASES})
-  string(REPLACE "|" ";" parts "${case}")
-  list(POP_FRONT parts name)
-  list(POP_BACK parts status)
-  string(REPLACE ";" "|" args "${parts}")
-  add_test(NAME krxdump_${name}
-           COMMAND ${CMAKE_COMMAND} -DTOOL=$<TARGET_FILE:krxdump> "-DARGS=${args}"
-                   -DDATA=${CMAKE_CURRENT_SOURCE_DIR}/data -DOUT=${CMAKE_CURRENT_BINARY_DIR}
-                   -DEXPECTED=krxdump_${name}.txt -DSTATUS=${status}
-                   -P ${CMAKE_CURRENT_SOURCE_DIR}/support/krxdump_run.cmake)
-endforeach()
+include(${CMAKE_CURRENT_SOURCE_DIR}/support/golden.cmake)
+add_golden_runs(krxdump krxdump ${KRXDUMP_CASES})
