@@ -2,6 +2,9 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
+#include <string>
+#include <utility>
+#include <vector>
 
 #include "format/krxoptions.h"
 #include "testsupport.h"
@@ -110,24 +113,26 @@ TEST(WriteOptions, FrequenciesReadTheScannedTextAsANumber) {
   EXPECT_EQ(parse_write_options("highpass 5").highpass, -1.0);
 }
 
-TEST(WriteOptions, SketchNameTakesTheFirstFormThatYieldsOne) {
-  EXPECT_EQ(parse_write_options("sketch(\"my faces.skt\") strip_face").sketch_file, "my faces.skt");
-  EXPECT_EQ(parse_write_options("sketch('say \"hi\".skt')").sketch_file, "say \"hi\".skt");
-  EXPECT_EQ(parse_write_options("sketch(plain.skt) no_xdr").sketch_file, "plain.skt");
-  EXPECT_EQ(parse_write_options("sketch(open ended").sketch_file, "open ended");
-  EXPECT_EQ(parse_write_options("sketch").sketch_file, "");
-  EXPECT_EQ(parse_write_options("sketch()").sketch_file, "");
-  // Only the first "sketch" is looked at.
-  EXPECT_EQ(parse_write_options("sketchy sketch(b.skt)").sketch_file, "");
-}
-
-TEST(WriteOptions, CoarsenTakesTheLongestRunOfItsScanSet) {
-  EXPECT_EQ(parse_write_options("coarsen(0.5,preserve_str)").coarsen, "0.5,preserve_str");
-  EXPECT_EQ(parse_write_options("coarsen(0.05, 10,1,101 102)").coarsen, "0.05, 10,1,101 102");
-  // The set is the letters of preserve_str, not the word.
-  EXPECT_EQ(parse_write_options("coarsen(0.1 strip_face)").coarsen, "0.1 str");
-  EXPECT_EQ(parse_write_options("coarsen(x)").coarsen, "");
-  EXPECT_EQ(parse_write_options("coarsen 0.5").coarsen, "");
+// Each argument is read at the first place its keyword stands: the sketch name in its first form
+// that yields one, the coarsening text as the longest run of its scan set (the letters of
+// preserve_str, not the word).
+TEST(WriteOptions, ArgumentsAreScannedFromTheirKeywords) {
+  const std::vector<std::pair<const char *, const char *>> sketches = {
+      {"sketch(\"my faces.skt\") strip_face", "my faces.skt"},
+      {"sketch('say \"hi\".skt')", "say \"hi\".skt"},
+      {"sketch(plain.skt) no_xdr", "plain.skt"},
+      {"sketch(open ended", "open ended"},
+      {"sketch", ""},
+      {"sketch()", ""},
+      {"sketchy sketch(b.skt)", ""}};
+  for (auto [text, name] : sketches) EXPECT_EQ(parse_write_options(text).sketch_file, name) << text;
+  const std::vector<std::pair<const char *, const char *>> coarsenings = {
+      {"coarsen(0.5,preserve_str)", "0.5,preserve_str"},
+      {"coarsen(0.05, 10,1,101 102)", "0.05, 10,1,101 102"},
+      {"coarsen(0.1 strip_face)", "0.1 str"},
+      {"coarsen(x)", ""},
+      {"coarsen 0.5", ""}};
+  for (auto [text, run] : coarsenings) EXPECT_EQ(parse_write_options(text).coarsen, run) << text;
 }
 
 TEST(WriteOptions, ArgumentsUpTo1024CharactersAreTakenLongerOnesFail) {

@@ -188,6 +188,14 @@ int32_t known_mode(KRXDATA *model, int32_t mode_number, int line) {
   return index;
 }
 
+// Both modes of a pair invariant must be known; the first unknown one is reported.
+bool known_pair(KRXDATA *model, int32_t mode_i, int32_t mode_j, int32_t &i, int32_t &j, int line) {
+  i = known_mode(model, mode_i, line);
+  if (i < 0) return false;
+  j = known_mode(model, mode_j, line);
+  return j >= 0;
+}
+
 // Per-mode invariant storage of `per_mode` values for each of M modes (M = the mode count when
 // first used). When modes have been registered since, the storage is laid out afresh for the
 // larger count, keeping every value at its (mode, component) place. component_major lays the
@@ -499,10 +507,8 @@ int set_invariant4(KRXDATA *model, int32_t mode_number, const double values[3]) 
 
 int set_invariant5(KRXDATA *model, int32_t mode_i, int32_t mode_j, const double values[3]) {
   if (!model_exists(model)) return 0;
-  int32_t i = known_mode(model, mode_i, __LINE__);
-  if (i < 0) return 0;
-  int32_t j = known_mode(model, mode_j, __LINE__);
-  if (j < 0) return 0;
+  int32_t i, j;
+  if (!known_pair(model, mode_i, mode_j, i, j, __LINE__)) return 0;
   const int32_t modes = mode_count(model);
   auto &storage = model->invariant5;
   if (!allocating(__LINE__, [&] { fit_pair_storage(storage, modes, true); })) return 0;
@@ -555,10 +561,8 @@ int set_invariant8(KRXDATA *model, int32_t mode_number, const double values[9]) 
 
 int set_invariant9(KRXDATA *model, int32_t mode_i, int32_t mode_j, const double values[9]) {
   if (!model_exists(model)) return 0;
-  int32_t i = known_mode(model, mode_i, __LINE__);
-  if (i < 0) return 0;
-  int32_t j = known_mode(model, mode_j, __LINE__);
-  if (j < 0) return 0;
+  int32_t i, j;
+  if (!known_pair(model, mode_i, mode_j, i, j, __LINE__)) return 0;
   const int32_t modes = mode_count(model);
   if (!allocating(__LINE__, [&] { fit_pair_storage(model->invariant9, modes, false); })) return 0;
   double *ij = model->invariant9.data() + pair_offset(false, modes, i, j, 0);
