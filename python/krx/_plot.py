@@ -1,0 +1,76 @@
+"""A picture of one mode: the outline undeformed in grey and deformed, coloured by the
+displacement magnitude, in 3D."""
+
+import numpy as np
+
+from ._mesh import face_cells, mode_vectors
+
+
+def _segments(f):
+    """Edges of the faces as pairs of point positions (each polygon closed), or None."""
+    pairs = []
+    for _, cells in face_cells(f):
+        n = cells.shape[1]
+        if n == 1:
+            continue
+        ends = np.roll(cells, -1, axis=1) if n > 2 else cells[:, 1:]
+        starts = cells if n > 2 else cells[:, :1]
+        pairs.append(np.stack([starts.reshape(-1), ends.reshape(-1)], axis=1))
+    if not pairs:
+        return None
+    edges = np.sort(np.concatenate(pairs), axis=1)
+    return np.unique(edges, axis=0)
+
+
+def default_scale(f, disp):
+    """The scale that makes the largest displacement a tenth of the body's size."""
+    size = float(np.linalg.norm(np.ptp(f.coords, axis=0))) if len(f.coords) else 0.0
+    largest = float(np.max(np.linalg.norm(disp, axis=1))) if len(disp) else 0.0
+    if largest == 0.0:
+        return 1.0
+    return 0.1 * (size if size > 0.0 else 1.0) / largest
+
+
+def plot_mode(f, number, out, scale=None):
+    """Writes the picture of mode `number` of the read file f to out; returns the scale used."""
+    import matplotlib
+    import matplotlib.pyplot as plt
+    from mpl_toolkits.mplot3d.art3d import Line3DCollection
+
+    numbers = f._mode_record_numbers
+    if f.coords is None or numbers is None or number not in set(numbers.tolist()):
+        raise ValueError(f"the file has no mode {number} with node coordinates")
+    k = int(np.nonzero(numbers == number)[0][0])
+    disp = mode_vectors(f, k)
+    scale = default_scale(f, disp) if scale is None else float(scale)
+    moved = f.coords + scale * disp
+    magnitude = np.linalg.norm(disp, axis=1)
+    norm = matplotlib.colors.Normalize(vmin=0.0, vmax=float(magnitude.max()) or 1.0)
+    cmap = matplotlib.colormaps["viridis"]
+
+    fig = plt.figure(figsize=(8, 6), dpi=100)
+    ax = fig.add_subplot(projection="3d")
+    edges = _segments(f)
+    if edges is not None:
+        ax.add_collection3d(Line3DCollection(f.coords[edges], colors="0.65", linewidths=1.0))
+        colours = cmap(norm(magnitude[edges].mean(axis=1)))
+        ax.add_collection3d(Line3DCollection(moved[edges], colors=colours, linewidths=2.0))
+    ax.scatter(*f.coords.T, s=2, c="0.65", depthshade=False)
+    ax.scatter(*moved.T, s=6, c=magnitude, cmap=cmap, norm=norm, depthshade=False)
+    both = np.concatenate([f.coords, moved])
+    lo, hi = both.min(axis=0), both.max(axis=0)
+    half = max(float((hi - lo).max()) / 2.0, 1e-12)
+    for centre, setter in zip((lo + hi) / 2.0, (ax.set_xlim, ax.set_ylim, ax.set_zlim)):
+        setter(centre - half, centre + half)
+    ax.set_xlabel("x")
+    ax.set_ylabel("y")
+    ax.set_zlabel("z")
+    title = f"Mode {number}"
+    if f.hertz is not None and f.mode_numbers is not None and number in set(f.mode_numbers.tolist()):
+        title += f"  ({f.hertz[int(np.nonzero(f.mode_numbers == number)[0][0])]:.6g} Hz)"
+    ax.set_title(f"{title}, displacements x {scale:.3g}")
+    fig.colorbar(matplotlib.cm.ScalarMappable(norm=norm, cmap=cmap), ax=ax, shrink=0.7,
+                 label="displacement magnitude")
+    fig.savefig(out)
+    plt.close(fig)
+    return scale
