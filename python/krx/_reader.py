@@ -33,7 +33,8 @@ class ModeArray:
         return self.shape[0]
 
     def __getitem__(self, key):
-        return np.asarray(self._stored[key], dtype=np.float64)
+        with np.errstate(invalid="ignore"):  # a stored NaN stays NaN
+            return np.asarray(self._stored[key], dtype=np.float64)
 
     def __iter__(self):
         for k in range(self.shape[0]):

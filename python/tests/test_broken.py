@@ -1,0 +1,97 @@
+import random
+
+import numpy as np
+import pytest
+
+import krx
+import krxbuild as kb
+from test_read import hand_built
+
+
+def write(tmp_path, data):
+    path = tmp_path / "broken.krx"
+    path.write_bytes(bytes(data))
+    return path
+
+
+def refusal(tmp_path, data):
+    with pytest.raises(krx.KrxError) as e:
+        krx.read(write(tmp_path, data))
+    return str(e.value)
+
+
+@pytest.mark.parametrize("code", [10, 50, 316, 828])
+def test_every_truncation_is_refused(tmp_path, code):
+    data = hand_built(code)[0]
+    krx.read(write(tmp_path, data))
+    for cut in range(len(data)):
+        message = refusal(tmp_path, data[:cut])
+        assert message.startswith("block ") and " at byte " in message
+
+
+def test_not_a_krx_file(tmp_path):
+    assert refusal(tmp_path, b"\0" * 4000) == (
+        "block 1 (version_code) at byte 0: not a KRX version code (00000000)")
+    assert "holds 2 bytes" in refusal(tmp_path, b"\0\1")
+    with pytest.raises(krx.KrxError, match="cannot open"):
+        krx.read(tmp_path / "missing.krx")
+
+
+def layout_of(code):
+    """The hand-built file with the start offset of each of its blocks."""
+    data, blocks = hand_built(code)
+    enc = kb.Enc(code)
+    start = 4 + (544 + 100) * (4 if enc.xdr else 1)
+    starts = {}
+    for b in sorted(blocks):
+        starts[b] = start
+        start += len(blocks[b])
+    return bytearray(data), starts, enc
+
+
+# (block, word of the block changed, new value, byte after the block start named, refusal)
+@pytest.mark.parametrize("block,word,value,delta,expected", [
+    (4, 0, 2**31 - 1, 8, "2147483647 node records needs 60129542116 bytes but the file ends"),
+    (4, 0, -1, 0, "node count is negative (-1)"),
+    (8, 0, 3, 0, "3 mode shape modes, but 2 eigenvalues"),
+    (8, 1, 2**30, 8, "1073741824 node ids needs 4294967296 bytes"),
+    (12, 1, 2**30, 4, "matrix order 1073741824 is more than the file can justify"),
+    (12, 1, 1, 0, "an entry lies outside the 1 x 1 matrix"),
+    (14, 3, 2**31 - 1, 0, "block size 64 does not match a face list of 2147483647 words"),
+    (14, 4, 12, 16, "face 1 has a vertex count of 12"),
+    (14, 5, 4, 16, "a face names node position 4, outside the 4 nodes of block 4"),
+    (21, 0, 2**31 - 1, 4, "6442450941 values needs"),
+])
+def test_wrong_and_absurd_counts_are_refused_where_they_are(tmp_path, block, word, value, delta,
+                                                            expected):
+    data, starts, enc = layout_of(316)
+    at = starts[block] + 4 * word
+    data[at:at + 4] = enc.i(value)
+    name = krx._layout.BLOCK_NAMES[block]
+    assert refusal(tmp_path, data).startswith(
+        f"block {block} ({name}) at byte {starts[block] + delta}: {expected}")
+
+
+def test_a_large_matrix_order_without_entries_is_refused(tmp_path):
+    enc = kb.Enc(60)
+    data = kb.krx_file(enc, {12: kb.sparse_block(enc, 10**6, [])})
+    assert "matrix order 1000000 is more than the file can justify" in refusal(tmp_path, data)
+
+
+@pytest.mark.parametrize("code", [20, 60, 828])
+def test_damaged_bytes_give_values_or_a_krx_error(tmp_path, code):
+    clean = hand_built(code)[0]
+    rng = random.Random(code)
+    for _ in range(300):
+        data = bytearray(clean)
+        for _ in range(rng.randint(1, 4)):
+            at = rng.randrange(len(data))
+            data[at] = rng.choice([0, 0xFF, 0x7F, 0x80, rng.randrange(256)])
+        try:
+            f = krx.read(write(tmp_path, data))
+        except krx.KrxError:
+            continue
+        if f.mode_shapes is not None and len(f.mode_shapes):
+            np.asarray(f.mode_shapes[len(f.mode_shapes) - 1])
+        if f.coords is not None:
+            krx.to_meshio(f)
