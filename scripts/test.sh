@@ -9,6 +9,8 @@ jobs=$(nproc)
 cmake -S . -B build -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo
 cmake --build build -j "$jobs"
 ctest --test-dir build --output-on-failure -j "$jobs"
+# The Python reader, against files that build/ writes (Debian's interpreter holds its packages).
+KRX_BUILD_DIR=build MPLBACKEND=Agg /usr/bin/python3 -m pytest -q -p no:cacheprovider python/tests
 
 cmake -S . -B build-asan -G Ninja -DCMAKE_BUILD_TYPE=Debug -DKRX_SANITIZE=ON -DKRX_BENCH=OFF
 cmake --build build-asan -j "$jobs"
