@@ -396,9 +396,11 @@ def _read_faces(f, cur):
     mask[np.array(firsts, dtype=np.int64) - 1] = False
     positions = words[mask]
     nodes = len(f.node_ids) if f.node_ids is not None else 0
-    if positions.size and (positions.min() < 0 or positions.max() >= nodes):
-        cur.fail(f"a face names node position {int(positions.max() if positions.max() >= nodes else positions.min())},"
-                 f" outside the {nodes} nodes of block 4", start + 16)
+    outside = (positions < 0) | (positions >= nodes)
+    if np.any(outside):
+        bad = int(positions[np.argmax(outside)])
+        cur.fail(f"a face names node position {bad}, outside the {nodes} nodes of block 4",
+                 start + 16)
     f._face_counts = counts.astype(np.int32)
     f._face_vertices = f.node_ids[positions].astype(np.int32) if nodes else np.zeros(0, np.int32)
 
