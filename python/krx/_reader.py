@@ -126,6 +126,7 @@ class KrxFile:
         self._face_counts = self._face_vertices = None
         self._faces = None
         self._mode_record_numbers = None
+        self._id_order = None
 
     @property
     def faces(self):
@@ -139,6 +140,7 @@ class KrxFile:
 
     @property
     def mode_count(self):
+        """Number of modes: block 7's count, else block 8's; None without either."""
         if self.mode_numbers is not None:
             return len(self.mode_numbers)
         return None
@@ -148,8 +150,10 @@ class KrxFile:
         ids = np.asarray(ids, dtype=np.int64)
         if self.node_ids is None or len(self.node_ids) == 0:
             return np.full(ids.shape, -1, dtype=np.int64)
-        order = np.argsort(self.node_ids, kind="stable")
-        sorted_ids = self.node_ids[order]
+        if self._id_order is None or len(self._id_order[0]) != len(self.node_ids):
+            order = np.argsort(self.node_ids, kind="stable")
+            self._id_order = (order, self.node_ids[order])
+        order, sorted_ids = self._id_order
         at = np.clip(np.searchsorted(sorted_ids, ids), 0, len(sorted_ids) - 1)
         return np.where(sorted_ids[at] == ids, order[at], -1)
 
