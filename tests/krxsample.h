@@ -57,7 +57,7 @@ inline bool write_sample(const std::string &path, const Sample &s) {
     ElementTopologyBlock t;
     for (int g = 0; g < 12; ++g) t.groups.push_back({g, g == 1 ? 1 : 0, g + 2});
     t.face_count = 1;
-    t.words = {0, 0, s.ids[0], s.ids[1], s.ids[2]};
+    t.words = {0, 0, s.ids[2], s.ids[0], s.ids[1]};
     ok = ok && write_element_topology_block(b, t);
   }
   ok = ok && write_global_body_block(b, {2.0, 0.5, 0.25, 0.125, 1, 0, 0, 0, 2, 0, 0, 0, 3});
@@ -91,7 +91,8 @@ inline bool write_sample(const std::string &path, const Sample &s) {
   MatrixBlock k{M, {{1, 1, 4.0, 1}, {2, 2, 16.0, 1}}};
   MatrixBlock m{M, {{1, 1, 1.0, 1}, {2, 2, 1.0, 1}}};
   ok = ok && write_matrix_block(b, k) && write_matrix_block(b, m);
-  if (!old) ok = ok && write_element_faces_block(b, ElementFacesBlock{1, {3, s.ids[0], s.ids[1], s.ids[2]}});
+  // Block 14 names the same face by positions in block 4, the old element block by identifiers.
+  if (!old) ok = ok && write_element_faces_block(b, ElementFacesBlock{1, {3, 2, 0, 1}});
   ok = ok && write_matrix_block(b, MatrixBlock{M, {{1, 2, 0.5, 1}}});
   TransformationBlock t;
   t.modes = s.mode_numbers;

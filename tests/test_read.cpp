@@ -61,7 +61,7 @@ TEST_F(ReadFixture, ReadsEveryEncodingAndPrecisionValueForValue) {
     EXPECT_STREQ("NEWTON", model->force_unit.data());
     ASSERT_TRUE(model->stiffness.size() == 2u && model->damping.size() == 1u);
     EXPECT_TRUE(model->stiffness[1].row == 1 && model->stiffness[1].value == 16.0 && model->damping[0].column == 1);
-    EXPECT_EQ((std::vector<int32_t>{3, 0, 1, 2}), model->faces);
+    EXPECT_EQ((std::vector<int32_t>{3, 2, 0, 1}), model->faces);
     EXPECT_EQ(1, model->face_count);
     EXPECT_EQ((std::vector<double>{1, 0, 0, 1}), model->transformation);
     EXPECT_EQ((std::vector<int32_t>{2}), model->interface_nodes);
@@ -207,6 +207,33 @@ TEST_F(ReadFixture, AbsurdCountsAreRefusedBeforeAllocating) {
         EXPECT_EQ(nullptr, find_or_read_model(path.c_str()));
         EXPECT_TRUE(host.has(3, c.message)) << absurd;
       }
+    }
+  }
+}
+
+// Block 14 holds 0-based positions in block 4: they are kept, listed as the identifiers they
+// name, and a position at or past block 4's node count ends the read.
+TEST_F(ReadFixture, ElementFacesNamePositionsInBlockFour) {
+  for (int32_t version : {316, 60}) {
+    SCOPED_TRACE(version);
+    krxtest::Sample s;
+    s.version = version;
+    KRXDATA *model = write_and_read(s);
+    ASSERT_NE(nullptr, model);
+    char *text = nullptr;
+    std::size_t size = 0;
+    FILE *out = open_memstream(&text, &size);
+    list_block(model, 14, out);
+    std::fclose(out);
+    EXPECT_NE(std::string::npos, std::string(text, size).find("      1           30     10     20\n"));
+    std::free(text);
+    int64_t at = model->block_start[14];
+    release_all_models();
+    for (int32_t position : {3, -1}) {
+      patch_int(path, at + 20, position, version_is_xdr(version));
+      host.clear();
+      EXPECT_EQ(nullptr, find_or_read_model(path.c_str())) << position;
+      EXPECT_TRUE(host.has(3, "Problem reading Element Faces")) << position;
     }
   }
 }

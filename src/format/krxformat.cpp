@@ -603,11 +603,8 @@ int make_element_faces_block(const KRXDATA &model, ElementFacesBlock &block) {
   for (std::size_t i = 0; i < block.words.size();) {
     int32_t n = block.words[i++];
     if (n < 0 || n > int32_t(block.words.size() - i)) return 0;
-    for (int32_t v = 0; v < n; ++v, ++i) {
-      int32_t at = block.words[i];
-      if (at < 0 || at >= nodes) return 0;
-      block.words[i] = model.nodes[at].id;
-    }
+    for (int32_t v = 0; v < n; ++v, ++i)
+      if (block.words[i] < 0 || block.words[i] >= nodes) return 0;
   }
   return 1;
 }

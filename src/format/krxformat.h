@@ -168,7 +168,8 @@ int read_pre_block(BlockIo &b, std::vector<double> &values);
 
 // ---- builders from the model (positions to ids, 0-based to 1-based) ----
 void make_header_block(const KRXDATA &model, HeaderBlock &h);  // the date loses its newline
-// Faces as node ids; 0 when a vertex is not a node of the table.
+// Faces as the model keeps them: vertices are 0-based positions in the node table as block 4
+// lists it. 0 when a vertex is not a node of the table.
 int make_element_faces_block(const KRXDATA &model, ElementFacesBlock &block);
 int make_element_topology_block(const KRXDATA &model, ElementTopologyBlock &block);
 // Each node's non-zero terms among (4,4), (5,5), (6,6), (4,5), (4,6), (5,6), in that order.

@@ -180,6 +180,7 @@ int read_nodal_coords(KRXDATA &model) {
     return 0;
   }
   model.node_index_built = false;
+  model.file_node_count = int32_t(model.nodes.size());
   return 1;
 }
 
@@ -316,12 +317,21 @@ int read_matrix(KRXDATA &model, int block, std::vector<MatrixEntry> &list, const
   return 1;
 }
 
-// The face list of the model from a list of (count, ids...) words; false on a malformed list.
-bool install_faces(KRXDATA &model, std::vector<int32_t> &words) {
+// Block 14 names vertices by their 0-based position in block 4; every one must be inside it.
+bool positions_in_range(KRXDATA &model, std::vector<int32_t> &words, std::size_t from, std::size_t n) {
+  for (std::size_t i = from; i < from + n; ++i)
+    if (words[i] < 0 || words[i] >= model.file_node_count) return false;
+  return true;
+}
+
+// The face list of the model from a list of (count, vertices...) words, whose vertices vertices()
+// turns into node positions in place; false on a malformed list.
+template <typename Vertices>
+bool install_faces(KRXDATA &model, std::vector<int32_t> &words, Vertices vertices) {
   int32_t faces = 0;
   for (std::size_t i = 0; i < words.size();) {
     int32_t n = words[i++];
-    if (n < 0 || std::size_t(n) > words.size() - i || !positions_of(model, words, i, n)) return false;
+    if (n < 0 || std::size_t(n) > words.size() - i || !vertices(model, words, i, n)) return false;
     i += std::size_t(n);
     ++faces;
   }
@@ -335,7 +345,7 @@ int read_element_faces(KRXDATA &model) {
   if (!load_block(model, 14, "Out of memory while reading Element Faces Block",
                   [&](BlockIo &io) { return read_element_faces_block(io, block); }))
     return 0;
-  if (!install_faces(model, block.words)) {
+  if (!install_faces(model, block.words, positions_in_range)) {
     error("%s", block_problem(14));
     return 0;
   }
@@ -363,7 +373,8 @@ int read_element_topology(KRXDATA &model) {
     error("%s", memory);
     return 0;
   }
-  if (!install_faces(model, words)) {
+  // Unlike block 14, the old element block names its vertices by node identifier.
+  if (!install_faces(model, words, positions_of)) {
     error("%s", block_problem(5));
     return 0;
   }

@@ -138,6 +138,7 @@ struct KRXDATA {
   int char_width = 1;
   int real_width = 8;
   bool read_from_file = false;
+  int32_t file_node_count = 0;  // nodes that block 4 of the file read lists: the range of block 14
 
   // Temporary vector store, one slot per kind.
   std::array<VectorSlot, 3> store;
