@@ -384,20 +384,12 @@ def _read_faces(f, cur):
     if s != 4 * w + 16:
         cur.fail(f"block size {s} does not match a face list of {w} words", start)
     words = cur.ints(w, f"a face list of {w} words").astype(np.int64)
-    counts, firsts, p = [], [], 0
-    lw = words.tolist()
-    while p < w:
-        n = lw[p]
-        if n < 0 or p + 1 + n > w:
-            cur.fail(f"face {len(counts) + 1} has a vertex count of {n}", start + 16 + 4 * p)
-        counts.append(n)
-        firsts.append(p + 1)
-        p += n + 1
-    if len(counts) != max(nfaces, 0):
-        cur.fail(f"the face list holds {len(counts)} faces, not {nfaces}", start + 8)
-    counts = np.array(counts, dtype=np.int64)
+    heads = _face_heads(cur, words, start + 16)
+    if len(heads) != max(nfaces, 0):
+        cur.fail(f"the face list holds {len(heads)} faces, not {nfaces}", start + 8)
+    counts = words[heads]
     mask = np.ones(w, dtype=bool)
-    mask[np.array(firsts, dtype=np.int64) - 1] = False
+    mask[heads] = False
     positions = words[mask]
     nodes = len(f.node_ids) if f.node_ids is not None else 0
     outside = (positions < 0) | (positions >= nodes)
@@ -407,6 +399,24 @@ def _read_faces(f, cur):
                  start + 16)
     f._face_counts = counts.astype(np.int32)
     f._face_vertices = f.node_ids[positions].astype(np.int32) if nodes else np.zeros(0, np.int32)
+
+
+def _face_heads(cur, words, at):
+    """Positions of the count words of a face list. Runs of faces with one vertex count are
+    stepped over a window at a time; the window doubles while the run lasts."""
+    heads, p, w, window = [], 0, len(words), 16
+    while p < w:
+        n = int(words[p])
+        if n < 0 or p + 1 + n > w:
+            cur.fail(f"face {sum(map(len, heads)) + 1} has a vertex count of {n}", at + 4 * p)
+        run = np.arange(p, min(w, p + window * (n + 1)), n + 1)
+        same = words[run] == n
+        same &= run + n < w
+        taken = len(run) if same.all() else int(np.argmin(same))
+        heads.append(run[:taken])
+        p = int(run[taken - 1]) + n + 1
+        window = window * 2 if taken == len(run) else 16
+    return np.concatenate(heads) if heads else np.zeros(0, dtype=np.int64)
 
 
 def _read_transformation(f, cur):
