@@ -75,7 +75,7 @@ TEST_F(ReadFixture, ReadsEveryEncodingAndPrecisionValueForValue) {
     }
     const VectorSlot &stress = model->store[kModalStress];
     EXPECT_EQ((std::vector<int32_t>{2, 0}), stress.nodes);
-    EXPECT_EQ((std::pair<int32_t, int32_t>{10, 1}), stress.index[0]);
+    EXPECT_TRUE(find_id(stress.index, 10) == 1 && find_id(stress.index, 30) == 0);
     EXPECT_TRUE(model->own.file == stress.io.file && !stress.owns_file);
     EXPECT_EQ(6 * model->real_width, stress.slot_bytes);
     bool later = version_generation(version) >= 40;
