@@ -131,6 +131,7 @@ struct VectorSlot {
   // Node position and mode index of the last store, tried before the lookups.
   int32_t node_hint = -1;
   int32_t mode_hint = -1;
+  int32_t slot_hint = -1;  // kinds 1 and 2: the node slot of the last store
 };
 
 struct EigenRecord {

@@ -336,9 +336,15 @@ int locate(KRXDATA *model, int32_t mode_number, int32_t node_id, int kind, Targe
   target.index = hinted_mode_index(model, slot, mode_number);
   if (target.index < 0) return 0;
   int32_t node_slot = position;
-  if (kind != kModeShapes) {
+  bool hinted = kind == kModeShapes;
+  for (int32_t at : {slot.slot_hint, slot.slot_hint + 1})
+    if (!hinted && at >= 0 && size_t(at) < slot.nodes.size() && slot.nodes[size_t(at)] == position) {
+      node_slot = slot.slot_hint = at;
+      hinted = true;
+    }
+  if (!hinted) {
     try {
-      node_slot = kind_slot_or_add(model, kind, node_id, position);
+      node_slot = slot.slot_hint = kind_slot_or_add(model, kind, node_id, position);
     } catch (const std::bad_alloc &) {
       KRX_REPORT_ALLOC(kSource);
       return 0;
