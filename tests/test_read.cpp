@@ -238,6 +238,26 @@ TEST_F(ReadFixture, ElementFacesNamePositionsInBlockFour) {
   }
 }
 
+// The damping listing's note follows the model's projected flag.
+TEST_F(ReadFixture, DampingListingSaysWhetherItIsProjected) {
+  KRXDATA *model = write_and_read(krxtest::Sample{});
+  ASSERT_NE(nullptr, model);
+  for (int32_t projected : {0, 1}) {
+    model->damping_projected = projected;
+    char *text = nullptr;
+    std::size_t size = 0;
+    FILE *out = open_memstream(&text, &size);
+    list_block(model, 15, out);
+    std::fclose(out);
+    std::string listed(text, size);
+    std::free(text);
+    EXPECT_EQ(projected == 1, listed.find("Note:\tThe generalized damping matrix has been projected onto "
+                                          "principal\n") != std::string::npos);
+    EXPECT_EQ(projected == 0, listed.find("has not been projected onto\n") != std::string::npos);
+    EXPECT_NE(std::string::npos, listed.find("    1       2       5.0000000000e-01\n")) << listed;
+  }
+}
+
 // Unknown node ids end the read with the block's message; counts must agree with the eigenvalues.
 TEST_F(ReadFixture, InconsistentBlocksEndTheRead) {
   krxtest::Sample unknown, short_eigen;

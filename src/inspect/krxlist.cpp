@@ -243,8 +243,13 @@ void list_faces(KRXDATA &m, FILE *out) {
 }
 
 void list_damping(KRXDATA &m, FILE *out) {
-  std::fprintf(out, "Note:\tThe generalized damping matrix has not been projected onto\n\tprincipal coordinates.  "
-                    "Rows and columns correspond to rigid body\n\tand flexible modes.\n\n");
+  if (m.damping_projected)
+    std::fprintf(out, "Note:\tThe generalized damping matrix has been projected onto principal\n\tcoordinates.  "
+                      "The first 6 rows and columns correspond PELIX\n\tprincipal rigid body degrees of freedom.  "
+                      "The remaining rows\n\tand columns correspond to flexible modes.\n\n");
+  else
+    std::fprintf(out, "Note:\tThe generalized damping matrix has not been projected onto\n\tprincipal coordinates.  "
+                      "Rows and columns correspond to rigid body\n\tand flexible modes.\n\n");
   list_matrix(m, m.damping, false, "No generalized damping information in KRX.\n", out);
 }
 

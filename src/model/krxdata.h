@@ -198,6 +198,9 @@ struct KRXDATA {
 
   // Generalized matrices: appended, never merged; a list grows by 100 entries.
   std::vector<MatrixEntry> stiffness, mass, damping;
+  // 1 once the damping matrix is projected onto principal coordinates: its first six rows and
+  // columns are then the principal rigid-body degrees of freedom. The listing says which.
+  int32_t damping_projected = 0;
 
   // Global body properties.
   double total_mass = 0.0;
