@@ -26,7 +26,7 @@ krx::KRXDATA *make_plate(int n) {
   // Reserved ahead: the node table's own growth in steps of 1000 is not what is measured here.
   size_t total = size_t(n + 1) * size_t(n + 1);
   model->nodes.reserve(total);
-  model->node_index.reserve(total);
+  krx::reserve_ids(model->node_index, total);
   for (int r = 0; r <= n; ++r)
     for (int c = 0; c <= n; ++c) {
       int32_t position = krx::add_node(model, r * (n + 1) + c + 1);

@@ -250,6 +250,18 @@ TEST_F(CompareModels, EachCaseGivesItsVerdict) {
                   "->Fail FaceList\n"},
        .absent = {"SparceStiffnessList"},  // the values in list order agree
        .base_change = [](Recipe &r) { r.finish = more_blocks; }},
+      // An invariant that both models hold and that differs fails with its own verdict.
+      {.name = "invariant", .change = [](Recipe &r) {
+         r.finish = [](krx::KRXDATA &model) {
+           model.flags[krx::kFlagInvariant1 + 1] = 1;
+           model.invariant2 = {1.0, 2.0, 3.1};
+         }; },
+       .status = 1, .pieces = {"->Fail Invar2\n  Delta: "},
+       .base_change = [](Recipe &r) {
+         r.finish = [](krx::KRXDATA &model) {
+           model.flags[krx::kFlagInvariant1 + 1] = 1;
+           model.invariant2 = {1.0, 2.0, 3.0};
+         }; }},
       // A missing node or mandatory block ends the process with -1, printing nothing at -1.
       {.name = "extra node", .change = extra_node, .status = 255,
        .exact = "->Fail Node 999 does not exist in base file (Exit)\n\n"},

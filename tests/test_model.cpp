@@ -1,7 +1,14 @@
 // The model record: creation, node index and mode registry, and the host strings of the frame.
 #include <gtest/gtest.h>
 
+#include <cstdio>
+#include <sstream>
+#include <string>
+#include <vector>
+
 #include "host/krx_fortran.h"
+#include "inspect/krxtoc.h"
+#include "model/krxtools.h"
 #include "testsupport.h"
 
 namespace {
@@ -25,7 +32,45 @@ TEST(ModelRecord, NodeIndexKeepsIdentifiersSortedAsNodesArrive) {
   for (int id = 1000; id < 3500; ++id) krx::node_position_or_add(&model, id);
   EXPECT_EQ(krx::node_count(&model), 2506);
   EXPECT_EQ(krx::node_position(&model, 2000), 6 + 1000);
-  EXPECT_TRUE(std::is_sorted(model.node_index.begin(), model.node_index.end()));
+}
+
+// Identifiers in a shuffled order: positions follow first appearance, for the node table and for
+// the stress node list alike, every identifier is found, and the listing prints them sorted.
+TEST(ModelRecord, ShuffledIdentifiersKeepFirstAppearanceAndListSorted) {
+  krxtest::RecordingHost host;
+  constexpr int kNodes = 3000;
+  auto id_at = [](int i) { return 7 + 13 * ((i * 1103) % kNodes); };  // a permutation of 0..2999
+  krxtest::create_model(kNodes, 1);
+  krx::KRXDATA *model = krx::current_model();
+  for (int i = 0; i < kNodes; ++i) ASSERT_EQ(krx::node_position_or_add(model, id_at(i)), i);
+  const double values[6] = {1, 2, 3, 4, 5, 6};
+  for (int i = kNodes; i-- > 0;)
+    ASSERT_EQ(krx::store_node_vector(model, 4, id_at(i), krx::kModalStress, values), 1);
+  for (int i = 0; i < kNodes; ++i) {
+    ASSERT_EQ(krx::node_position(model, id_at(i)), i);
+    ASSERT_EQ(krx::kind_slot(model, krx::kModalStress, id_at(i)), kNodes - 1 - i);
+  }
+  EXPECT_EQ(krx::node_position(model, 8), -1);
+  EXPECT_EQ(krx::kind_slot(model, krx::kModalStress, 8), -1);
+  EXPECT_EQ(krx::mode_index(model, 4), 0);
+  EXPECT_EQ(krx::mode_index(model, 5), -1);
+
+  char *text = nullptr;
+  std::size_t size = 0;
+  FILE *out = open_memstream(&text, &size);
+  krx::list_block(model, 9, out);
+  std::fclose(out);
+  std::vector<int> listed;
+  std::istringstream lines(std::string(text, size));
+  std::free(text);
+  for (std::string line; std::getline(lines, line);) {
+    int id = 0;
+    double mass = 0.0;
+    if (std::sscanf(line.c_str(), "%d\t%le", &id, &mass) == 2) listed.push_back(id);
+  }
+  ASSERT_EQ(listed.size(), std::size_t(kNodes));
+  for (int i = 0; i < kNodes; ++i) EXPECT_EQ(listed[std::size_t(i)], 7 + 13 * i);
+  krxtest::terminate_model();
 }
 
 TEST(ModelRecord, ModeRegistryFollowsFirstMentionUpToItsCapacity) {

@@ -353,7 +353,9 @@ TEST_F(VectorStore, ReplacementFileTakesOverTheKind) {
 
   auto &slot = model->store[krx::kModalStress];
   slot.nodes.resize(2);  // the caller's part of a shortened file
-  slot.index = {{1, 0}, {2, 1}};
+  krx::clear_ids(slot.index);
+  krx::insert_id(slot.index, 1, 0);
+  krx::insert_id(slot.index, 2, 1);
   ASSERT_EQ(krx::load_mode_record(model, 1, krx::kModalStress), 1);
   EXPECT_EQ(slot.record, first);
   ASSERT_EQ(krx::store_node_value(model, 2, 2, krx::kModalStress, 0, 7.0), 1);

@@ -66,16 +66,15 @@ bool order_nodes_as(KRXDATA &model, const std::vector<int32_t> &ids) {
 // Kinds 1 and 2 list the nodes that carry values; every one must be a known node.
 bool build_kind_nodes(KRXDATA &model, VectorSlot &slot, const std::vector<int32_t> &ids) {
   slot.nodes.clear();
-  slot.index.clear();
+  clear_ids(slot.index);
   slot.nodes.reserve(ids.size());
-  slot.index.reserve(ids.size());
+  reserve_ids(slot.index, ids.size());
   for (std::size_t i = 0; i < ids.size(); ++i) {
     int32_t at = node_position(&model, ids[i]);
     if (at < 0) return false;
     slot.nodes.push_back(at);
-    slot.index.emplace_back(ids[i], int32_t(i));
+    insert_id(slot.index, ids[i], int32_t(i));
   }
-  std::sort(slot.index.begin(), slot.index.end());
   return true;
 }
 

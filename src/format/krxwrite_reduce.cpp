@@ -66,11 +66,10 @@ void filter_kind_list(const KRXDATA *model, int kind, const std::vector<int32_t>
 
 void rebuild_kind_index(KRXDATA *model, int kind) {
   VectorSlot &slot = model->store[kind];
-  slot.index.clear();
-  for (std::size_t s = 0; s < slot.nodes.size(); ++s) {
-    slot.index.emplace_back(model->nodes[slot.nodes[s]].id, int32_t(s));
-  }
-  std::sort(slot.index.begin(), slot.index.end());
+  clear_ids(slot.index);
+  reserve_ids(slot.index, slot.nodes.size());
+  for (std::size_t s = 0; s < slot.nodes.size(); ++s)
+    insert_id(slot.index, model->nodes[slot.nodes[s]].id, int32_t(s));
 }
 
 std::vector<double> filter_pre_values(const std::vector<double> &values,
@@ -92,12 +91,8 @@ void rebuild_node_table(KRXDATA *model, const std::vector<int32_t> &kept) {
   nodes.reserve(kept.size());
   for (int32_t p : kept) nodes.push_back(std::move(model->nodes[p]));
   model->nodes = std::move(nodes);
-  model->node_index.clear();
-  for (std::size_t p = 0; p < model->nodes.size(); ++p) {
-    model->node_index.emplace_back(model->nodes[p].id, int32_t(p));
-  }
-  std::sort(model->node_index.begin(), model->node_index.end());
-  model->node_index_built = true;
+  clear_ids(model->node_index);
+  model->node_index_built = false;  // rebuilt from the new table on the next lookup
 }
 
 // Every face keeps naming the same nodes; a vertex whose node is dropped (never the case for the

@@ -60,9 +60,10 @@ int32_t mode_number_at(const KRXDATA &model, int32_t index) {
 std::vector<int32_t> nodes_by_id(KRXDATA &model) {
   std::vector<int32_t> order;
   if (model.nodes.empty()) return order;
-  node_position(&model, model.nodes[0].id);  // builds the sorted index
-  order.reserve(model.node_index.size());
-  for (const auto &pair : model.node_index) order.push_back(pair.second);
+  node_position(&model, model.nodes[0].id);  // builds the index
+  auto pairs = sorted_ids(model.node_index);
+  order.reserve(pairs.size());
+  for (const auto &pair : pairs) order.push_back(pair.second);
   return order;
 }
 
@@ -132,7 +133,7 @@ std::vector<std::pair<int32_t, int32_t>> kind_rows(KRXDATA &m, int kind) {
     for (int32_t at : nodes_by_id(m))
       if (at < int32_t(slot.nodes.size())) rows.emplace_back(m.nodes[at].id, at);
   } else {
-    rows = slot.index;
+    rows = sorted_ids(slot.index);
   }
   return rows;
 }
@@ -242,8 +243,13 @@ void list_faces(KRXDATA &m, FILE *out) {
 }
 
 void list_damping(KRXDATA &m, FILE *out) {
-  std::fprintf(out, "Note:\tThe generalized damping matrix has not been projected onto\n\tprincipal coordinates.  "
-                    "Rows and columns correspond to rigid body\n\tand flexible modes.\n\n");
+  if (m.damping_projected)
+    std::fprintf(out, "Note:\tThe generalized damping matrix has been projected onto principal\n\tcoordinates.  "
+                      "The first 6 rows and columns correspond PELIX\n\tprincipal rigid body degrees of freedom.  "
+                      "The remaining rows\n\tand columns correspond to flexible modes.\n\n");
+  else
+    std::fprintf(out, "Note:\tThe generalized damping matrix has not been projected onto\n\tprincipal coordinates.  "
+                      "Rows and columns correspond to rigid body\n\tand flexible modes.\n\n");
   list_matrix(m, m.damping, false, "No generalized damping information in KRX.\n", out);
 }
 

@@ -33,16 +33,95 @@ void close_model_files(KRXDATA &model) {
   close_file_slot(model.own);
 }
 
+// Fibonacci hashing: consecutive identifiers spread over the whole table.
+std::size_t cell_of(int32_t id, std::size_t mask) {
+  return std::size_t((uint64_t(uint32_t(id)) * 0x9E3779B97F4A7C15ull) >> 32) & mask;
+}
+
+void place(std::vector<std::pair<int32_t, int32_t>> &cells, int32_t id, int32_t position) {
+  std::size_t mask = cells.size() - 1;
+  std::size_t at = cell_of(id, mask);
+  while (cells[at].second >= 0) at = (at + 1) & mask;
+  cells[at] = {id, position};
+}
+
+void rehash(IdIndex &index, std::size_t cell_count) {
+  std::vector<std::pair<int32_t, int32_t>> cells(cell_count, std::make_pair(0, -1));
+  for (const auto &cell : index.cells)
+    if (cell.second >= 0) place(cells, cell.first, cell.second);
+  index.cells = std::move(cells);
+}
+
+// Built from the node table as it stands; the first position of a repeated id wins.
 void build_node_index(KRXDATA &model) {
-  model.node_index.clear();
-  model.node_index.reserve(model.nodes.capacity());
+  clear_ids(model.node_index);
+  reserve_ids(model.node_index, model.nodes.size());
   for (int32_t i = 0; i < int32_t(model.nodes.size()); ++i)
-    model.node_index.emplace_back(model.nodes[i].id, i);
-  std::sort(model.node_index.begin(), model.node_index.end());
+    insert_id(model.node_index, model.nodes[std::size_t(i)].id, i);
   model.node_index_built = true;
 }
 
+int32_t find_mode_linearly(const KRXDATA &model, int32_t number) {
+  auto it = std::find(model.modes.begin(), model.modes.end(), number);
+  return it == model.modes.end() ? -1 : int32_t(it - model.modes.begin());
+}
+
+// Brings the mode lookup up to the registry: entries appended since the last lookup join it; a
+// registry that shrank (a reader starting over) is indexed afresh.
+bool catch_up_modes(const KRXDATA &model) {
+  if (model.mode_index_covered > model.modes.size()) {
+    clear_ids(model.mode_lookup);
+    model.mode_index_covered = 0;
+  }
+  try {
+    for (std::size_t i = model.mode_index_covered; i < model.modes.size(); ++i) {
+      insert_id(model.mode_lookup, model.modes[i], int32_t(i));
+      model.mode_index_covered = i + 1;
+    }
+  } catch (const std::bad_alloc &) {
+    return false;
+  }
+  return true;
+}
+
 }  // namespace
+
+int32_t find_id(const IdIndex &index, int32_t id) {
+  if (index.used == 0) return -1;
+  std::size_t mask = index.cells.size() - 1;
+  for (std::size_t at = cell_of(id, mask);; at = (at + 1) & mask) {
+    const auto &cell = index.cells[at];
+    if (cell.second < 0) return -1;
+    if (cell.first == id) return cell.second;
+  }
+}
+
+void reserve_ids(IdIndex &index, std::size_t count) {
+  std::size_t cells = 16;
+  while (cells < 2 * count) cells *= 2;
+  if (cells > index.cells.size()) rehash(index, cells);
+}
+
+void insert_id(IdIndex &index, int32_t id, int32_t position) {
+  if (2 * (index.used + 1) > index.cells.size()) reserve_ids(index, 2 * (index.used + 1));
+  if (find_id(index, id) >= 0) return;
+  place(index.cells, id, position);
+  ++index.used;
+}
+
+void clear_ids(IdIndex &index) {
+  index.cells.clear();
+  index.used = 0;
+}
+
+std::vector<std::pair<int32_t, int32_t>> sorted_ids(const IdIndex &index) {
+  std::vector<std::pair<int32_t, int32_t>> pairs;
+  pairs.reserve(index.used);
+  for (const auto &cell : index.cells)
+    if (cell.second >= 0) pairs.push_back(cell);
+  std::sort(pairs.begin(), pairs.end());
+  return pairs;
+}
 
 std::vector<std::unique_ptr<KRXDATA>> &model_list() {
   static std::vector<std::unique_ptr<KRXDATA>> list;
@@ -84,11 +163,15 @@ int32_t node_count(const KRXDATA *model) { return model ? int32_t(model->nodes.s
 
 int32_t node_position(KRXDATA *model, int32_t id) {
   if (!model_exists(model)) return -1;
-  if (!model->node_index_built) build_node_index(*model);
-  auto &index = model->node_index;
-  auto it = std::lower_bound(index.begin(), index.end(), std::make_pair(id, INT32_MIN));
-  if (it == index.end() || it->first != id) return -1;
-  return it->second;
+  if (!model->node_index_built) {
+    try {
+      build_node_index(*model);
+    } catch (const std::bad_alloc &) {
+      KRX_REPORT_ALLOC(kSource);
+      return -1;
+    }
+  }
+  return find_id(model->node_index, id);
 }
 
 int32_t add_node(KRXDATA *model, int32_t id) {
@@ -100,14 +183,11 @@ int32_t add_node(KRXDATA *model, int32_t id) {
       // At least 1000 entries at a time, and never fewer than half the table: a million nodes
       // added one by one must not copy the table a thousand times.
       nodes.reserve(nodes.capacity() + std::max<std::size_t>(1000, nodes.capacity() / 2));
-      model->node_index.reserve(nodes.capacity());
     }
     int32_t position = int32_t(nodes.size());
+    insert_id(model->node_index, id, position);
     nodes.emplace_back();
     nodes.back().id = id;
-    auto &index = model->node_index;
-    auto at = std::upper_bound(index.begin(), index.end(), std::make_pair(id, position));
-    index.insert(at, std::make_pair(id, position));
     return position;
   } catch (const std::bad_alloc &) {
     KRX_REPORT_ALLOC(kSource);
@@ -125,9 +205,8 @@ int32_t mode_count(const KRXDATA *model) { return model ? int32_t(model->modes.s
 
 int32_t mode_index(const KRXDATA *model, int32_t number) {
   if (!model_exists(model)) return -1;
-  auto &modes = model->modes;
-  auto it = std::find(modes.begin(), modes.end(), number);
-  return it == modes.end() ? -1 : int32_t(it - modes.begin());
+  if (!catch_up_modes(*model)) return find_mode_linearly(*model, number);
+  return find_id(model->mode_lookup, number);
 }
 
 int32_t register_mode(KRXDATA *model, int32_t number) {

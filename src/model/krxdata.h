@@ -56,6 +56,23 @@ enum Flag : int {
 constexpr double kInfiniteEigenvalue = 1.2345e20;
 constexpr double kTwoPi = 6.28318530718;
 
+// Identifier to position, an open-addressing hash table with linear probing: insertion and lookup
+// cost O(1) amortised in any order of identifiers. The first position given for an identifier
+// wins. The table keeps at most half its cells used and doubles when it would pass that.
+struct IdIndex {
+  std::vector<std::pair<int32_t, int32_t>> cells;  // (id, position); position -1: empty
+  std::size_t used = 0;
+};
+// The position of id, -1 when it has none.
+int32_t find_id(const IdIndex &index, int32_t id);
+// Adds (id, position) unless id is there already; std::bad_alloc goes to the caller.
+void insert_id(IdIndex &index, int32_t id, int32_t position);
+// Room for count identifiers without growing; std::bad_alloc goes to the caller.
+void reserve_ids(IdIndex &index, std::size_t count);
+void clear_ids(IdIndex &index);
+// The (id, position) pairs in increasing id order, built when something needs sorted order.
+std::vector<std::pair<int32_t, int32_t>> sorted_ids(const IdIndex &index);
+
 struct NodeRecord {
   int32_t id = 0;
   double x = 0.0, y = 0.0, z = 0.0;
@@ -100,10 +117,10 @@ struct VectorSlot {
   bool owns_file = false;  // a temporary file the library made, deleted at release
   int64_t slot_bytes = 48;  // step between nodes inside a record
   std::vector<int64_t> record_start;  // per mode index
-  // Kinds 1 and 2: node positions in the order they first received a value, and the sorted
-  // (node id, slot) index.
+  // Kinds 1 and 2: node positions in the order they first received a value, and the index from
+  // node id to slot.
   std::vector<int32_t> nodes;
-  std::vector<std::pair<int32_t, int32_t>> index;
+  IdIndex index;
   // The one cached record (six doubles per node of the kind) and the mode index it holds.
   std::vector<double> record;
   int32_t held_mode = -1;
@@ -114,6 +131,7 @@ struct VectorSlot {
   // Node position and mode index of the last store, tried before the lookups.
   int32_t node_hint = -1;
   int32_t mode_hint = -1;
+  int32_t slot_hint = -1;  // kinds 1 and 2: the node slot of the last store
 };
 
 struct EigenRecord {
@@ -165,17 +183,24 @@ struct KRXDATA {
   // Node table; allocated entries grow by 1000.
   uint32_t node_capacity = 0;
   std::vector<NodeRecord> nodes;
-  std::vector<std::pair<int32_t, int32_t>> node_index;  // (id, position) sorted by id
+  IdIndex node_index;  // id to position, built on first use
   bool node_index_built = false;
 
   // Mode registry: mode numbers in order of first mention.
   int32_t mode_capacity = 0;
   std::vector<int32_t> modes;
+  // Mode number to index, kept up with the registry on lookup: the first mode_index_covered
+  // entries of modes are in it.
+  mutable IdIndex mode_lookup;
+  mutable std::size_t mode_index_covered = 0;
   int32_t retained_modes = 0;  // equals the registry count until the eigen solution sets it
   bool retained_set = false;
 
   // Generalized matrices: appended, never merged; a list grows by 100 entries.
   std::vector<MatrixEntry> stiffness, mass, damping;
+  // 1 once the damping matrix is projected onto principal coordinates: its first six rows and
+  // columns are then the principal rigid-body degrees of freedom. The listing says which.
+  int32_t damping_projected = 0;
 
   // Global body properties.
   double total_mass = 0.0;

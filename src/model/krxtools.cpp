@@ -290,17 +290,12 @@ int open_vector_file(KRXDATA *model, int kind) {
 // The slot of a node in the list of kind 1 or 2, appending it when it has none yet.
 int32_t kind_slot_or_add(KRXDATA *model, int kind, int32_t node_id, int32_t position) {
   VectorSlot &slot = model->store[kind];
-  auto &index = slot.index;
-  auto at = std::lower_bound(index.begin(), index.end(), std::make_pair(node_id, INT32_MIN));
-  if (at != index.end() && at->first == node_id) return at->second;
+  int32_t known = find_id(slot.index, node_id);
+  if (known >= 0) return known;
   int32_t added = int32_t(slot.nodes.size());
+  slot.nodes.reserve(slot.nodes.size() + 1);
+  insert_id(slot.index, node_id, added);
   slot.nodes.push_back(position);
-  try {
-    index.insert(at, std::make_pair(node_id, added));
-  } catch (...) {
-    slot.nodes.pop_back();
-    throw;
-  }
   return added;
 }
 
@@ -341,9 +336,15 @@ int locate(KRXDATA *model, int32_t mode_number, int32_t node_id, int kind, Targe
   target.index = hinted_mode_index(model, slot, mode_number);
   if (target.index < 0) return 0;
   int32_t node_slot = position;
-  if (kind != kModeShapes) {
+  bool hinted = kind == kModeShapes;
+  for (int32_t at : {slot.slot_hint, slot.slot_hint + 1})
+    if (!hinted && at >= 0 && size_t(at) < slot.nodes.size() && slot.nodes[size_t(at)] == position) {
+      node_slot = slot.slot_hint = at;
+      hinted = true;
+    }
+  if (!hinted) {
     try {
-      node_slot = kind_slot_or_add(model, kind, node_id, position);
+      node_slot = slot.slot_hint = kind_slot_or_add(model, kind, node_id, position);
     } catch (const std::bad_alloc &) {
       KRX_REPORT_ALLOC(kSource);
       return 0;
@@ -606,15 +607,9 @@ int node_values(KRXDATA *model, int32_t mode_number, int kind, int32_t node_id, 
 
 int32_t kind_slot(const KRXDATA *model, int kind, int32_t node_id) {
   if (!model || !valid_kind(kind)) return -1;
-  if (kind == kModeShapes && !model->node_index_built) {
-    const auto &nodes = model->nodes;
-    for (size_t i = 0; i < nodes.size(); ++i)
-      if (nodes[i].id == node_id) return int32_t(i);
-    return -1;
-  }
-  const auto &index = kind == kModeShapes ? model->node_index : model->store[kind].index;
-  auto at = std::lower_bound(index.begin(), index.end(), std::make_pair(node_id, INT32_MIN));
-  return at != index.end() && at->first == node_id ? at->second : -1;
+  // The node index is built on its first use; the model is not changed otherwise.
+  if (kind == kModeShapes) return node_position(const_cast<KRXDATA *>(model), node_id);
+  return find_id(model->store[kind].index, node_id);
 }
 
 int32_t kind_node_count(const KRXDATA *model, int kind) {
