@@ -192,7 +192,7 @@ int code_per_node(Coder<W> &c, int32_t &dims, std::vector<int32_t> &ids,
   if (!c.fit(ids, n) || !c.fit(values, std::size_t(n) * per)) return 0;
   for (int32_t i = 0; i < n; ++i) {
     if (!c.ints(&ids[i], 1) && check_records) return 0;
-    if (!c.reals(&values[std::size_t(i) * per], per) && check_records) return 0;
+    if (!c.reals(values.data() + std::size_t(i) * per, per) && check_records) return 0;  // per may be 0
   }
   return 1;
 }
