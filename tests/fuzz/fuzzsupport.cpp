@@ -6,6 +6,7 @@
 #include <cmath>
 
 #include "format/krxread.h"
+#include "inspect/krxtoc.h"
 #include "host/krx_fortran.h"
 #include "krx/krx.h"
 #include "model/krxset.h"
@@ -41,6 +42,12 @@ FILE *memory_file(const uint8_t *data, std::size_t size, std::string *path) {
   std::rewind(file);
   if (path) *path = "/proc/self/fd/" + std::to_string(fd);
   return file;
+}
+
+void list_every_block(krx::KRXDATA *model, FILE *out) {
+  const bool many = model->modes.size() > kLongListingModes;
+  for (int block = 1; block <= 32; ++block)
+    if (!(many && (block == 23 || block == 26))) krx::list_block(model, block, out);
 }
 
 krx::KRXDATA *read_bytes(const uint8_t *data, std::size_t size) {

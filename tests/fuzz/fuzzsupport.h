@@ -18,6 +18,12 @@ void silence_host();
 // path receives a name under which the same file can be opened again.
 FILE *memory_file(const uint8_t *data, std::size_t size, std::string *path = nullptr);
 
+// Lists every block of the model to out, except the listings whose length is legitimately
+// quadratic in the mode count (invariants 5 and 9 list a line per mode pair even when absent)
+// once the model has more than kLongListingModes modes: they would only measure the output.
+constexpr std::size_t kLongListingModes = 100;
+void list_every_block(krx::KRXDATA *model, FILE *out);
+
 // Reads the bytes into a fresh model; null (model released) when the reader refuses them.
 krx::KRXDATA *read_bytes(const uint8_t *data, std::size_t size);
 
