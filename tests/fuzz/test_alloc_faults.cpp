@@ -77,7 +77,10 @@ void observe(const char *entry, int status) {
 }
 
 struct AllocFaults : ::testing::Test {
-  fs::path dir = fs::path(std::getenv("TMP") ? std::getenv("TMP") : ".") / "alloc_faults";
+  // One directory per test: the tests of this program may run at the same time.
+  std::string given_tmp = std::getenv("TMP") ? std::getenv("TMP") : ".";
+  fs::path dir = fs::path(given_tmp) /
+                 (std::string("alloc_faults_") + ::testing::UnitTest::GetInstance()->current_test_info()->name());
   void SetUp() override {
     fs::remove_all(dir);
     fs::create_directories(dir / "tmp");
@@ -89,6 +92,7 @@ struct AllocFaults : ::testing::Test {
     disarm();
     krx_register_host_callbacks(nullptr, nullptr, nullptr);
     unsetenv("QOR_KRXWRITE_OPTIONS");
+    setenv("TMP", given_tmp.c_str(), 1);
     fs::remove_all(dir);
   }
   bool temp_dir_empty() const { return fs::is_empty(dir / "tmp"); }

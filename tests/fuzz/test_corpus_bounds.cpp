@@ -45,7 +45,7 @@ double exercise(const std::vector<uint8_t> &bytes) {
   return std::chrono::duration<double>(Clock::now() - start).count();
 }
 
-long peak_kilobytes() {
+[[maybe_unused]] long peak_kilobytes() {
   rusage usage{};
   getrusage(RUSAGE_SELF, &usage);
   return usage.ru_maxrss;
