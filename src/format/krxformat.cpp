@@ -145,6 +145,9 @@ struct Coder {
     int64_t at = tell_stream(b.io);
     return at >= 0 && bytes >= 0 && bytes <= Wide(b.limit - at);
   }
+  // A count of records that may take no bytes at all (modes over zero nodes in generation 10):
+  // every valid file spends at least a byte per mode elsewhere, so none exceeds the file's size.
+  bool bounded(int32_t n) const { return n >= 0 && (Write || b.limit < 0 || n <= b.limit); }
   // A count in front of items of item_bytes each: checked against the rest of the file.
   int count(int32_t &c, Wide item_bytes) {
     if (!ints(&c, 1)) return 0;
@@ -189,7 +192,7 @@ int code_per_node(Coder<W> &c, int32_t &dims, std::vector<int32_t> &ids,
   if (!c.fit(ids, n) || !c.fit(values, std::size_t(n) * per)) return 0;
   for (int32_t i = 0; i < n; ++i) {
     if (!c.ints(&ids[i], 1) && check_records) return 0;
-    if (!c.reals(&values[std::size_t(i) * per], per) && check_records) return 0;
+    if (!c.reals(values.data() + std::size_t(i) * per, per) && check_records) return 0;  // per may be 0
   }
   return 1;
 }
@@ -230,7 +233,7 @@ int code_eigen(Coder<W> &c, std::vector<EigenRecord> &records) {
 template <bool W>
 int code_mode_head(Coder<W> &c, ModeBlockHead &h) {
   int32_t n = int32_t(h.ids.size());
-  if (!c.ints(&h.modes, 1) || h.modes < 0 || !c.count(n, 4)) return 0;
+  if (!c.ints(&h.modes, 1) || !c.bounded(h.modes) || !c.count(n, 4)) return 0;
   Wide record = (c.b.generation == 10 ? 0 : 4) + 6 * Wide(n) * c.R();
   if (!c.room(Wide(n) * 4 + Wide(h.modes) * record) || !c.fit(h.ids, n)) return 0;
   return c.ints(h.ids.data(), n);
@@ -320,7 +323,7 @@ int code_preload(Coder<W> &c, PreloadBlock &p) {
 template <bool W>
 int code_loads(Coder<W> &c, ModalLoadsBlock &l) {
   int32_t cases = int32_t(l.cases.size());
-  if (!c.ints(&l.modes, 1) || l.modes < 0) return 0;
+  if (!c.ints(&l.modes, 1) || l.modes < 0 || !c.bounded(l.modes)) return 0;
   if (!c.count(cases, 4 + 256 * c.C() + Wide(l.modes) * c.R()) || !c.fit(l.cases, cases)) return 0;
   for (auto &r : l.cases) {
     if (!c.chars(r.name.data(), 256) || !c.ints(&r.projected, 1)) return 0;

@@ -27,12 +27,13 @@ bool kind_present(const KRXDATA *model, int kind) {
 // mode file and switches the store to it.
 int shorten_kind(KRXDATA *model, int kind, const std::vector<int32_t> &kept_slots) {
   int32_t modes = stored_mode_count(model);
+  // The buffer comes first: a failed allocation must not leave the new file behind.
+  std::vector<double> out(kept_slots.size() * 6);
   ReplacementFile file;
   if (!open_replacement_file(model, kind, modes, int32_t(kept_slots.size()),
                              "Shortened mode file: %s", file)) {
     return 0;
   }
-  std::vector<double> out(kept_slots.size() * 6);
   for (int32_t m = 0; m < modes; ++m) {
     if (!load_mode_record_by_index(model, m, kind)) {
       discard_replacement_file(file);

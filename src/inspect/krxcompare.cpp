@@ -8,9 +8,11 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <new>
 #include <string>
 #include <utility>
 
+#include "host/krxmsg.h"
 #include "inspect/krxcomparerun.h"
 #include "model/krxtools.h"
 #include "processing/krxunits.h"
@@ -42,8 +44,16 @@ int judge(const CompareRun &run, double delta, const char *format, ...) {
   return -1;
 }
 
+namespace {
+bool ends_process = true;
+struct RunEnded {};
+}  // namespace
+
+void set_compare_ends_process(bool ends) { ends_process = ends; }
+
 void end_run() {
   std::fflush(stdout);
+  if (!ends_process) throw RunEnded{};
   std::exit(-1);
 }
 
@@ -295,7 +305,9 @@ int check_units(CompareRun &run) {
   return 0;
 }
 
-int compare_files(KRXDATA *base, KRXDATA *new_model, int32_t verbosity, double tolerance) {
+namespace {
+
+int run_checks(KRXDATA *base, KRXDATA *new_model, int32_t verbosity, double tolerance) {
   CompareRun run;
   run.base = base;
   run.fresh = new_model;
@@ -329,6 +341,19 @@ int compare_files(KRXDATA *base, KRXDATA *new_model, int32_t verbosity, double t
   else say(run, kShowNote, " Files are equivalent\n\n");
   std::fflush(stdout);
   return sum;
+}
+
+}  // namespace
+
+int compare_files(KRXDATA *base, KRXDATA *new_model, int32_t verbosity, double tolerance) {
+  try {
+    return run_checks(base, new_model, verbosity, tolerance);
+  } catch (const RunEnded &) {
+    return -1;
+  } catch (const std::bad_alloc &) {
+    KRX_REPORT_ALLOC("..\\krxcompare");
+    return -1;
+  }
 }
 
 }  // namespace krx

@@ -19,4 +19,8 @@ constexpr double kDefaultCompareTolerance = 1e-5;
 // nodes ends the process with status -1.
 int compare_files(KRXDATA *base, KRXDATA *new_model, int32_t verbosity, double tolerance);
 
+// Off, a run that would end the process returns -1 from compare_files instead, so that a caller
+// that must keep going (a fuzzer) can run those paths. On by default.
+void set_compare_ends_process(bool ends);
+
 }  // namespace krx

@@ -153,6 +153,7 @@ FILE *open_unique_file(const std::string &dir, std::string &path) {
   pattern += "krx_XXXXXX";
   std::vector<char> name(pattern.begin(), pattern.end());
   name.push_back('\0');
+  path.reserve(pattern.size());  // no allocation once the file exists
   int fd = mkstemp(name.data());
   path = name.data();
   if (fd < 0) return nullptr;
@@ -247,6 +248,12 @@ int open_vector_file(KRXDATA *model, int kind) {
   VectorSlot &slot = model->store[kind];
   bool quiet = host_is_quiet();
   try {
+    // Everything the slot needs is allocated before the file exists, so that a failed allocation
+    // cannot leave a temporary file behind.
+    int32_t records = std::max(model->mode_capacity, 0);
+    int64_t record_bytes = int64_t(model->node_capacity) * kNodeStep;
+    std::vector<int64_t> starts(static_cast<size_t>(records));
+    for (int32_t r = 0; r < records; ++r) starts[size_t(r)] = r * record_bytes;
     std::string path;
     FILE *file = nullptr;
     if (const char *given = given_path(kind)) {
@@ -260,10 +267,6 @@ int open_vector_file(KRXDATA *model, int kind) {
       return 0;
     }
     if (!quiet) note(kOpenNote[kind], path.c_str());
-    int32_t records = std::max(model->mode_capacity, 0);
-    int64_t record_bytes = int64_t(model->node_capacity) * kNodeStep;
-    std::vector<int64_t> starts(static_cast<size_t>(records));
-    for (int32_t r = 0; r < records; ++r) starts[size_t(r)] = r * record_bytes;
     if (!lay_out(file, records * record_bytes)) {
       error(kDiskFailure[kind], path.c_str(), "TMP");
       discard_file(file, path);
@@ -639,15 +642,15 @@ int open_replacement_file(KRXDATA *model, int kind, int32_t records, int32_t slo
     }
     out.kind = kind;
     out.io.file = file;
-    out.io.path = path;
+    out.io.path = std::move(path);  // a copy could fail with the file open and its name lost
     out.io.precision = slot.io.precision;
     out.slots = slots;
-    if (!host_is_quiet()) note(note_format, path.c_str());
+    if (!host_is_quiet()) note(note_format, out.io.path.c_str());
     int64_t record_bytes = int64_t(slots) * kNodeStep;
     out.record_start.resize(size_t(records));
     for (int32_t r = 0; r < records; ++r) out.record_start[size_t(r)] = r * record_bytes;
     if (!lay_out(file, records * record_bytes)) {
-      error(kReplacementDiskFailure, path.c_str(), kEnvName[kind]);
+      error(kReplacementDiskFailure, out.io.path.c_str(), kEnvName[kind]);
       discard_replacement_file(out);
       return 0;
     }

@@ -1,0 +1,105 @@
+// Writes the seed corpus of the fuzz targets with the library itself:
+//   make_corpus <corpus directory>
+// read/: a sample of every version code and a file of every option family of the writer;
+// compare/: pairs of those files (4-byte length of the base, base, new file);
+// options/: option texts; sketch/: sketch files. Regression inputs are kept by hand.
+#include <cstdlib>
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <string>
+#include <vector>
+
+#include "../krxsample.h"
+#include "fuzzsupport.h"
+#include "krx/krx.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+std::vector<char> bytes_of(const fs::path &path) {
+  std::ifstream in(path, std::ios::binary);
+  return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+}
+
+void put(const fs::path &path, const std::vector<char> &bytes) {
+  std::ofstream out(path, std::ios::binary | std::ios::trunc);
+  out.write(bytes.data(), std::streamsize(bytes.size()));
+}
+
+// A session of 6 nodes and 2 modes written with the option text; false when the write failed.
+bool write_session(const fs::path &path, const char *options) {
+  setenv("QOR_KRXWRITE_OPTIONS", options, 1);
+  int status = 0;
+  bool ok = krxfuzz::build_session(6, 2);
+  std::string name = path.string();
+  if (ok) KRX_WRITE_KRX(name.c_str(), &status, int(name.size()));
+  int done = 0;
+  KRX_TERMINATE(&done);
+  unsetenv("QOR_KRXWRITE_OPTIONS");
+  return ok && status == 0;
+}
+
+}  // namespace
+
+int main(int argc, char **argv) {
+  if (argc != 2) return 2;
+  krxfuzz::silence_host();
+  const fs::path root(argv[1]);
+  for (const char *dir : {"read", "compare", "options", "sketch"}) fs::create_directories(root / dir);
+
+  std::vector<fs::path> files;
+  for (int32_t version : {10, 20, 30, 31, 40, 41, 50, 51, 60, 572, 316, 828}) {
+    krxtest::Sample s;
+    s.version = version;
+    fs::path path = root / "read" / ("sample-" + std::to_string(version) + ".krx");
+    if (!krxtest::write_sample(path.string(), s)) return 1;
+    files.push_back(path);
+  }
+  const char *families[][2] = {{"default", ""},
+                               {"81_comp", "81_comp"},
+                               {"82_comp", "82_comp"},
+                               {"full_str", "full_str full_invar"},
+                               {"sparse_str", "sparse_str fast_invar no_xdr"},
+                               {"single", "single no_ortho full_invar"},
+                               {"empty", "empty"},
+                               {"mks", "mks lbrf2cm highpass(2) lowpass(100) invar"},
+                               {"strip_face", "strip_face coarsen(0.2,20,1)"}};
+  for (const auto &family : families) {
+    fs::path path = root / "read" / (std::string("write-") + family[0] + ".krx");
+    if (!write_session(path, family[1])) {
+      std::fprintf(stderr, "make_corpus: the write with \"%s\" failed\n", family[1]);
+      return 1;
+    }
+    files.push_back(path);
+  }
+
+  // Pairs of small files: some with themselves, some against another encoding or writer family.
+  const std::size_t pairs[][2] = {{0, 0}, {1, 8}, {4, 8}, {6, 10}, {8, 9}, {13, 15}, {17, 16}, {19, 19}};
+  for (const auto &pick : pairs) {
+    std::size_t i = pick[0];
+    std::vector<char> base = bytes_of(files[i]);
+    std::vector<char> fresh = bytes_of(files[pick[1]]);
+    uint32_t split = uint32_t(base.size());
+    std::vector<char> pair(reinterpret_cast<char *>(&split), reinterpret_cast<char *>(&split) + 4);
+    pair.insert(pair.end(), base.begin(), base.end());
+    pair.insert(pair.end(), fresh.begin(), fresh.end());
+    put(root / "compare" / ("pair-" + files[i].stem().string() + "-" + files[pick[1]].stem().string() + ".bin"), pair);
+  }
+
+  const char *texts[] = {"", "full_invar", "no_xdr single", "81_comp full_str", "82_comp sparse_str",
+                         "sketch(\"faces.txt\") strip_face", "coarsen(0.05,10,1,101,102,preserve_str)",
+                         "highpass(0.5) lowpass(200)", "no_ortho empty mks lbrf2cm", "invar fast_invar",
+                         "sketch('x') sketch(y)", "full_str sparse_str", "lowpass(abc"};
+  int n = 0;
+  for (const char *text : texts) put(root / "options" / ("text-" + std::to_string(n++)), {text, text + std::strlen(text)});
+
+  const char *sketches[] = {"2\n4 1 2 3 4\n4 5 6 7 8\n", "3\n3 1 2 3\n3 3 2 1\n4 5 6 7 8\n", "1\n4 1 2 3 9\n",
+                            "-1\n", "2\n3 1 2\n", "x\n"};
+  n = 0;
+  for (const char *text : sketches) put(root / "sketch" / ("sketch-" + std::to_string(n++)), {text, text + std::strlen(text)});
+  return 0;
+}
