@@ -175,11 +175,13 @@ int read_nodal_coords(KRXDATA &model) {
       node.z = block.xyz[3 * i + 2];
       model.nodes.push_back(std::move(node));
     }
+    model.node_index_built = false;
+    index_nodes(model);
   } catch (const std::bad_alloc &) {
+    model.node_index_built = false;
     error("Out of memory while reading Nodal Coordinate block");
     return 0;
   }
-  model.node_index_built = false;
   model.file_node_count = int32_t(model.nodes.size());
   return 1;
 }

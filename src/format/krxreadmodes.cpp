@@ -40,9 +40,10 @@ const KindTexts kKinds[3] = {
 // order, so that a record of the file and the node table agree; other nodes follow.
 bool order_nodes_as(KRXDATA &model, const std::vector<int32_t> &ids) {
   std::vector<int32_t> positions(ids.size());
+  index_nodes(model);
   for (std::size_t i = 0; i < ids.size(); ++i) {
-    positions[i] = node_position_or_add(&model, ids[i]);
-    if (positions[i] < 0) return false;
+    positions[i] = find_id(model.node_index, ids[i]);
+    if (positions[i] < 0) positions[i] = append_node(model, ids[i]);
   }
   bool in_order = true;
   for (std::size_t i = 0; i < positions.size() && in_order; ++i) in_order = positions[i] == int32_t(i);
@@ -59,7 +60,7 @@ bool order_nodes_as(KRXDATA &model, const std::vector<int32_t> &ids) {
     if (!taken[at]) ordered.push_back(std::move(model.nodes[at]));
   model.nodes = std::move(ordered);
   model.node_index_built = false;
-  node_position(&model, ids.empty() ? 0 : ids[0]);  // rebuilds the index
+  index_nodes(model);
   return true;
 }
 
@@ -69,8 +70,9 @@ bool build_kind_nodes(KRXDATA &model, VectorSlot &slot, const std::vector<int32_
   clear_ids(slot.index);
   slot.nodes.reserve(ids.size());
   reserve_ids(slot.index, ids.size());
+  index_nodes(model);
   for (std::size_t i = 0; i < ids.size(); ++i) {
-    int32_t at = node_position(&model, ids[i]);
+    int32_t at = find_id(model.node_index, ids[i]);
     if (at < 0) return false;
     slot.nodes.push_back(at);
     insert_id(slot.index, ids[i], int32_t(i));

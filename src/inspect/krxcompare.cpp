@@ -143,9 +143,8 @@ void build_kind_map(CompareRun &run, int kind) {
 void prepare(CompareRun &run) {
   set_units_by_names(run.base, "kg", "m", "s", "n");
   if (run.fresh != run.base) set_units_by_names(run.fresh, "kg", "m", "s", "n");
-  // A lookup of any identifier builds the sorted node index of a model.
-  node_position(run.base, 0);
-  node_position(run.fresh, 0);
+  index_nodes(*run.base);
+  index_nodes(*run.fresh);
   build_node_map(run);
   for (int kind = 0; kind < 3; ++kind) build_kind_map(run, kind);
 }

@@ -60,7 +60,7 @@ int32_t mode_number_at(const KRXDATA &model, int32_t index) {
 std::vector<int32_t> nodes_by_id(KRXDATA &model) {
   std::vector<int32_t> order;
   if (model.nodes.empty()) return order;
-  node_position(&model, model.nodes[0].id);  // builds the index
+  index_nodes(model);
   auto pairs = sorted_ids(model.node_index);
   order.reserve(pairs.size());
   for (const auto &pair : pairs) order.push_back(pair.second);

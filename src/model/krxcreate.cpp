@@ -161,44 +161,60 @@ void release_all_models() {
 
 int32_t node_count(const KRXDATA *model) { return model ? int32_t(model->nodes.size()) : 0; }
 
-int32_t node_position(KRXDATA *model, int32_t id) {
-  if (!model_exists(model)) return -1;
-  if (!model->node_index_built) {
-    try {
-      build_node_index(*model);
-    } catch (const std::bad_alloc &) {
-      KRX_REPORT_ALLOC(kSource);
-      return -1;
-    }
+void index_nodes(KRXDATA &model) {
+  if (!model.node_index_built) build_node_index(model);
+}
+
+int32_t append_node(KRXDATA &model, int32_t id) {
+  index_nodes(model);
+  auto &nodes = model.nodes;
+  if (nodes.size() == nodes.capacity()) {
+    // At least 1000 entries at a time, and never fewer than half the table: a million nodes
+    // added one by one must not copy the table a thousand times.
+    nodes.reserve(nodes.capacity() + std::max<std::size_t>(1000, nodes.capacity() / 2));
   }
+  int32_t position = int32_t(nodes.size());
+  insert_id(model.node_index, id, position);
+  nodes.emplace_back();
+  nodes.back().id = id;
+  return position;
+}
+
+namespace {
+
+// The identifier index is built on first use; a failed build is reported here, once.
+bool node_index_ready(KRXDATA &model) {
+  try {
+    index_nodes(model);
+    return true;
+  } catch (const std::bad_alloc &) {
+    KRX_REPORT_ALLOC(kSource);
+    return false;
+  }
+}
+
+}  // namespace
+
+int32_t node_position(KRXDATA *model, int32_t id) {
+  if (!model_exists(model) || !node_index_ready(*model)) return -1;
   return find_id(model->node_index, id);
 }
 
 int32_t add_node(KRXDATA *model, int32_t id) {
   if (!model_exists(model)) return -1;
   try {
-    if (!model->node_index_built) build_node_index(*model);
-    auto &nodes = model->nodes;
-    if (nodes.size() == nodes.capacity()) {
-      // At least 1000 entries at a time, and never fewer than half the table: a million nodes
-      // added one by one must not copy the table a thousand times.
-      nodes.reserve(nodes.capacity() + std::max<std::size_t>(1000, nodes.capacity() / 2));
-    }
-    int32_t position = int32_t(nodes.size());
-    insert_id(model->node_index, id, position);
-    nodes.emplace_back();
-    nodes.back().id = id;
-    return position;
+    return append_node(*model, id);
   } catch (const std::bad_alloc &) {
     KRX_REPORT_ALLOC(kSource);
     return -1;
   }
 }
 
+// An index that cannot be built is not taken for an unknown identifier: no node is added then.
 int32_t node_position_or_add(KRXDATA *model, int32_t id) {
-  int32_t position = node_position(model, id);
-  if (position >= 0 || !model) return position;
-  return add_node(model, id);
+  if (!model_exists(model) || !node_index_ready(*model)) return -1;
+  int32_t position = find_id(model->node_index, id);
+  return position >= 0 ? position : add_node(model, id);
 }
 
 int32_t mode_count(const KRXDATA *model) { return model ? int32_t(model->modes.size()) : 0; }

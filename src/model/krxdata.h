@@ -269,6 +269,10 @@ int32_t add_node(KRXDATA *model, int32_t id);
 // The position of id, adding the node when it is unknown; -1 on failure.
 int32_t node_position_or_add(KRXDATA *model, int32_t id);
 int32_t node_count(const KRXDATA *model);
+// The throwing forms for callers that report a failed allocation in their own words: the
+// identifier index is built when the node table changed, a node is appended to the table.
+void index_nodes(KRXDATA &model);
+int32_t append_node(KRXDATA &model, int32_t id);
 
 // Mode numbers to indices: -1 when unknown. register_mode checks the mode capacity.
 int32_t mode_index(const KRXDATA *model, int32_t number);

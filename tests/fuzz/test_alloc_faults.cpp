@@ -139,7 +139,12 @@ TEST_F(AllocFaults, HostSessionFailsCleanlyAtEveryAllocation) {
       EXPECT_TRUE(built && write_status == 0) << heard.first;
     } else {
       ASSERT_NE(nullptr, failing_entry);
-      if (failing_status == 0) {
+      if (failing_status == 0 && heard.errors == 0) {
+        // A lookup table that cannot grow is a cache: the lookup falls back to a search, and
+        // the session goes on unharmed.
+        EXPECT_EQ(0, write_status);
+        EXPECT_TRUE(readable(out));
+      } else if (failing_status == 0) {
         // Some steps of a write report their failure and let the write go on without their
         // result (invariants, the node reduction): the file must then be whole.
         EXPECT_STREQ("KRX_WRITE_KRX", failing_entry) << heard.first;
@@ -147,7 +152,7 @@ TEST_F(AllocFaults, HostSessionFailsCleanlyAtEveryAllocation) {
         ++degraded_writes;
       }
       // A failed creation is the one failure that sends no message.
-      if (std::strcmp(failing_entry, "KRX_CREATE") != 0) {
+      if (std::strcmp(failing_entry, "KRX_CREATE") != 0 && (failing_status != 0 || heard.errors)) {
         EXPECT_TRUE(heard.allocation) << failing_entry << ": " << heard.first;
       }
     }
@@ -197,9 +202,10 @@ TEST_F(AllocFaults, ReadListCompareFailsCleanlyAtEveryAllocation) {
     disarm();
     SCOPED_TRACE("allocation " + std::to_string(k));
     if (read_hit) {
-      // Blocks without an out-of-memory text of their own report their problem text.
-      EXPECT_EQ(nullptr, base) << "a read that failed an allocation fails";
-      EXPECT_EQ(1, heard.errors) << heard.first;
+      // Blocks without an out-of-memory text of their own report their problem text; a lookup
+      // table that cannot grow falls back to a search, and the read goes on unharmed.
+      EXPECT_EQ(base == nullptr, heard.errors == 1) << "a read that failed fails, once: " << heard.first;
+      EXPECT_LE(heard.errors, 1) << heard.first;
     }
     krx::release_all_models();
   });
