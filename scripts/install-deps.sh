@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Installs the build and test dependencies that are missing (apt-get, when run as root).
 set -euo pipefail
-packages=(cmake ninja-build g++ gfortran pkg-config libtirpc-dev libgtest-dev libgmock-dev
+packages=(cmake ninja-build g++ clang gfortran pkg-config libtirpc-dev libgtest-dev libgmock-dev
           libbenchmark-dev liblapack-dev)
 missing=()
 for p in "${packages[@]}"; do
