@@ -47,7 +47,7 @@ TMP=$work cxx/cxx_consumer cxx.krx >>consumer.log
 lists cxx.krx "C++ consumer" "C++ through find_package(krxlib)"
 
 if ! pkg-config --exists krxlib-fortran; then
-  echo "check-install: krxlib-fortran.pc is not installed (no Fortran compiler at configure time?)" >&2
+  echo "check-install: no krxlib-fortran.pc (was a Fortran compiler found at configure time?)" >&2
   exit 1
 fi
 # shellcheck disable=SC2046
