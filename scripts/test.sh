@@ -1,18 +1,29 @@
 #!/usr/bin/env bash
-# Installs what is missing, then configures, builds and runs every test: once in the release
-# configuration and once under AddressSanitizer and UndefinedBehaviorSanitizer.
+# Installs what is missing, then configures, builds and runs every test, warnings as errors: once
+# with g++ in the release configuration with debug information, once under AddressSanitizer and
+# UndefinedBehaviorSanitizer, and once with clang++ in Release; then checks the install as
+# consumers see it (C, C++ and Fortran programs built against a fresh install prefix).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bash scripts/install-deps.sh
 jobs=$(nproc)
 
-cmake -S . -B build -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo
+cmake -S . -B build -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKRX_WERROR=ON
 cmake --build build -j "$jobs"
 ctest --test-dir build --output-on-failure -j "$jobs"
 # The Python reader, against files that build/ writes (Debian's interpreter holds its packages).
 KRX_BUILD_DIR=build MPLBACKEND=Agg /usr/bin/python3 -m pytest -q -p no:cacheprovider python/tests
 
-cmake -S . -B build-asan -G Ninja -DCMAKE_BUILD_TYPE=Debug -DKRX_SANITIZE=ON -DKRX_BENCH=OFF
+cmake -S . -B build-asan -G Ninja -DCMAKE_BUILD_TYPE=Debug -DKRX_SANITIZE=ON -DKRX_BENCH=OFF \
+  -DKRX_WERROR=ON
 cmake --build build-asan -j "$jobs"
 ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1 \
   ctest --test-dir build-asan --output-on-failure -j "$jobs"
+
+# A second compiler, so that a compiler-specific break fails here.
+cmake -S . -B build-clang -G Ninja -DCMAKE_BUILD_TYPE=Release -DKRX_BENCH=OFF -DKRX_WERROR=ON \
+  -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++
+cmake --build build-clang -j "$jobs"
+ctest --test-dir build-clang --output-on-failure -j "$jobs"
+
+bash scripts/check-install.sh build

@@ -34,3 +34,16 @@ endforeach()
 add_test(NAME host.exports
          COMMAND ${CMAKE_COMMAND} -DNM=${CMAKE_NM} -DLIBRARY=$<TARGET_FILE:krxlib>
                  -P ${CMAKE_CURRENT_SOURCE_DIR}/hosts/check_exports.cmake)
+
+# The Fortran consumer of the install, built here against the module krx of the build tree.
+if(TARGET krxlib_fortran)
+  add_executable(fortran_module_host ${PROJECT_SOURCE_DIR}/tests/consumers/fortran_consumer.f90)
+  target_link_libraries(fortran_module_host PRIVATE krxlib_fortran)
+  add_test(NAME host.fortran_module
+           COMMAND fortran_module_host ${CMAKE_CURRENT_BINARY_DIR}/fortran_module.krx)
+  add_test(NAME host.fortran_module_listed
+           COMMAND krxdump ${CMAKE_CURRENT_BINARY_DIR}/fortran_module.krx -l)
+  set_tests_properties(host.fortran_module PROPERTIES ENVIRONMENT "TMP=${CMAKE_CURRENT_BINARY_DIR}"
+                       FIXTURES_SETUP fortran_module_file)
+  set_tests_properties(host.fortran_module_listed PROPERTIES FIXTURES_REQUIRED fortran_module_file)
+endif()

@@ -142,7 +142,9 @@ TEST_F(FaceTest, SketchFileHoldsFacesOfAnySize) {
   std::string text = "1 1500";
   for (int32_t n = 1; n <= 1500; ++n) {
     krx::add_node(model, n);
-    text += " " + std::to_string(n);
+    // Appended in two steps: " " + std::to_string(n) draws a false -Wrestrict from g++ 12 -O3.
+    text += ' ';
+    text += std::to_string(n);
   }
   krx::apply_sketch_file(model, sketch(text).c_str());
   ASSERT_EQ(model->face_count, 1);

@@ -4,7 +4,14 @@
  * reference, and one hidden length (passed by value) per character argument, after all other
  * arguments. Every entry ends by storing 0 (success) or 1 (failure) in its status argument.
  * Notes, warnings and errors reach the host through its callbacks cwVlxmsg, cwVlxerr and cwIopiqr,
- * found in the host program or registered with krx_register_host_callbacks. */
+ * found in the host program or registered with krx_register_host_callbacks.
+ *
+ * Fortran hosts: the module krx (libkrxlib_fortran, krxlib-fortran.pc) wraps every entry as a
+ * lower-case procedure that passes the lengths itself. A Fortran compiler without that module
+ * declares each entry with an interface bind(C, name='KRX_...'), every argument by reference
+ * (integer(c_int), real(c_double), character(kind=c_char) arrays), and passes each length as a
+ * 32-bit int by value (integer(c_int), value) after all other arguments, in the order of the
+ * character arguments; gfortran's own hidden lengths (size_t since version 8) do not match. */
 #ifndef KRX_KRX_H
 #define KRX_KRX_H
 
