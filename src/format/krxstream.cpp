@@ -13,9 +13,13 @@
 namespace krx {
 namespace {
 
-// Arrays are converted through this buffer a chunk at a time, so that a mode record of millions
-// of values costs no allocation and one put/get of bytes per 512 KiB.
-constexpr std::size_t kChunkBytes = 1 << 19;
+// Arrays are encoded through this buffer a chunk at a time, so that a mode record of millions of
+// values costs no allocation. Each chunk is one write call, and a write call costs about as much
+// as copying a megabyte to the page cache: 512 KiB chunks made the encode twice the plain write,
+// 4 MiB chunks leave the swap itself as the only extra pass. Decoding reads straight into the
+// destination and swaps each piece in place while it is still in the cache.
+constexpr std::size_t kChunkBytes = 1 << 22;
+constexpr std::size_t kDecodeBytes = 1 << 20;
 alignas(8) unsigned char g_chunk[kChunkBytes];
 
 template <typename Word>
@@ -103,7 +107,7 @@ int put_swapped(FileSlot &io, const T *values, std::size_t n) {
 template <typename T, typename Word>
 int get_swapped(FileSlot &io, T *values, std::size_t n) {
   static_assert(sizeof(T) == sizeof(Word));
-  constexpr std::size_t per_chunk = kChunkBytes / sizeof(Word);
+  constexpr std::size_t per_chunk = kDecodeBytes / sizeof(Word);
   while (n > 0) {
     std::size_t count = std::min(n, per_chunk);
     if (!XDR_GETBYTES(io.xdr.get(), reinterpret_cast<char *>(values), u_int(count * sizeof(Word))))
