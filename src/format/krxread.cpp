@@ -6,10 +6,10 @@
 #include <cstring>
 #include <new>
 
+#include "base/krxmsg.h"
 #include "format/krxformat.h"
 #include "format/krxreadint.h"
 #include "host/krx_fortran.h"
-#include "host/krxmsg.h"
 #include "inspect/krxtoc.h"
 
 namespace krx {

@@ -7,7 +7,7 @@
 #include <new>
 #include <string>
 
-#include "host/krxmsg.h"
+#include "base/krxmsg.h"
 #include "krx/krx.h"
 #include "model/krxdata.h"
 

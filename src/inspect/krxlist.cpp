@@ -4,9 +4,9 @@
 #include <new>
 #include <string>
 
+#include "base/krxmsg.h"
 #include "format/krxformat.h"
 #include "format/krxread.h"
-#include "host/krxmsg.h"
 #include "inspect/krxtoc.h"
 
 namespace krx {

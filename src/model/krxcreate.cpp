@@ -3,7 +3,7 @@
 #include <cstdio>
 #include <new>
 
-#include "host/krxmsg.h"
+#include "base/krxmsg.h"
 #include "model/krxdata.h"
 
 namespace krx {

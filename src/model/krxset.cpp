@@ -10,7 +10,7 @@
 #include <new>
 #include <string>
 
-#include "host/krxmsg.h"
+#include "base/krxmsg.h"
 #include "model/krxdata.h"
 #include "processing/krxinvar.h"
 

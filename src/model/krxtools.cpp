@@ -13,7 +13,7 @@
 #include <cstring>
 #include <new>
 
-#include "host/krxmsg.h"
+#include "base/krxmsg.h"
 #include "model/krxset.h"
 
 namespace krx {

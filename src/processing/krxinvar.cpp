@@ -7,8 +7,8 @@
 #include <cstring>
 #include <new>
 
+#include "base/krxmsg.h"
 #include "format/krxread.h"
-#include "host/krxmsg.h"
 #include "model/krxset.h"
 #include "model/krxtools.h"
 #include "processing/krxinvar_sums.h"

@@ -5,7 +5,7 @@
 #include <cmath>
 #include <cstdlib>
 
-#include "host/krxmsg.h"
+#include "base/krxmsg.h"
 #include "model/krxset.h"
 #include "model/krxtools.h"
 #include "processing/krxinvar.h"
