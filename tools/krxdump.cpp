@@ -4,7 +4,7 @@
 #include <cstring>
 
 #include "format/krxformat.h"
-#include "inspect/krxtoc.h"
+#include "inspect/krxlist.h"
 
 namespace {
 

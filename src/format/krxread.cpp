@@ -9,8 +9,8 @@
 #include "base/krxmsg.h"
 #include "format/krxformat.h"
 #include "format/krxreadint.h"
+#include "format/krxtoc.h"
 #include "host/krx_fortran.h"
-#include "inspect/krxtoc.h"
 
 namespace krx {
 namespace reader {

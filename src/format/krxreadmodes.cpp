@@ -8,7 +8,7 @@
 #include "format/krxformat.h"
 #include "format/krxread.h"
 #include "format/krxreadint.h"
-#include "inspect/krxtoc.h"
+#include "format/krxtoc.h"
 #include "processing/krxunits.h"
 
 namespace krx {

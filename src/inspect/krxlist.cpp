@@ -1,4 +1,6 @@
 // The listing of one block of a model as readable text.
+#include "inspect/krxlist.h"
+
 #include <algorithm>
 #include <cstring>
 #include <new>
@@ -7,7 +9,7 @@
 #include "base/krxmsg.h"
 #include "format/krxformat.h"
 #include "format/krxread.h"
-#include "inspect/krxtoc.h"
+#include "format/krxtoc.h"
 
 namespace krx {
 namespace {

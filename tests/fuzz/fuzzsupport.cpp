@@ -6,8 +6,8 @@
 #include <cmath>
 
 #include "format/krxread.h"
-#include "inspect/krxtoc.h"
 #include "host/krx_fortran.h"
+#include "inspect/krxlist.h"
 #include "krx/krx.h"
 #include "model/krxset.h"
 

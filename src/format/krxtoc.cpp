@@ -1,5 +1,5 @@
 // The block queries of a model read from a file.
-#include "inspect/krxtoc.h"
+#include "format/krxtoc.h"
 
 #include "base/krxmsg.h"
 #include "format/krxformat.h"
