@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "format/krxformat.h"
+#include "format/krxread.h"
 #include "inspect/krxlist.h"
 
 namespace {

@@ -10,7 +10,6 @@
 #include "format/krxformat.h"
 #include "format/krxreadint.h"
 #include "format/krxtoc.h"
-#include "host/krx_fortran.h"
 
 namespace krx {
 namespace reader {
@@ -545,26 +544,3 @@ KRXDATA *find_or_read_model(const char *path) {
 }
 
 }  // namespace krx
-
-// The unexported entry that makes a model read from a file the current model. The path is
-// taken at exactly its hidden length, blanks and all.
-extern "C" void KRX_OPEN_KRX(const char *path, int *status, int path_len) {
-  krx::run_entry(status, [&](krx::KRXDATA *) -> int {
-    if (path_len < 0) {
-      krx::report_allocation_failure(460, "..\\krx_fortran");
-      return 0;
-    }
-    std::string name;
-    try {
-      name.assign(std::size_t(path_len) + 1, '\0');
-      if (path_len > 0) std::memcpy(name.data(), path, std::size_t(path_len));
-    } catch (const std::bad_alloc &) {
-      krx::report_allocation_failure(460, "..\\krx_fortran");
-      return 0;
-    }
-    krx::KRXDATA *model = krx::find_or_read_model(name.c_str());
-    if (!model) return 0;
-    krx::current_model() = model;
-    return 1;
-  });
-}

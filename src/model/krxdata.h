@@ -260,8 +260,6 @@ KRXDATA *create_model(uint32_t node_capacity, int32_t mode_capacity);
 // Unlinks and releases one model; a model not in the list is left alone.
 void release_model(KRXDATA *model);
 void release_all_models();
-// The first model read from path, or a model read afresh from the file; null on failure.
-KRXDATA *find_or_read_model(const char *path);
 
 // Node identifiers to positions: -1 when unknown. add_node appends and returns the new position.
 int32_t node_position(KRXDATA *model, int32_t id);
