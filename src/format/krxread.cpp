@@ -522,6 +522,7 @@ int read_krx(KRXDATA *model, FILE *file, const char *path) {
   }
   model->own.file = file;
   model->read_from_file = true;
+  model->stored_invariants = read_invariant_values;
   if (!detect_version(*model) || !read_contents(*model) || !locate_blocks(*model)) return 0;
   if (!read_header(*model)) return 0;
   return read_blocks(*model);

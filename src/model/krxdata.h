@@ -156,6 +156,11 @@ struct KRXDATA {
   int char_width = 1;
   int real_width = 8;
   bool read_from_file = false;
+  // The stored invariants of a model read from a file, installed by the reader so that processing
+  // needs to know nothing of files: reads invariant block 19..26 into out, unscaled, and gives the
+  // block's own mode count (-1 when it has none). 0 when the block cannot be read.
+  int (*stored_invariants)(KRXDATA *model, int block, std::vector<double> &out,
+                           int32_t *file_modes) = nullptr;
   int32_t file_node_count = 0;  // nodes that block 4 of the file read lists: the range of block 14
 
   // Temporary vector store, one slot per kind.
