@@ -11,7 +11,7 @@
 #include "format/krxstream.h"
 #include "format/krxtoc.h"
 #include "host/krx_fortran.h"
-#include "model/krxset.h"
+#include "host/krxset.h"
 #include "model/krxtools.h"
 #include "processing/krxinvar.h"
 #include "testsupport.h"

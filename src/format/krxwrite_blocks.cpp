@@ -10,7 +10,6 @@
 #include "format/krxformat.h"
 #include "format/krxwrite.h"
 #include "format/krxwrite_state.h"
-#include "model/krxset.h"
 #include "model/krxtools.h"
 #include "processing/krxinvar.h"
 #include "processing/krxunits.h"

@@ -8,10 +8,10 @@
 #include <vector>
 
 #include "format/krxread.h"
+#include "host/krxset.h"
 #include "mesh/krxfaces.h"
-#include "processing/krxeigen.h"
-#include "model/krxset.h"
 #include "model/krxtools.h"
+#include "processing/krxeigen.h"
 #include "processing/krxunits.h"
 
 namespace krx {

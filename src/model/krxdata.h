@@ -282,4 +282,11 @@ int32_t mode_index(const KRXDATA *model, int32_t number);
 int32_t register_mode(KRXDATA *model, int32_t number);
 int32_t mode_count(const KRXDATA *model);
 
+// Generalized matrices: appends (row mode, column mode, value) to the list, registering both
+// modes, and raises the list's content flag. A mass entry off the diagonal, or one on it that is
+// not 1, also sets the writer switch it calls for. 0 on failure (reported).
+int add_generalized_mass(KRXDATA *model, int32_t row_mode, int32_t column_mode, double value);
+int add_generalized_stiffness(KRXDATA *model, int32_t row_mode, int32_t column_mode, double value);
+int add_generalized_damping(KRXDATA *model, int32_t row_mode, int32_t column_mode, double value);
+
 }  // namespace krx

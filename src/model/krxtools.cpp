@@ -14,7 +14,6 @@
 #include <new>
 
 #include "base/krxmsg.h"
-#include "model/krxset.h"
 
 namespace krx {
 namespace {

@@ -8,7 +8,6 @@
 #include <new>
 
 #include "base/krxmsg.h"
-#include "model/krxset.h"
 #include "model/krxtools.h"
 #include "processing/krxinvar_sums.h"
 #include "processing/krxunits.h"

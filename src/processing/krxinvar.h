@@ -40,6 +40,10 @@ double peek_invariant1(const KRXDATA *model);
 std::array<double, 3> peek_invariant2(const KRXDATA *model);
 std::array<double, 9> peek_invariant7(const KRXDATA *model);
 
+// Generalized matrix of a list as a dense n x n row-major matrix over the first n mode indices:
+// the last value set for a pair wins, a pair never set is 0.
+std::vector<double> dense_matrix(const std::vector<MatrixEntry> &entries, int32_t n);
+
 // t += s (a x b)
 void cross_accumulate(double t[3], double s, const double a[3], const double b[3]);
 // T += s skew(a) skew(b)

@@ -13,7 +13,6 @@
 #include <new>
 
 #include "base/krxmsg.h"
-#include "model/krxset.h"
 #include "model/krxtools.h"
 #include "processing/krxinvar.h"
 

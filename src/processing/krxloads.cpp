@@ -6,7 +6,6 @@
 #include <cstdlib>
 
 #include "base/krxmsg.h"
-#include "model/krxset.h"
 #include "model/krxtools.h"
 #include "processing/krxinvar.h"
 #include "processing/krxnumerics.h"
