@@ -1,7 +1,8 @@
 // The in-memory model: the KRXDATA record that the host fills through the setters and that the
-// writer turns into a file (the reader fills the same record), its node table and mode registry,
-// the list of all models, and creation and release. Per-mode vectors never live here: they are
-// spooled to the temporary vector store (krxtools.h), whose slots the record owns.
+// writer turns into a file (the reader fills the same record), its node table, mode registry and
+// generalized-matrix lists, the list of all models, and creation and release. Per-mode vectors
+// never live here: they are spooled to the temporary vector store (krxtools.h), whose slots the
+// record owns. The model folder builds on base only; every folder above works on this record.
 #pragma once
 
 #include <rpc/xdr.h>
