@@ -2,7 +2,7 @@
 // allocation-failure convention and the progress line's arithmetic.
 #include <gtest/gtest.h>
 
-#include "host/krxmsg.h"
+#include "base/krxmsg.h"
 #include "testsupport.h"
 
 using krxtest::Message;

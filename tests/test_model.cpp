@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "host/krx_fortran.h"
-#include "inspect/krxtoc.h"
+#include "inspect/krxlist.h"
 #include "model/krxtools.h"
 #include "testsupport.h"
 

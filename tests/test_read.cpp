@@ -5,10 +5,11 @@
 #include <fstream>
 
 #include "format/krxread.h"
+#include "format/krxtoc.h"
 #include "host/krx_fortran.h"
-#include "inspect/krxtoc.h"
-#include "processing/krxinvar.h"
+#include "inspect/krxlist.h"
 #include "krxsample.h"
+#include "processing/krxinvar.h"
 #include "testsupport.h"
 
 namespace {

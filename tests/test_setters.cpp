@@ -4,7 +4,7 @@
 #include <cmath>
 
 #include "host/krx_fortran.h"
-#include "model/krxset.h"
+#include "host/krxset.h"
 #include "testsupport.h"
 
 using krxtest::Message;

@@ -9,7 +9,7 @@
 #include <fstream>
 
 #include "host/krx_fortran.h"
-#include "model/krxset.h"
+#include "host/krxset.h"
 #include "model/krxtools.h"
 #include "testsupport.h"
 

@@ -13,7 +13,7 @@
 #include "format/krxread.h"
 #include "format/krxwrite.h"
 #include "host/krx_fortran.h"
-#include "model/krxset.h"
+#include "host/krxset.h"
 #include "model/krxtools.h"
 #include "testsupport.h"
 

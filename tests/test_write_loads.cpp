@@ -5,7 +5,7 @@
 #include <cmath>
 
 #include "host/krx_fortran.h"
-#include "model/krxset.h"
+#include "host/krxset.h"
 #include "model/krxtools.h"
 #include "processing/krxinvar.h"
 #include "processing/krxloads.h"

@@ -8,6 +8,7 @@
 #include <cstring>
 #include <string>
 
+#include "format/krxread.h"
 #include "inspect/krxcompare.h"
 #include "model/krxdata.h"
 

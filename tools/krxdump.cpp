@@ -4,7 +4,8 @@
 #include <cstring>
 
 #include "format/krxformat.h"
-#include "inspect/krxtoc.h"
+#include "format/krxread.h"
+#include "inspect/krxlist.h"
 
 namespace {
 

@@ -6,7 +6,7 @@
 #include <cstring>
 #include <new>
 
-#include "host/krxmsg.h"
+#include "base/krxmsg.h"
 
 namespace krx {
 namespace {

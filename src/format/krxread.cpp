@@ -6,11 +6,10 @@
 #include <cstring>
 #include <new>
 
+#include "base/krxmsg.h"
 #include "format/krxformat.h"
 #include "format/krxreadint.h"
-#include "host/krx_fortran.h"
-#include "host/krxmsg.h"
-#include "inspect/krxtoc.h"
+#include "format/krxtoc.h"
 
 namespace krx {
 namespace reader {
@@ -523,6 +522,7 @@ int read_krx(KRXDATA *model, FILE *file, const char *path) {
   }
   model->own.file = file;
   model->read_from_file = true;
+  model->stored_invariants = read_invariant_values;
   if (!detect_version(*model) || !read_contents(*model) || !locate_blocks(*model)) return 0;
   if (!read_header(*model)) return 0;
   return read_blocks(*model);
@@ -545,26 +545,3 @@ KRXDATA *find_or_read_model(const char *path) {
 }
 
 }  // namespace krx
-
-// The unexported entry that makes a model read from a file the current model. The path is
-// taken at exactly its hidden length, blanks and all.
-extern "C" void KRX_OPEN_KRX(const char *path, int *status, int path_len) {
-  krx::run_entry(status, [&](krx::KRXDATA *) -> int {
-    if (path_len < 0) {
-      krx::report_allocation_failure(460, "..\\krx_fortran");
-      return 0;
-    }
-    std::string name;
-    try {
-      name.assign(std::size_t(path_len) + 1, '\0');
-      if (path_len > 0) std::memcpy(name.data(), path, std::size_t(path_len));
-    } catch (const std::bad_alloc &) {
-      krx::report_allocation_failure(460, "..\\krx_fortran");
-      return 0;
-    }
-    krx::KRXDATA *model = krx::find_or_read_model(name.c_str());
-    if (!model) return 0;
-    krx::current_model() = model;
-    return 1;
-  });
-}

@@ -14,6 +14,9 @@ namespace krx {
 // Reads the open file into a fresh model; the model keeps the file (closed at release) and a
 // copy of path. Every failure is reported; what was loaded stays in the model.
 int read_krx(KRXDATA *model, FILE *file, const char *path);
+// The first model read from path, or a model read afresh from the file (appended to the list of
+// all models); null on failure.
+KRXDATA *find_or_read_model(const char *path);
 
 // The values of one mode record of kind 0, 1 or 2 (by mode index) straight from the model's
 // file in its encoding and precision: six doubles per node of the block, unscaled.

@@ -4,11 +4,11 @@
 #include <algorithm>
 #include <new>
 
+#include "base/krxmsg.h"
 #include "format/krxformat.h"
 #include "format/krxread.h"
 #include "format/krxreadint.h"
-#include "host/krxmsg.h"
-#include "inspect/krxtoc.h"
+#include "format/krxtoc.h"
 #include "processing/krxunits.h"
 
 namespace krx {

@@ -8,7 +8,7 @@
 #include <new>
 
 #include "format/krxstream.h"
-#include "host/krxmsg.h"
+#include "base/krxmsg.h"
 
 namespace krx {
 namespace {

@@ -10,9 +10,9 @@
 #include <memory>
 #include <new>
 
+#include "base/krxmsg.h"
 #include "format/krxformat.h"
 #include "format/krxwrite_state.h"
-#include "host/krxmsg.h"
 #include "mesh/krxcoarse.h"
 #include "mesh/krxfaces.h"
 #include "processing/krxeigen.h"

@@ -6,11 +6,10 @@
 #include <cstring>
 #include <vector>
 
+#include "base/krxmsg.h"
 #include "format/krxformat.h"
 #include "format/krxwrite.h"
 #include "format/krxwrite_state.h"
-#include "host/krxmsg.h"
-#include "model/krxset.h"
 #include "model/krxtools.h"
 #include "processing/krxinvar.h"
 #include "processing/krxunits.h"

@@ -4,8 +4,8 @@
 #include <cmath>
 #include <new>
 
+#include "base/krxmsg.h"
 #include "format/krxwrite.h"
-#include "host/krxmsg.h"
 #include "mesh/krxfaces.h"
 #include "model/krxtools.h"
 #include "processing/krxinvar.h"

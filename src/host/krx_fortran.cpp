@@ -7,10 +7,11 @@
 #include <cstring>
 #include <vector>
 
+#include "format/krxread.h"
+#include "host/krxset.h"
 #include "mesh/krxfaces.h"
-#include "processing/krxeigen.h"
-#include "model/krxset.h"
 #include "model/krxtools.h"
+#include "processing/krxeigen.h"
 #include "processing/krxunits.h"
 
 namespace krx {
@@ -124,6 +125,29 @@ KRX_API void KRX_TERMINATE(int *status) {
   // The current model is deliberately left as it was; the host must call KRX_CREATE next.
   krx::run_entry(status, [](krx::KRXDATA *) {
     krx::release_all_models();
+    return 1;
+  });
+}
+
+// The unexported entry that makes a model read from a file the current model. The path is
+// taken at exactly its hidden length, blanks and all.
+void KRX_OPEN_KRX(const char *path, int *status, int path_len) {
+  krx::run_entry(status, [&](krx::KRXDATA *) -> int {
+    if (path_len < 0) {
+      krx::report_allocation_failure(460, "..\\krx_fortran");
+      return 0;
+    }
+    std::string name;
+    try {
+      name.assign(std::size_t(path_len) + 1, '\0');
+      if (path_len > 0) std::memcpy(name.data(), path, std::size_t(path_len));
+    } catch (const std::bad_alloc &) {
+      krx::report_allocation_failure(460, "..\\krx_fortran");
+      return 0;
+    }
+    krx::KRXDATA *model = krx::find_or_read_model(name.c_str());
+    if (!model) return 0;
+    krx::current_model() = model;
     return 1;
   });
 }

@@ -1,13 +1,15 @@
-// The exported frame: the current model, host-string trimming, status values, and the declarations
-// of the unexported entries of the KRX_ family (built with the same frame, absent from the dynamic
-// symbol table; tests and tools reach them through the static core).
+// The host floor, top of the library: the exported KRX_ entries (krx_fortran.cpp,
+// krx_write_entries.cpp), the setters behind them (krxset.h) and, here, their frame: the current
+// model, host-string trimming, status values, and the declarations of the unexported entries of
+// the KRX_ family (built with the same frame, absent from the dynamic symbol table; tests and
+// tools reach them through the static core). The host floor may use every folder below it.
 #pragma once
 
 #include <cstddef>
 #include <new>
 #include <string>
 
-#include "host/krxmsg.h"
+#include "base/krxmsg.h"
 #include "krx/krx.h"
 #include "model/krxdata.h"
 

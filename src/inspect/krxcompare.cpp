@@ -12,7 +12,7 @@
 #include <string>
 #include <utility>
 
-#include "host/krxmsg.h"
+#include "base/krxmsg.h"
 #include "inspect/krxcomparerun.h"
 #include "model/krxtools.h"
 #include "processing/krxunits.h"

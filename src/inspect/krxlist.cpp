@@ -1,13 +1,15 @@
 // The listing of one block of a model as readable text.
+#include "inspect/krxlist.h"
+
 #include <algorithm>
 #include <cstring>
 #include <new>
 #include <string>
 
+#include "base/krxmsg.h"
 #include "format/krxformat.h"
 #include "format/krxread.h"
-#include "host/krxmsg.h"
-#include "inspect/krxtoc.h"
+#include "format/krxtoc.h"
 
 namespace krx {
 namespace {

@@ -8,7 +8,7 @@
 #include <cstring>
 #include <new>
 
-#include "host/krxmsg.h"
+#include "base/krxmsg.h"
 #include "mesh/krxcoarse_work.h"
 
 namespace krx {

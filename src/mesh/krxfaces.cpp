@@ -7,7 +7,7 @@
 #include <memory>
 #include <new>
 
-#include "host/krxmsg.h"
+#include "base/krxmsg.h"
 
 namespace krx {
 namespace {

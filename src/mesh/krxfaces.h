@@ -1,6 +1,6 @@
 // Mesh reduction: the element faces that outline the body (appending, stripping of interior
 // faces, replacement from a sketch file, the set of nodes faces and interface nodes use) and the
-// coarsening of that surface mesh (krxcoarse.h).
+// coarsening of that surface mesh (krxcoarse.h). Builds on model and base, not on processing.
 #pragma once
 
 #include <cstdint>

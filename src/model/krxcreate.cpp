@@ -1,9 +1,11 @@
-// Creation and release of models, the model list, the node table and the mode registry.
+// Creation and release of models, the model list, the node table, the mode registry and the
+// generalized-matrix lists.
 #include <algorithm>
+#include <cmath>
 #include <cstdio>
 #include <new>
 
-#include "host/krxmsg.h"
+#include "base/krxmsg.h"
 #include "model/krxdata.h"
 
 namespace krx {
@@ -243,6 +245,60 @@ int32_t register_mode(KRXDATA *model, int32_t number) {
   }
   if (!model->retained_set) model->retained_modes = int32_t(model->modes.size());
   return int32_t(model->modes.size()) - 1;
+}
+
+namespace {
+
+// A generalized-mass diagonal entry further than this from 1 asks for the transformation.
+constexpr double kUnitTolerance = 1e-8;
+
+// Grows a generalized-matrix list by 100 entries at a time.
+int append_entry(std::vector<MatrixEntry> &list, int32_t row, int32_t column, double value) {
+  try {
+    if (list.size() == list.capacity()) list.reserve(list.capacity() + 100);
+    list.push_back(MatrixEntry{row, column, value});
+    return 1;
+  } catch (const std::bad_alloc &) {
+    KRX_REPORT_ALLOC(kSource);
+    return 0;
+  }
+}
+
+int add_matrix_entry(KRXDATA *model, std::vector<MatrixEntry> &list, int flag, int32_t row_mode,
+                     int32_t column_mode, double value, bool mass) {
+  int32_t row = register_mode(model, row_mode);
+  if (row < 0) return 0;
+  int32_t column = register_mode(model, column_mode);
+  if (column < 0) return 0;
+  if (mass) {
+    if (row != column)
+      model->gm_off_diagonal = 1;
+    else if (std::fabs(1.0 - value) > kUnitTolerance)
+      model->gm_not_unit = 1;
+  }
+  if (!append_entry(list, row, column, value)) return 0;
+  model->flags[flag] = 1;
+  return 1;
+}
+
+}  // namespace
+
+int add_generalized_mass(KRXDATA *model, int32_t row_mode, int32_t column_mode, double value) {
+  if (!model_exists(model)) return 0;
+  return add_matrix_entry(model, model->mass, kFlagGeneralizedMass, row_mode, column_mode, value,
+                          true);
+}
+
+int add_generalized_stiffness(KRXDATA *model, int32_t row_mode, int32_t column_mode, double value) {
+  if (!model_exists(model)) return 0;
+  return add_matrix_entry(model, model->stiffness, kFlagGeneralizedStiffness, row_mode,
+                          column_mode, value, false);
+}
+
+int add_generalized_damping(KRXDATA *model, int32_t row_mode, int32_t column_mode, double value) {
+  if (!model_exists(model)) return 0;
+  return add_matrix_entry(model, model->damping, kFlagGeneralizedDamping, row_mode, column_mode,
+                          value, false);
 }
 
 }  // namespace krx

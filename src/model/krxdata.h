@@ -1,7 +1,8 @@
 // The in-memory model: the KRXDATA record that the host fills through the setters and that the
-// writer turns into a file (the reader fills the same record), its node table and mode registry,
-// the list of all models, and creation and release. Per-mode vectors never live here: they are
-// spooled to the temporary vector store (krxtools.h), whose slots the record owns.
+// writer turns into a file (the reader fills the same record), its node table, mode registry and
+// generalized-matrix lists, the list of all models, and creation and release. Per-mode vectors
+// never live here: they are spooled to the temporary vector store (krxtools.h), whose slots the
+// record owns. The model folder builds on base only; every folder above works on this record.
 #pragma once
 
 #include <rpc/xdr.h>
@@ -156,6 +157,11 @@ struct KRXDATA {
   int char_width = 1;
   int real_width = 8;
   bool read_from_file = false;
+  // The stored invariants of a model read from a file, installed by the reader so that processing
+  // needs to know nothing of files: reads invariant block 19..26 into out, unscaled, and gives the
+  // block's own mode count (-1 when it has none). 0 when the block cannot be read.
+  int (*stored_invariants)(KRXDATA *model, int block, std::vector<double> &out,
+                           int32_t *file_modes) = nullptr;
   int32_t file_node_count = 0;  // nodes that block 4 of the file read lists: the range of block 14
 
   // Temporary vector store, one slot per kind.
@@ -260,8 +266,6 @@ KRXDATA *create_model(uint32_t node_capacity, int32_t mode_capacity);
 // Unlinks and releases one model; a model not in the list is left alone.
 void release_model(KRXDATA *model);
 void release_all_models();
-// The first model read from path, or a model read afresh from the file; null on failure.
-KRXDATA *find_or_read_model(const char *path);
 
 // Node identifiers to positions: -1 when unknown. add_node appends and returns the new position.
 int32_t node_position(KRXDATA *model, int32_t id);
@@ -278,5 +282,12 @@ int32_t append_node(KRXDATA &model, int32_t id);
 int32_t mode_index(const KRXDATA *model, int32_t number);
 int32_t register_mode(KRXDATA *model, int32_t number);
 int32_t mode_count(const KRXDATA *model);
+
+// Generalized matrices: appends (row mode, column mode, value) to the list, registering both
+// modes, and raises the list's content flag. A mass entry off the diagonal, or one on it that is
+// not 1, also sets the writer switch it calls for. 0 on failure (reported).
+int add_generalized_mass(KRXDATA *model, int32_t row_mode, int32_t column_mode, double value);
+int add_generalized_stiffness(KRXDATA *model, int32_t row_mode, int32_t column_mode, double value);
+int add_generalized_damping(KRXDATA *model, int32_t row_mode, int32_t column_mode, double value);
 
 }  // namespace krx

@@ -12,12 +12,14 @@
 namespace krx {
 
 // The operation behind the mode-shape, modal-stress and modal-strain setters. Mode number 0 with
-// kind 1 or 2 stores the node's pre-stress or pre-strain instead (set_pre_values, krxset.h: no
-// file, flag 29 / 30). The first value of a kind creates its file and lays out every record;
+// kind 1 or 2 stores the node's pre-stress or pre-strain instead (set_pre_values: no file,
+// flag 29 / 30). The first value of a kind creates its file and lays out every record;
 // values are held back in per-mode runs and reach the file when a run is full or not contiguous,
 // before any record is read, and at flush_vector_store. Sets the kind's content flag (4 / 16 / 27).
 int store_node_vector(KRXDATA *model, int32_t mode_number, int32_t node_id, int kind,
                       const double values[6]);
+// Pre-stress (kind 1) or pre-strain (kind 2) of a node: six values per node of the kind's list.
+int set_pre_values(KRXDATA *model, int32_t node_id, int kind, const double values[6]);
 // One of the six values; dof is 0-based, at dof x the value width inside the node's 48 bytes.
 int store_node_value(KRXDATA *model, int32_t mode_number, int32_t node_id, int kind, int dof,
                      double value);

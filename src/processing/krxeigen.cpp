@@ -6,7 +6,7 @@
 #include <new>
 #include <utility>
 
-#include "host/krxmsg.h"
+#include "base/krxmsg.h"
 #include "processing/krxnumerics.h"
 #include "processing/krxunits.h"
 

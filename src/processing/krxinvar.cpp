@@ -7,9 +7,7 @@
 #include <cstring>
 #include <new>
 
-#include "format/krxread.h"
-#include "host/krxmsg.h"
-#include "model/krxset.h"
+#include "base/krxmsg.h"
 #include "model/krxtools.h"
 #include "processing/krxinvar_sums.h"
 #include "processing/krxunits.h"
@@ -177,13 +175,13 @@ int32_t retained_mode_index(const KRXDATA *model, int32_t j) {
 }
 
 // ---- File branch -------------------------------------------------------------------------------
-// The block is decoded by the reader in the file's encoding and precision; the mode count rule and
-// the unit scaling are this file's.
+// The block is decoded by the model's stored-invariant source, which the reader installs, in the
+// file's encoding and precision; the mode count rule and the unit scaling are this file's.
 
 bool read_invariant_block(KRXDATA *model, int block, std::vector<double> &values) {
-  if (!model || !file_has_block(model, block)) return false;
+  if (!model || !file_has_block(model, block) || !model->stored_invariants) return false;
   int32_t file_modes = -1;
-  if (!read_invariant_values(model, block, values, &file_modes)) {
+  if (!model->stored_invariants(model, block, values, &file_modes)) {
     values.clear();
     return false;
   }

@@ -40,18 +40,23 @@ double peek_invariant1(const KRXDATA *model);
 std::array<double, 3> peek_invariant2(const KRXDATA *model);
 std::array<double, 9> peek_invariant7(const KRXDATA *model);
 
+// Generalized matrix of a list as a dense n x n row-major matrix over the first n mode indices:
+// the last value set for a pair wins, a pair never set is 0.
+std::vector<double> dense_matrix(const std::vector<MatrixEntry> &entries, int32_t n);
+
 // t += s (a x b)
 void cross_accumulate(double t[3], double s, const double a[3], const double b[3]);
 // T += s skew(a) skew(b)
 void skew_accumulate(double t[9], double s, const double a[3], const double b[3]);
 
-// ---- File branch, for the reader --------------------------------------------------------------
-// Reads invariant block `block` (19 to 26) of the file the model was loaded from into values:
+// ---- File branch --------------------------------------------------------------------------------
+// Reads invariant block `block` (19 to 26) of the file the model was loaded from into values,
+// through the model's stored-invariant source (KRXDATA::stored_invariants, set by the reader):
 // for blocks 21 to 26 first the 32-bit mode count (check_invariant_mode_count, then reading goes
 // on with M), then invariant_block_values(block, M) reals in the file's precision and encoding,
 // widened to double, then scale_invariant_from_file. False when the model was not read from a
-// file or the file lacks the block; the invariant is then computed from the model's data.
-// Until the reader provides the reading, it always returns false.
+// file, has no source or the file lacks the block; the invariant is then computed from the
+// model's data.
 bool read_invariant_block(KRXDATA *model, int block, std::vector<double> &values);
 // Number of reals the block holds for M modes; 0 for a block that holds no invariant.
 std::size_t invariant_block_values(int block, int32_t modes);

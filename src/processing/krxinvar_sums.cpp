@@ -12,8 +12,7 @@
 #include <cstring>
 #include <new>
 
-#include "host/krxmsg.h"
-#include "model/krxset.h"
+#include "base/krxmsg.h"
 #include "model/krxtools.h"
 #include "processing/krxinvar.h"
 

@@ -5,8 +5,7 @@
 #include <cmath>
 #include <cstdlib>
 
-#include "host/krxmsg.h"
-#include "model/krxset.h"
+#include "base/krxmsg.h"
 #include "model/krxtools.h"
 #include "processing/krxinvar.h"
 #include "processing/krxnumerics.h"

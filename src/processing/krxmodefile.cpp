@@ -11,8 +11,7 @@
 #include <cstring>
 #include <new>
 
-#include "host/krxmsg.h"
-#include "model/krxset.h"
+#include "base/krxmsg.h"
 #include "model/krxtools.h"
 #include "processing/krxeigen.h"
 
@@ -279,8 +278,8 @@ int add_generalized_masses(KRXDATA *model, int32_t p, int32_t q) {
       if (!load_mode_record_by_index(model, k, kModeShapes)) return 0;
       if (model->store[kModeShapes].record.size() < first.size()) return 0;
       double m = mass_product(model, first.data(), model->store[kModeShapes].record.data());
-      if (!set_generalized_mass(model, model->modes[j], model->modes[k], m)) return 0;
-      if (!set_generalized_mass(model, model->modes[k], model->modes[j], m)) return 0;
+      if (!add_generalized_mass(model, model->modes[j], model->modes[k], m)) return 0;
+      if (!add_generalized_mass(model, model->modes[k], model->modes[j], m)) return 0;
     }
   }
   return 1;

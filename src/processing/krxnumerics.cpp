@@ -4,7 +4,7 @@
 #include <utility>
 #include <vector>
 
-#include "host/krxmsg.h"
+#include "base/krxmsg.h"
 #include "processing/krxnumerics.h"
 
 namespace krx {

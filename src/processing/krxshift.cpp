@@ -1,7 +1,7 @@
 // Shift of the reference frame to the centre of mass.
 #include "processing/krxshift.h"
 
-#include "host/krxmsg.h"
+#include "base/krxmsg.h"
 
 namespace krx {
 

@@ -1,7 +1,8 @@
 // Model processing: units. The unit vocabulary with its aliases and SI factors, the setting of a
 // model's units by names or by SI multipliers with the conversion of every stored quantity, and
 // the force-consistency factor. Also the inertia invariants (krxinvar.h), the dense kernels
-// (krxnumerics.h), the eigen solution (krxeigen.h) and the frame shift (krxshift.h).
+// (krxnumerics.h), the eigen solution (krxeigen.h), the loads (krxloads.h) and the frame shift
+// (krxshift.h). Builds on model and base; knows nothing of the file format or of mesh.
 #pragma once
 
 #include <cstddef>

@@ -1,6 +1,6 @@
 // Fuzz target: read a file and list every block, as the dump tool does.
 #include "fuzzsupport.h"
-#include "inspect/krxtoc.h"
+#include "inspect/krxlist.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, std::size_t size) {
   krxfuzz::silence_host();

@@ -6,10 +6,11 @@
 #include <cmath>
 
 #include "format/krxread.h"
-#include "inspect/krxtoc.h"
 #include "host/krx_fortran.h"
+#include "host/krxset.h"
+#include "inspect/krxlist.h"
 #include "krx/krx.h"
-#include "model/krxset.h"
+#include "model/krxtools.h"
 
 namespace krxfuzz {
 namespace {

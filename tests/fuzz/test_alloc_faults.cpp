@@ -12,10 +12,10 @@
 #include <new>
 
 #include "format/krxread.h"
-#include "host/krx_fortran.h"
 #include "fuzzsupport.h"
+#include "host/krx_fortran.h"
 #include "inspect/krxcompare.h"
-#include "inspect/krxtoc.h"
+#include "inspect/krxlist.h"
 #include "krx/krx.h"
 
 namespace {

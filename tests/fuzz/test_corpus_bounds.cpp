@@ -12,7 +12,7 @@
 #include "format/krxread.h"
 #include "fuzzsupport.h"
 #include "inspect/krxcompare.h"
-#include "inspect/krxtoc.h"
+#include "inspect/krxlist.h"
 #include "testsupport.h"
 
 namespace {

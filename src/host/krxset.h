@@ -1,6 +1,8 @@
 // The setters behind the exported entries: each stores plain values in the model, raises the
 // matching content flag and checks what can be checked (consistency only warns, legality fails).
 // Every setter returns 1 on success and 0 on failure and first checks that the model exists.
+// They are the host's operations over the model and processing (the invariants the global-mass
+// checks compare with), so they live on the host floor next to the entries.
 #pragma once
 
 #include <cstdint>
@@ -29,8 +31,6 @@ int set_load_case_count(KRXDATA *model, int32_t count);
 // load_case is 0-based.
 int set_modal_load(KRXDATA *model, int32_t load_case, int32_t mode_number, double value);
 int set_modal_load_label(KRXDATA *model, int32_t load_case, const char *label);
-// Pre-stress (kind 1) or pre-strain (kind 2) of a node.
-int set_pre_values(KRXDATA *model, int32_t node_id, int kind, const double values[6]);
 
 // Direct invariant setters; 3x3 matrices row by row. The modes must be registered already;
 // per-mode storage is laid out for the mode count of the moment and re-laid out when it grows.
@@ -47,9 +47,5 @@ int set_invariant9(KRXDATA *model, int32_t mode_i, int32_t mode_j, const double 
 
 // Relative difference of the consistency checks: |(a - b) / s|, s = a when |a| > 1, else 1.
 double relative_difference(double a, double b);
-
-// Generalized matrix of a list as a dense n x n row-major matrix over the first n mode indices:
-// the last value set for a pair wins, a pair never set is 0.
-std::vector<double> dense_matrix(const std::vector<MatrixEntry> &entries, int32_t n);
 
 }  // namespace krx

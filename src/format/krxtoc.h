@@ -1,9 +1,9 @@
-// Inspection of a KRX file read into a model: the block queries (present, seek, size) and the
-// listing of one block as readable text, which the dump tool and the file comparison print.
+// The block queries of a KRX file read into a model: whether a block is present, the seek to its
+// start and its length in bytes from its leading counts. Locating blocks is the file format's own
+// rule; the reader, the listing and the comparison build on it.
 #pragma once
 
 #include <cstdint>
-#include <cstdio>
 
 #include "model/krxdata.h"
 
@@ -16,8 +16,5 @@ int seek_to_block(KRXDATA *model, int index);
 // The block's length in bytes from its leading counts and the file's widths; the file position
 // is restored. 0 for an absent block; -1 after reporting "Problem in ... block".
 int64_t block_size(KRXDATA *model, int index);
-
-// Prints the section of block 1..32; other numbers or no model print nothing.
-void list_block(KRXDATA *model, int block, FILE *out);
 
 }  // namespace krx

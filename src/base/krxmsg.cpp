@@ -1,4 +1,4 @@
-#include "host/krxmsg.h"
+#include "base/krxmsg.h"
 
 #include <chrono>
 #include <cstdarg>

@@ -1,6 +1,7 @@
-// The host interface: the message channel to the host's callbacks (notes, warnings, errors and the
-// quiet inquiry), the allocation-failure report, the progress line of long loops, and the frame's
-// current model. Every other folder reports through here and nowhere else.
+// The ground floor: the message channel to the host's callbacks (notes, warnings, errors and the
+// quiet inquiry, with the lookup of callbacks the host registered or defined), the
+// allocation-failure report and the progress line of long loops. Every other folder reports
+// through here and nowhere else; this folder includes nothing of the others.
 #pragma once
 
 #include <cstdint>

@@ -1,8 +1,8 @@
 // The block queries of a model read from a file.
-#include "inspect/krxtoc.h"
+#include "format/krxtoc.h"
 
+#include "base/krxmsg.h"
 #include "format/krxformat.h"
-#include "host/krxmsg.h"
 
 namespace krx {
 

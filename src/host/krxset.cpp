@@ -1,6 +1,6 @@
 // The setters: plain values into the model record, content flags raised, consistency checked
 // against what the model already holds. Consistency only warns; legality fails the call.
-#include "model/krxset.h"
+#include "host/krxset.h"
 
 #include <algorithm>
 #include <cmath>
@@ -10,7 +10,7 @@
 #include <new>
 #include <string>
 
-#include "host/krxmsg.h"
+#include "base/krxmsg.h"
 #include "model/krxdata.h"
 #include "processing/krxinvar.h"
 
@@ -51,35 +51,6 @@ void store_header_text(std::array<char, N> &field, char *text, const char *too_b
   field.fill('\0');
   std::memcpy(field.data(), text, std::min(std::strlen(text), N - 1));
   note(note_format, field.data());
-}
-
-// Grows a generalized-matrix list by 100 entries at a time.
-int append_entry(std::vector<MatrixEntry> &list, int32_t row, int32_t column, double value) {
-  try {
-    if (list.size() == list.capacity()) list.reserve(list.capacity() + 100);
-    list.push_back(MatrixEntry{row, column, value});
-    return 1;
-  } catch (const std::bad_alloc &) {
-    KRX_REPORT_ALLOC(kSource);
-    return 0;
-  }
-}
-
-int set_matrix_entry(KRXDATA *model, std::vector<MatrixEntry> &list, int flag, int32_t row_mode,
-                     int32_t column_mode, double value, bool mass) {
-  int32_t row = register_mode(model, row_mode);
-  if (row < 0) return 0;
-  int32_t column = register_mode(model, column_mode);
-  if (column < 0) return 0;
-  if (mass) {
-    if (row != column)
-      model->gm_off_diagonal = 1;
-    else if (std::fabs(1.0 - value) > kTolerance)
-      model->gm_not_unit = 1;
-  }
-  if (!append_entry(list, row, column, value)) return 0;
-  model->flags[flag] = 1;
-  return 1;
 }
 
 // Total mass, first moments and inertia tensor of the nodal data, as invariants 1, 2 and 7 would
@@ -369,21 +340,18 @@ int set_global_mass(KRXDATA *model, double mass, const double *centre, const dou
 
 int set_generalized_mass(KRXDATA *model, int32_t row_mode, int32_t column_mode, double value) {
   if (!model_exists(model)) return 0;
-  return set_matrix_entry(model, model->mass, kFlagGeneralizedMass, row_mode, column_mode, value,
-                          true);
+  return add_generalized_mass(model, row_mode, column_mode, value);
 }
 
 int set_generalized_stiffness(KRXDATA *model, int32_t row_mode, int32_t column_mode,
                               double value) {
   if (!model_exists(model)) return 0;
-  return set_matrix_entry(model, model->stiffness, kFlagGeneralizedStiffness, row_mode,
-                          column_mode, value, false);
+  return add_generalized_stiffness(model, row_mode, column_mode, value);
 }
 
 int set_generalized_damping(KRXDATA *model, int32_t row_mode, int32_t column_mode, double value) {
   if (!model_exists(model)) return 0;
-  return set_matrix_entry(model, model->damping, kFlagGeneralizedDamping, row_mode, column_mode,
-                          value, false);
+  return add_generalized_damping(model, row_mode, column_mode, value);
 }
 
 int set_interface_node(KRXDATA *model, int32_t node_id) {
