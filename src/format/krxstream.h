@@ -1,6 +1,7 @@
 // The KRX file format: the stream layer that puts and gets every primitive in the file's encoding
-// (XDR or native, double or single precision), the block catalogue (krxformat.h) and the reader
-// (krxread.h). The writer and the inspection tools build on these three.
+// (XDR or native, double or single precision), the block catalogue (krxformat.h), the block
+// queries that locate a block in a file (krxtoc.h), the writer options (krxoptions.h), the writer
+// (krxwrite.h) and the reader (krxread.h). The inspection tools and the entries build on these.
 #pragma once
 
 #include <cstddef>
