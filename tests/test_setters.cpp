@@ -197,6 +197,12 @@ TEST_F(Setters, PreloadAndInterfaceNodes) {
   ASSERT_EQ(krx::set_interface_node(model(), 40), 1);
   EXPECT_EQ(model()->interface_nodes, (std::vector<int32_t>{1, 0}));
   EXPECT_EQ(model()->flags[krx::kFlagInterfaceNodes], 1);
+
+  // Many marks in a scattered order, then each again: one mark per node, in first-mark order.
+  for (int32_t i = 0; i < 2000; ++i) krx::set_interface_node(model(), 1000 + (i * 7919) % 2000);
+  for (int32_t i = 0; i < 2000; ++i) krx::set_interface_node(model(), 1000 + i);
+  ASSERT_EQ(model()->interface_nodes.size(), 2002u);
+  EXPECT_EQ(model()->nodes[std::size_t(model()->interface_nodes[3])].id, 1000 + 7919 % 2000);
 }
 
 TEST_F(Setters, InvariantSettersCheckTheirValues) {

@@ -354,12 +354,36 @@ int set_generalized_damping(KRXDATA *model, int32_t row_mode, int32_t column_mod
   return add_generalized_damping(model, row_mode, column_mode, value);
 }
 
+namespace {
+
+// Whether a node is marked already. A lookup that cannot grow falls back to a search.
+bool interface_marked(KRXDATA &model, int32_t node_id) {
+  auto &list = model.interface_nodes;
+  const auto id_at = [&](int32_t p) {
+    return p >= 0 && p < node_count(&model) ? model.nodes[std::size_t(p)].id : -1;
+  };
+  if (model.interface_covered > list.size()) {
+    clear_ids(model.interface_lookup);
+    model.interface_covered = 0;
+  }
+  try {
+    for (; model.interface_covered < list.size(); ++model.interface_covered)
+      insert_id(model.interface_lookup, id_at(list[model.interface_covered]),
+                int32_t(model.interface_covered));
+  } catch (const std::bad_alloc &) {
+    return std::any_of(list.begin(), list.end(), [&](int32_t p) { return id_at(p) == node_id; });
+  }
+  return find_id(model.interface_lookup, node_id) >= 0;
+}
+
+}  // namespace
+
 int set_interface_node(KRXDATA *model, int32_t node_id) {
   int32_t position = node_position_or_add(model, node_id);
   if (position < 0) return 0;
   auto &list = model->interface_nodes;
   // Marking a node twice keeps one mark.
-  if (std::find(list.begin(), list.end(), position) == list.end()) {
+  if (!interface_marked(*model, node_id)) {
     try {
       list.push_back(position);
     } catch (const std::bad_alloc &) {

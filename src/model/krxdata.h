@@ -219,8 +219,12 @@ struct KRXDATA {
   std::vector<int32_t> face_node_set;  // cached sorted node positions of faces and interface nodes
   bool face_node_set_built = false;
 
-  // Interface nodes, as node positions in the order given.
+  // Interface nodes, as node positions in the order given. The lookup that keeps a node from
+  // being marked twice is keyed by identifier, which a node keeps when a written model's table
+  // is reduced, and catches up with the list on use.
   std::vector<int32_t> interface_nodes;
+  IdIndex interface_lookup;
+  std::size_t interface_covered = 0;
 
   // Inertia invariants, cached; empty until computed or set.
   bool has_invariant1 = false;
