@@ -17,9 +17,9 @@ namespace {
 // values costs no allocation. Each chunk is one write call, and a write call costs about as much
 // as copying a megabyte to the page cache: 512 KiB chunks made the encode twice the plain write,
 // 4 MiB chunks leave the swap itself as the only extra pass. Decoding reads straight into the
-// destination and swaps each piece in place while it is still in the cache.
+// destination and swaps each 256 KiB piece in place while it is still in the cache.
 constexpr std::size_t kChunkBytes = 1 << 22;
-constexpr std::size_t kDecodeBytes = 1 << 20;
+constexpr std::size_t kDecodeBytes = 1 << 18;
 alignas(8) unsigned char g_chunk[kChunkBytes];
 
 template <typename Word>
