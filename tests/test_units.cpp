@@ -25,15 +25,13 @@ std::string names_of(const krx::KRXDATA *model) {
 }
 
 // Aliases match without regard to case but not to blanks; short aliases keep their odd meanings.
-TEST(UnitNames, AliasesAndTheirOddMeanings) {
+// Factors come from the table of the name's own dimension.
+TEST(UnitNames, AliasesAndFactors) {
   const std::pair<const char *, const char *> cases[] = {
       {"Kg", "KILOGRAM"}, {"KG", "KILOGRAM"}, {"kilogram", "KILOGRAM"}, {" kg", "<none>"}, {"kg ", "<none>"},
       {"kgs", "<none>"}, {"", "<none>"}, {"mgg", "MEGAGRAM"}, {"mg", "MILLIGRAM"}, {"mn", "MILLINEWTON"},
       {"n", "NEWTON"}, {"dozen_slug", "SLINCH"}, {"d", "DAY"}, {"MIL", "MIL"}, {"KPOUND_FORCE", "KPOUND_FORCE"}};
   for (const auto &[given, name] : cases) EXPECT_EQ(normalized(given), name) << given;
-}
-
-TEST(UnitNames, FactorsComeFromTheTableOfTheirDimension) {
   EXPECT_EQ(krx::unit_factor(Dimension::Length, "INCH"), 0.0254);
   EXPECT_EQ(krx::unit_factor(Dimension::Length, "inch"), 0.0254);
   EXPECT_EQ(krx::unit_factor(Dimension::Mass, "SLINCH"), 175.1271524);
@@ -57,6 +55,12 @@ struct UnitsTest : ::testing::Test {
   int set(const char *m, const char *L, const char *t, const char *F) {
     return krx::set_units_by_names(model, m, L, t, F);
   }
+  // Eigen records with these frequencies, all retained.
+  void set_hertz(const std::vector<double> &hertz) {
+    model->eigen.assign(hertz.size(), {});
+    for (std::size_t j = 0; j < hertz.size(); ++j) model->eigen[j].hertz = hertz[j];
+    model->retained_modes = int32_t(hertz.size());
+  }
 };
 
 TEST_F(UnitsTest, ForceConsistencyFactorOfAnIncoherentSystem) {
@@ -71,31 +75,23 @@ TEST_F(UnitsTest, ForceConsistencyFactorOfAnIncoherentSystem) {
   EXPECT_EQ(krx::scale_by_unit(model, Dimension::Mass, 2.0), 2000.0);
 }
 
-TEST_F(UnitsTest, FirstUnitsAreTakenAsTheDataAsItStands) {
+TEST_F(UnitsTest, FirstUnitsAreTakenAsTheDataAsItStandsAndAFailedSettingChangesNothing) {
   add_node(1, 1.0, 2.0, 3.0, 10.0);
   ASSERT_EQ(set("pound_mass", "inch", "second", "pound_force"), 1);
+  EXPECT_EQ(set("kg", "m", "s", "furlong"), 0);
+  EXPECT_EQ(set("kg", "m", "kg", "n"), 0);  // a mass name in the time slot
+  EXPECT_EQ(set("kg", nullptr, "s", "n"), 0);
   EXPECT_EQ(names_of(model), "POUND_MASS/INCH/SECOND/POUND_FORCE");
-  EXPECT_TRUE(model->nodes[0].y == 2.0 && model->nodes[0].mass == 10.0);
+  EXPECT_TRUE(model->nodes[0].x == 1.0 && model->nodes[0].y == 2.0 && model->nodes[0].mass == 10.0);
+  EXPECT_EQ(model->length_ratio, 1.0);
 
   ASSERT_EQ(set("KILOGRAM", "METER", "SECOND", "NEWTON"), 1);
   EXPECT_DOUBLE_EQ(model->nodes[0].y, 2.0 * 0.0254);
   EXPECT_DOUBLE_EQ(model->nodes[0].mass, 10.0 * 0.45359237);
   EXPECT_DOUBLE_EQ(model->length_ratio, 0.0254);
-
   ASSERT_EQ(set("kg", "m", "s", "n"), 1);  // the same units again
   EXPECT_DOUBLE_EQ(model->nodes[0].y, 2.0 * 0.0254);
   EXPECT_DOUBLE_EQ(model->length_ratio, 0.0254);  // ratios of the last real change
-}
-
-TEST_F(UnitsTest, AFailedSettingChangesNothing) {
-  add_node(1, 1.0, 2.0, 3.0, 10.0);
-  ASSERT_EQ(set("lbm", "in", "s", "lbf"), 1);
-  EXPECT_EQ(set("kg", "m", "s", "furlong"), 0);
-  EXPECT_EQ(set("kg", "m", "kg", "n"), 0);  // a mass name in the time slot
-  EXPECT_EQ(set("kg", nullptr, "s", "n"), 0);
-  EXPECT_EQ(names_of(model), "POUND_MASS/INCH/SECOND/POUND_FORCE");
-  EXPECT_EQ(model->nodes[0].x, 1.0);
-  EXPECT_EQ(model->length_ratio, 1.0);
 }
 
 TEST_F(UnitsTest, MultipliersSelectTheFirstCloseRow) {
@@ -109,17 +105,13 @@ TEST_F(UnitsTest, MultipliersSelectTheFirstCloseRow) {
 }
 
 TEST_F(UnitsTest, RigidBodyModesAreCountedFromTheFrequencies) {
-  auto with_hertz = [&](std::vector<double> hertz) {
-    model->eigen.assign(hertz.size(), {});
-    for (std::size_t j = 0; j < hertz.size(); ++j) model->eigen[j].hertz = hertz[j];
-    model->retained_modes = int32_t(hertz.size());
-    return krx::rigid_body_mode_count(model);
-  };
-  EXPECT_EQ(with_hertz({0.0}), 0);
-  EXPECT_EQ(with_hertz({1e-4, 2e-4, 20.0, 30.0}), 2);
-  EXPECT_EQ(with_hertz({1.0, 2.0, 30000.0}), 2);
-  EXPECT_EQ(with_hertz({1.0, 2.0, 3.0}), 0);
-  EXPECT_EQ(with_hertz({0.0, 1e-6, 5.0}), 1);  // anything exceeds 10000 x an exact zero
+  const std::pair<std::vector<double>, int> cases[] = {
+      {{0.0}, 0}, {{1e-4, 2e-4, 20.0, 30.0}, 2}, {{1.0, 2.0, 30000.0}, 2}, {{1.0, 2.0, 3.0}, 0},
+      {{0.0, 1e-6, 5.0}, 1}};  // the last: anything exceeds 10000 x an exact zero
+  for (const auto &[hertz, rigid] : cases) {
+    set_hertz(hertz);
+    EXPECT_EQ(krx::rigid_body_mode_count(model), rigid) << hertz.size() << " modes";
+  }
 }
 
 // From lbm/in/s/lbf to kg/m/ms/N every ratio differs from 1 and from the others.
@@ -131,7 +123,7 @@ struct ConversionTest : UnitsTest {
   }
 };
 
-TEST_F(ConversionTest, NodesMatricesAndGlobalProperties) {
+TEST_F(ConversionTest, EveryStoredQuantityTakesTheRatiosOfItsDimension) {
   add_node(1, 1.0, 2.0, 3.0, 5.0);
   model->nodes[0].inertia = std::make_unique<std::array<double, 6>>();
   model->nodes[0].inertia->fill(1.0);
@@ -141,6 +133,12 @@ TEST_F(ConversionTest, NodesMatricesAndGlobalProperties) {
   model->total_mass = 1.0;
   model->centre_of_mass = {1.0, 1.0, 1.0};
   model->global_inertia.fill(1.0);
+  model->eigen = {{1, 4.0, 2.0, 3.0, 5.0, 6.0}, {2, krx::kInfiniteEigenvalue, 1.0, 1.0, 1.0, 1.0}};
+  model->statistics.resize(1);
+  model->statistics[0].reals.fill(1.0);
+  model->has_invariant1 = true;
+  model->invariant1 = 1.0;
+  model->invariant2 = model->invariant3 = model->invariant9 = {1.0};
   convert();
   EXPECT_DOUBLE_EQ(model->nodes[0].z, 3.0 * L);
   EXPECT_DOUBLE_EQ(model->nodes[0].mass, 5.0 * m);
@@ -151,16 +149,6 @@ TEST_F(ConversionTest, NodesMatricesAndGlobalProperties) {
   EXPECT_DOUBLE_EQ(model->total_mass, m);
   EXPECT_DOUBLE_EQ(model->centre_of_mass[2], L);
   EXPECT_DOUBLE_EQ(model->global_inertia[8], m * L * L);
-}
-
-TEST_F(ConversionTest, EigenRecordsStatisticsAndInvariants) {
-  model->eigen = {{1, 4.0, 2.0, 3.0, 5.0, 6.0}, {2, krx::kInfiniteEigenvalue, 1.0, 1.0, 1.0, 1.0}};
-  model->statistics.resize(1);
-  model->statistics[0].reals.fill(1.0);
-  model->has_invariant1 = true;
-  model->invariant1 = 1.0;
-  model->invariant2 = model->invariant3 = model->invariant9 = {1.0};
-  convert();
   EXPECT_DOUBLE_EQ(model->eigen[0].eigenvalue, 4.0 * F * L / (m * L * L));
   EXPECT_DOUBLE_EQ(model->eigen[0].hertz, 2.0 / t);
   EXPECT_DOUBLE_EQ(model->eigen[0].radians, 3.0 / t);
@@ -176,11 +164,9 @@ TEST_F(ConversionTest, EigenRecordsStatisticsAndInvariants) {
   EXPECT_DOUBLE_EQ(model->invariant9[0], m * L * L);
 }
 
+// A prepared load vector leads with one force per rigid-body mode, three at most.
 TEST_F(ConversionTest, PreparedLoadsHoldForcesInFrontOfMoments) {
-  // Two rigid-body modes, then 20 Hz: k = 2.
-  model->eigen.resize(4);
-  for (int j = 0; j < 4; ++j) model->eigen[j].hertz = std::vector<double>{1e-4, 2e-4, 20.0, 30.0}[j];
-  model->retained_modes = 4;
+  set_hertz({1e-4, 2e-4, 20.0, 30.0});  // two rigid-body modes
   model->preload.assign(4, 1.0);
   model->load_cases.resize(2);
   model->load_cases[0].values = model->load_cases[1].values = model->preload;
@@ -192,21 +178,11 @@ TEST_F(ConversionTest, PreparedLoadsHoldForcesInFrontOfMoments) {
     EXPECT_DOUBLE_EQ(model->load_cases[0].values[i], moments[i]) << i;
     EXPECT_DOUBLE_EQ(model->load_cases[1].values[i], prepared[i]) << i;
   }
-  model->preload.assign(4, 1.0);
-  model->preload_applied = 1;
-  ASSERT_EQ(set("lbm", "in", "s", "lbf"), 1);
-  EXPECT_DOUBLE_EQ(model->preload[0], 1.0 / F);
-  EXPECT_DOUBLE_EQ(model->preload[2], 1.0 / (F * L));
-}
-
-TEST_F(ConversionTest, OnlyThreeResultantForcesLeadAPreparedVector) {
-  model->eigen.resize(6);
-  for (int j = 0; j < 6; ++j) model->eigen[j].hertz = j < 4 ? 1e-4 : 50.0;
-  model->retained_modes = 6;
+  set_hertz({1e-4, 1e-4, 1e-4, 1e-4, 50.0, 60.0});  // four rigid-body modes, and back again
   model->preload.assign(6, 1.0);
   model->preload_applied = 1;
-  convert();
-  for (int i = 0; i < 6; ++i) EXPECT_DOUBLE_EQ(model->preload[i], i < 3 ? F : F * L) << i;
+  ASSERT_EQ(set("lbm", "in", "s", "lbf"), 1);
+  for (int i = 0; i < 6; ++i) EXPECT_DOUBLE_EQ(model->preload[i], i < 3 ? 1.0 / F : 1.0 / (F * L)) << i;
 }
 
 }  // namespace
