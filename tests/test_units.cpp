@@ -125,11 +125,8 @@ struct ConversionTest : UnitsTest {
 
 TEST_F(ConversionTest, EveryStoredQuantityTakesTheRatiosOfItsDimension) {
   add_node(1, 1.0, 2.0, 3.0, 5.0);
-  model->nodes[0].inertia = std::make_unique<std::array<double, 6>>();
-  model->nodes[0].inertia->fill(1.0);
-  model->mass = {{0, 0, 1.0}};
-  model->stiffness = {{0, 0, 1.0}};
-  model->damping = {{0, 0, 1.0}};
+  model->nodes[0].inertia = std::make_unique<std::array<double, 6>>(std::array<double, 6>{1, 1, 1, 1, 1, 1});
+  model->mass = model->stiffness = model->damping = {{0, 0, 1.0}};
   model->total_mass = 1.0;
   model->centre_of_mass = {1.0, 1.0, 1.0};
   model->global_inertia.fill(1.0);
@@ -140,28 +137,21 @@ TEST_F(ConversionTest, EveryStoredQuantityTakesTheRatiosOfItsDimension) {
   model->invariant1 = 1.0;
   model->invariant2 = model->invariant3 = model->invariant9 = {1.0};
   convert();
-  EXPECT_DOUBLE_EQ(model->nodes[0].z, 3.0 * L);
-  EXPECT_DOUBLE_EQ(model->nodes[0].mass, 5.0 * m);
-  EXPECT_DOUBLE_EQ((*model->nodes[0].inertia)[5], m * L * L);
-  EXPECT_DOUBLE_EQ(model->mass[0].value, m * L * L);
-  EXPECT_DOUBLE_EQ(model->stiffness[0].value, F * L);
-  EXPECT_DOUBLE_EQ(model->damping[0].value, t * F * L);
-  EXPECT_DOUBLE_EQ(model->total_mass, m);
-  EXPECT_DOUBLE_EQ(model->centre_of_mass[2], L);
-  EXPECT_DOUBLE_EQ(model->global_inertia[8], m * L * L);
-  EXPECT_DOUBLE_EQ(model->eigen[0].eigenvalue, 4.0 * F * L / (m * L * L));
-  EXPECT_DOUBLE_EQ(model->eigen[0].hertz, 2.0 / t);
-  EXPECT_DOUBLE_EQ(model->eigen[0].radians, 3.0 / t);
-  EXPECT_DOUBLE_EQ(model->eigen[0].generalized_mass, 5.0 * m * L * L);
-  EXPECT_DOUBLE_EQ(model->eigen[0].generalized_stiffness, 6.0 * F * L);
+  const auto &node = model->nodes[0];
+  const auto &eigen = model->eigen[0];
+  const double *stats = model->statistics[0].reals.data();
+  const std::pair<double, double> converted[] = {
+      {node.z, 3.0 * L}, {node.mass, 5.0 * m}, {(*node.inertia)[5], m * L * L},
+      {model->mass[0].value, m * L * L}, {model->stiffness[0].value, F * L}, {model->damping[0].value, t * F * L},
+      {model->total_mass, m}, {model->centre_of_mass[2], L}, {model->global_inertia[8], m * L * L},
+      {eigen.eigenvalue, 4.0 * F * L / (m * L * L)}, {eigen.hertz, 2.0 / t}, {eigen.radians, 3.0 / t},
+      {eigen.generalized_mass, 5.0 * m * L * L}, {eigen.generalized_stiffness, 6.0 * F * L},
+      {stats[0], L}, {stats[2], F / (L * L)},
+      {model->invariant1, m}, {model->invariant2[0], m * L}, {model->invariant3[0], m * L},
+      {model->invariant9[0], m * L * L}};
+  for (std::size_t i = 0; i < std::size(converted); ++i) EXPECT_DOUBLE_EQ(converted[i].first, converted[i].second) << i;
+  EXPECT_TRUE(stats[1] == 1.0 && stats[3] == 1.0);
   EXPECT_EQ(model->eigen[1].eigenvalue, krx::kInfiniteEigenvalue);
-  EXPECT_DOUBLE_EQ(model->statistics[0].reals[0], L);
-  EXPECT_DOUBLE_EQ(model->statistics[0].reals[2], F / (L * L));
-  EXPECT_TRUE(model->statistics[0].reals[1] == 1.0 && model->statistics[0].reals[3] == 1.0);
-  EXPECT_DOUBLE_EQ(model->invariant1, m);
-  EXPECT_DOUBLE_EQ(model->invariant2[0], m * L);
-  EXPECT_DOUBLE_EQ(model->invariant3[0], m * L);
-  EXPECT_DOUBLE_EQ(model->invariant9[0], m * L * L);
 }
 
 // A prepared load vector leads with one force per rigid-body mode, three at most.
