@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cmath>
 #include <complex>
+#include <numeric>
 #include <random>
 
 #include "processing/krxnumerics.h"
@@ -55,15 +56,13 @@ Dense random_orthogonal(int n, std::mt19937_64 &rng) {
   Dense q(std::size_t(n) * n);
   for (double &v : q) v = g(rng);
   for (int j = 0; j < n; ++j) {
+    double *col = &q[std::size_t(j) * n];
     for (int k = 0; k < j; ++k) {
-      double d = 0;
-      for (int i = 0; i < n; ++i) d += q[i + k * n] * q[i + j * n];
-      for (int i = 0; i < n; ++i) q[i + j * n] -= d * q[i + k * n];
+      const double d = std::inner_product(col, col + n, &q[std::size_t(k) * n], 0.0);
+      for (int i = 0; i < n; ++i) col[i] -= d * q[i + k * n];
     }
-    double s = 0;
-    for (int i = 0; i < n; ++i) s += q[i + j * n] * q[i + j * n];
-    s = std::sqrt(s);
-    for (int i = 0; i < n; ++i) q[i + j * n] /= s;
+    const double s = std::sqrt(std::inner_product(col, col + n, col, 0.0));
+    for (int i = 0; i < n; ++i) col[i] /= s;
   }
   return q;
 }
@@ -73,11 +72,8 @@ Dense symmetric_with(const Dense &q, const std::vector<double> &d) {
   int n = int(d.size());
   Dense m(std::size_t(n) * n, 0.0);
   for (int j = 0; j < n; ++j)
-    for (int i = 0; i < n; ++i) {
-      double s = 0;
-      for (int k = 0; k < n; ++k) s += q[i + k * n] * d[k] * q[j + k * n];
-      m[i + j * n] = s;
-    }
+    for (int i = 0; i < n; ++i)
+      for (int k = 0; k < n; ++k) m[i + j * n] += q[i + k * n] * d[k] * q[j + k * n];
   return m;
 }
 
