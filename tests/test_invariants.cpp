@@ -200,20 +200,17 @@ TEST_F(InvariantTest, AnUnreadableModeIsReportedOnceAndCountsAsZero) {
   expect_near(krx::invariant9(model, 0, 0), {-2, 0, 0, 0, -3, 0, 0, 0, -5});
 }
 
-// Invariants 3, 4, 5, 8 and 9 summed the plain way, node by node and pair by pair, from records
-// loaded one at a time.
-struct Reference {
-  V three, four, five, eight, nine;
-};
-
-Reference reference_sums(krx::KRXDATA *model) {
+// Invariants 3, 4, 5, 8 and 9, in this order, summed the plain way, node by node and pair by pair,
+// from records loaded one at a time.
+enum { kThree, kFour, kFive, kEight, kNine };
+std::array<V, 5> reference_sums(krx::KRXDATA *model) {
   const int32_t M = model->retained_modes;
   std::vector<V> shapes;
   for (int32_t j = 0; j < M; ++j) {
     EXPECT_EQ(krx::load_mode_record_by_index(model, model->record_map[j], krx::kModeShapes), 1);
     shapes.push_back(model->store[krx::kModeShapes].record);
   }
-  Reference r{V(3 * M), V(3 * M), V(3 * M * M), V(9 * M), V(9 * M * M)};
+  std::array<V, 5> r{V(3 * M), V(3 * M), V(3 * M * M), V(9 * M), V(9 * M * M)};
   for (int32_t j = 0; j < M; ++j)
     for (std::size_t i = 0; i < model->nodes.size(); ++i) {
       const krx::NodeRecord &node = model->nodes[i];
@@ -227,15 +224,15 @@ Reference reference_sums(krx::KRXDATA *model) {
           for (int b = 0; b < 3; ++b) four[a] += J[3 * a + b] * phi[3 + b];
       }
       for (int c = 0; c < 3; ++c) {
-        r.three[c * M + j] += node.mass * phi[c];
-        r.four[c * M + j] += four[c];
+        r[kThree][c * M + j] += node.mass * phi[c];
+        r[kFour][c * M + j] += four[c];
       }
-      krx::skew_accumulate(&r.eight[9 * j], node.mass, x, phi);
+      krx::skew_accumulate(&r[kEight][9 * j], node.mass, x, phi);
       for (int32_t k = 0; k < M; ++k) {
         double five[3] = {};
         krx::cross_accumulate(five, node.mass, phi, &shapes[k][6 * i]);
-        for (int c = 0; c < 3; ++c) r.five[3 * M * j + c * M + k] += five[c];
-        krx::skew_accumulate(&r.nine[9 * (M * j + k)], node.mass, phi, &shapes[k][6 * i]);
+        for (int c = 0; c < 3; ++c) r[kFive][3 * M * j + c * M + k] += five[c];
+        krx::skew_accumulate(&r[kNine][9 * (M * j + k)], node.mass, phi, &shapes[k][6 * i]);
       }
     }
   return r;
@@ -251,8 +248,8 @@ void build_random_model(krx::KRXDATA *model, int nodes) {
     node.x = 10 * u(random), node.y = 10 * u(random), node.z = u(random);
     node.mass = i % 7 == 3 ? 0.0 : 1.5 + u(random);
     if (i % 3 == 0)
-      node.inertia = std::make_unique<std::array<double, 6>>(std::array<double, 6>{
-          2 + u(random), 2 + u(random), 2 + u(random), u(random), u(random), u(random)});
+      node.inertia = std::make_unique<std::array<double, 6>>(
+          std::array<double, 6>{2 + u(random), 2 + u(random), 2 + u(random), u(random), u(random), u(random)});
   }
   model->flags[krx::kFlagNodalMasses] = 1;
   for (int mode = 1; mode <= 9; ++mode)
@@ -279,12 +276,11 @@ TEST_F(InvariantTest, BlockedSumsMatchPlainSumsOnRandomModels) {
       ASSERT_EQ(krx::set_units_by_names(model, "kg", "m", "s", "n"), 1);
       ASSERT_NE(model->length_ratio, 1.0);
     }
-    const Reference r = reference_sums(model);
+    const std::array<V, 5> r = reference_sums(model);
     V *caches[] = {&model->invariant3, &model->invariant4, &model->invariant5, &model->invariant8, &model->invariant9};
-    const V *sums[] = {&r.three, &r.four, &r.five, &r.eight, &r.nine};
     auto expect_sums = [&](bool pairs) {
       for (int i = 0; i < 5; ++i)
-        if (pairs || (i != 2 && i != 4)) expect_close_sums(*caches[i], *sums[i], "34589"[i] - '0');
+        if (pairs || (i != kFive && i != kNine)) expect_close_sums(*caches[i], r[i], "34589"[i] - '0');
         else EXPECT_TRUE(caches[i]->empty());
     };
     host.clear();
