@@ -123,7 +123,7 @@ TEST_F(EigenTest, PrintsEveryCaseOfTheTableInLongAndShortFormat) {
 
 // With six or fewer modes every small eigenvalue is rigid, a negative mid-range one too; equal
 // eigenvalues keep their reversed order; a mode without mass is infinite and not retained.
-TEST_F(EigenTest, DiagonalPencilOfFiveModesWithASingularMass) {
+TEST_F(EigenTest, SmallEigenvaluesAreRigidEqualOnesStayReversedAndAMasslessModeIsDropped) {
   set_diagonal({0.8, 3.0, 7.0, -0.5, 3.0}, {1.0, 1.0, 0.0, 1.0, 1.0});
   model().load_cases.push_back({"lc", 0, {1.0, 2.0, 3.0, 4.0, 5.0}});
   krxtest::RecordingHost host;

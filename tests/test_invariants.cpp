@@ -121,7 +121,7 @@ TEST_F(InvariantTest, RecordMapGeneralizedMassAndPresetValuesAreHonoured) {
   expect_near(krx::invariant6(model), {2.0, 0.0, 0.7, 1.0});
 }
 
-TEST_F(InvariantTest, RequestsCopyTheCacheWhileTheSettersChecksNeitherCacheNorGoStale) {
+TEST_F(InvariantTest, RequestsCopyTheCacheAndChecksForTheSettersNeitherCacheNorGoStale) {
   build_two_mode_model();
   V first = krx::invariant3(model);
   first[0] = 99.0;  // a copy: the cache is untouched
