@@ -14,7 +14,6 @@
 #include <string>
 
 #include "host/krx_fortran.h"
-#include "krx/krx.h"
 #include "model/krxtools.h"
 #include "testsupport.h"
 
@@ -81,7 +80,7 @@ TEST_F(DiskFaults, OutputInMissingDirectoryFailsTheWrite) {
 }
 
 // Runs body in a forked child and returns its exit status. SIGXFSZ is ignored there, so a write
-// past the limit set by limit_files fails with EFBIG.
+// past a file-size limit fails with EFBIG.
 template <class Body>
 int in_child(Body body) {
   pid_t pid = fork();
@@ -92,11 +91,6 @@ int in_child(Body body) {
   int status = 0;
   waitpid(pid, &status, 0);
   return WIFEXITED(status) ? WEXITSTATUS(status) : 100 + WTERMSIG(status);
-}
-
-void limit_files(rlim_t bytes) {
-  rlimit r{bytes, bytes};
-  setrlimit(RLIMIT_FSIZE, &r);
 }
 
 // A model of 300 nodes and 4 modes whose generalized mass is not unit (so the write makes an
@@ -126,36 +120,33 @@ int build_chain() {
   return failed;
 }
 
-struct FullDisk {
-  const char *what, *options;
-  rlim_t limit;
-  bool write;  // else the store lays out its first file past the limit
-  const char *message;
-};
-
-// Runs in the child: 0 when the file that passes the limit fails with its message and status 1.
-// A write flushes the store first, so that only the write's own file can pass the limit.
-int fill_disk(const FullDisk &c, const std::string &out) {
-  krxtest::RecordingHost host{1};
-  if (c.write && (build_chain() != 0 || !krx::flush_vector_store(krx::current_model(), krx::kModeShapes)))
-    return 2;
-  limit_files(c.limit);
-  int status = c.write ? krxtest::write_krx(out) : set_one_mode(2000, 10);  // 960,000 bytes to lay out
-  bool told = said(host, c.message);
-  krxtest::terminate_model();  // removes the store's files, which the parent expects gone
-  return status == 1 && told ? 0 : 1;
-}
-
 TEST_F(DiskFaults, DiskFillingFailsTheFileBeingWrittenAndLeavesNothing) {
-  const FullDisk cases[] = {
+  struct {
+    const char *what, *options;
+    rlim_t limit;
+    bool write;  // else the store lays out its first file past the limit
+    const char *message;
+  } const cases[] = {
       {"store", nullptr, 100000, false, "Insufficient disk space for temporary mode shape file"},
       {"orthogonal", "no_xdr", 30000, true, "Insufficient disk space for file"},
       {"shortened", "no_ortho full_invar no_xdr", 5000, true, "Insufficient disk space for file"}};
   setenv("TMP", dir.path.c_str(), 1);
-  for (const FullDisk &c : cases) {
+  for (const auto &c : cases) {
     SCOPED_TRACE(c.what);
     krxtest::OptionsGuard options(c.options);
-    EXPECT_EQ(0, in_child([&] { return fill_disk(c, dir.file("out.krx")); }));
+    // The child answers 0 when the file that passes the limit fails with its message and status 1.
+    // A write flushes the store first, so that only the write's own file can pass the limit.
+    EXPECT_EQ(0, in_child([&] {
+      krxtest::RecordingHost child{1};
+      if (c.write && (build_chain() != 0 || !krx::flush_vector_store(krx::current_model(), krx::kModeShapes)))
+        return 2;
+      rlimit r{c.limit, c.limit};
+      setrlimit(RLIMIT_FSIZE, &r);
+      int status = c.write ? krxtest::write_krx(dir.file("out.krx")) : set_one_mode(2000, 10);  // 960,000 bytes
+      bool told = said(child, c.message);
+      krxtest::terminate_model();  // removes the store's files, which the parent expects gone
+      return status == 1 && told ? 0 : 1;
+    }));
     EXPECT_TRUE(fs::is_empty(dir.path));
   }
 }
