@@ -70,7 +70,8 @@ def test_damaged_bytes_give_values_or_a_krx_error(tmp_path, code):
     for _ in range(300):
         data = bytearray(clean)
         for _ in range(rng.randint(1, 4)):
-            data[rng.randrange(len(data))] = rng.choice([0, 0xFF, 0x7F, 0x80, rng.randrange(256)])
+            at = rng.randrange(len(data))
+            data[at] = rng.choice([0, 0xFF, 0x7F, 0x80, rng.randrange(256)])
         try:
             f = krx.read(write(tmp_path, data))
         except krx.KrxError:
