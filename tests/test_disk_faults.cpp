@@ -41,6 +41,7 @@ struct DiskFaults : ::testing::Test {
   std::string saved_tmp = std::getenv("TMP") ? std::getenv("TMP") : "";
   void SetUp() override {
     for (const char *name : {"QOR_TMP_MOD", "QOR_TMP_STR", "QOR_TMP_STN"}) unsetenv(name);
+    setenv("TMP", dir.path.c_str(), 1);
   }
   void TearDown() override {
     krxtest::terminate_model();
@@ -71,7 +72,6 @@ TEST_F(DiskFaults, ReadOnlyTemporaryDirectoryFailsTheFirstVector) {
 }
 
 TEST_F(DiskFaults, OutputInMissingDirectoryFailsTheWrite) {
-  setenv("TMP", dir.path.c_str(), 1);
   ASSERT_EQ(0, set_one_mode(4, 1));
   const std::string out = dir.file("missing/out.krx");
   EXPECT_EQ(1, krxtest::write_krx(out));
@@ -130,7 +130,6 @@ TEST_F(DiskFaults, DiskFillingFailsTheFileBeingWrittenAndLeavesNothing) {
       {"store", nullptr, 100000, false, "Insufficient disk space for temporary mode shape file"},
       {"orthogonal", "no_xdr", 30000, true, "Insufficient disk space for file"},
       {"shortened", "no_ortho full_invar no_xdr", 5000, true, "Insufficient disk space for file"}};
-  setenv("TMP", dir.path.c_str(), 1);
   for (const auto &c : cases) {
     SCOPED_TRACE(c.what);
     krxtest::OptionsGuard options(c.options);

@@ -11,12 +11,10 @@ sys.path.insert(0, HERE)
 
 import libhost  # noqa: E402
 
-REPO = os.path.dirname(os.path.dirname(HERE))
-
 
 @pytest.fixture(scope="session")
 def build_dir():
-    path = os.path.join(REPO, os.environ.get("KRX_BUILD_DIR", "build"))
+    path = os.path.join(HERE, "..", "..", os.environ.get("KRX_BUILD_DIR", "build"))
     if not os.path.exists(os.path.join(path, "libkrxlib.so")):
         pytest.skip(f"no library build in {path}: build it first or set KRX_BUILD_DIR")
     return path
@@ -38,8 +36,7 @@ def library_files(build_dir, tmp_path_factory):
 @pytest.fixture(scope="session")
 def example_file(build_dir, tmp_path_factory):
     d = tmp_path_factory.mktemp("example")
-    env = dict(os.environ, TMP=str(d))
-    env.pop("QOR_KRXWRITE_OPTIONS", None)
+    env = {k: v for k, v in os.environ.items() if k != "QOR_KRXWRITE_OPTIONS"} | {"TMP": str(d)}
     subprocess.run([os.path.join(build_dir, "examples", "example_host"), "sample.krx"], cwd=d, env=env,
                    check=True, capture_output=True)
     return str(d / "sample.krx")

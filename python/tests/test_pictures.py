@@ -7,11 +7,9 @@ import numpy as np
 import krx
 from test_read import by_id, read_hand_built
 
-PYTHON_DIR = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
-
-
 def run_krx(*args):
-    env = dict(os.environ, PYTHONPATH=PYTHON_DIR, MPLBACKEND="Agg")
+    env = dict(os.environ, MPLBACKEND="Agg",
+               PYTHONPATH=os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
     return subprocess.run([sys.executable, "-m", "krx", *map(str, args)], env=env,
                           capture_output=True, text=True)
 
