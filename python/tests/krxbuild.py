@@ -11,12 +11,11 @@ class Enc:
         self.code = code
         self.xdr = code in (31, 41, 51) or bool(code & 0x100)
         self.single = code in (50, 51) or bool(code & 0x200)
-        order = ">" if self.xdr else "<"
-        self.i4 = order + "i4"
-        self.f = order + ("f4" if self.single else "f8")
+        self.order = ">" if self.xdr else "<"
+        self.f = self.order + ("f4" if self.single else "f8")
 
     def i(self, *values):
-        return np.array(values, dtype=self.i4).tobytes()
+        return np.array(values, dtype=self.order + "i4").tobytes()
 
     def r(self, values):
         return np.asarray(values, dtype=np.float64).astype(self.f).tobytes()
