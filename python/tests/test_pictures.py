@@ -5,39 +5,32 @@ import sys
 import numpy as np
 
 import krx
-from test_read import by_id, hand_built
-
-PYTHON_DIR = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
-
+from test_read import by_id, read_hand_built
 
 def run_krx(*args):
-    env = dict(os.environ, PYTHONPATH=PYTHON_DIR, MPLBACKEND="Agg")
+    env = dict(os.environ, MPLBACKEND="Agg",
+               PYTHONPATH=os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
     return subprocess.run([sys.executable, "-m", "krx", *map(str, args)], env=env,
                           capture_output=True, text=True)
 
 
 def test_vtu_of_the_example_file_reads_back_with_meshio(example_file, tmp_path):
     import meshio
-    out = tmp_path / "sample.vtu"
-    r = run_krx("vtu", example_file, out, "--modes", "7,8")
+    r = run_krx("vtu", example_file, tmp_path / "sample.vtu", "--modes", "7,8")
     assert r.returncode == 0, r.stderr
-    mesh = meshio.read(out)
-    f = krx.read(example_file)
+    mesh, f = meshio.read(tmp_path / "sample.vtu"), krx.read(example_file)
     assert len(mesh.points) == 300
     assert [c.type for c in mesh.cells] == ["line"] and len(mesh.cells[0].data) == 299
     assert sorted(k for k in mesh.point_data if k.startswith("mode_")) == ["mode_7", "mode_8"]
-    expected = by_id(f.mode_shape_node_ids, f.mode_shapes[6][:, :3], f.node_ids)
-    np.testing.assert_allclose(mesh.point_data["mode_7"], expected)
-    stress = mesh.point_data["stress_7"]
-    listed = f.node_positions(f.stress[0])
+    np.testing.assert_allclose(mesh.point_data["mode_7"],
+                               by_id(f.mode_shape_node_ids, f.mode_shapes[6][:, :3], f.node_ids))
+    stress, listed = mesh.point_data["stress_7"], f.node_positions(f.stress[0])
     assert np.all(stress[np.setdiff1d(np.arange(300), listed)] == 0.0)
     np.testing.assert_allclose(stress[listed], np.abs(f.stress[1][6][:, 0]))
 
 
 def test_mesh_groups_faces_by_vertex_count(tmp_path):
-    path = tmp_path / "hand.krx"
-    path.write_bytes(hand_built(60)[0])
-    mesh = krx.to_meshio(krx.read(path), modes=[2])
+    mesh = krx.to_meshio(read_hand_built(tmp_path, 60)[0], modes=[2])
     assert {c.type: len(c.data) for c in mesh.cells} == {"line": 1, "triangle": 1, "quad": 1}
     assert list(mesh.point_data) == ["mode_2", "node_id"]
 
