@@ -296,35 +296,11 @@ TEST(CompareTool, UsageErrorsAndUnreadableFilesExitWithTwo) {
   EXPECT_EQ(run_tool(none + " " + none), std::make_pair(2, "krxcompare: cannot read KRX file '" + none + "'\n"));
 }
 
-// The way a host makes its file: every value through the exported entries. A unit diagonal
-// generalized mass keeps the modes as given, with the stiffness as eigenvalue.
+// The model written as the current one, the way the entries leave it.
 void write_file(const Recipe &recipe, const std::string &path) {
   krxtest::RecordingHost host;
-  int nodes = int(recipe.ids.size()), modes = kModes, status = 0;
-  KRX_CREATE(&nodes, &modes, &status);
-  for (int n = 0; n < nodes; ++n) {
-    int id = recipe.ids[n];
-    std::array<double, 3> xyz = recipe.xyz[n];
-    double mass = 0.25 + 0.01 * n;
-    KRX_SET_NODE_COORDINATES_VEC(&id, xyz.data(), &status);
-    KRX_SET_NODAL_MASS(&id, &mass, &status);
-  }
-  for (int number = 1; number <= modes; ++number) {
-    double one = 1.0, lambda = recipe.eigenvalues[number - 1];
-    KRX_SET_GENERALIZED_MASS(&number, &number, &one, &status);
-    KRX_SET_GENERALIZED_STIFFNESS(&number, &number, &lambda, &status);
-    for (int n = 0; n < nodes; ++n) {
-      int id = recipe.ids[n];
-      double v[6], s[6];
-      for (int d = 0; d < 6; ++d) v[d] = recipe.shape(number - 1, n, d), s[d] = recipe.stress(number - 1, n, d);
-      KRX_SET_MODE_SHAPE_VEC(&number, &id, v, &status);
-      if (n < recipe.stress_nodes) KRX_SET_MODAL_STRESS_VEC(&number, &id, s, &status);
-    }
-  }
-  EXPECT_EQ(status, 0);
-  if (recipe.finish) recipe.finish(*krx::current_model());
-  KRX_WRITE_KRX(path.c_str(), &status, int(path.size()));
-  EXPECT_EQ(status, 0);
+  krx::current_model() = build(recipe);
+  EXPECT_EQ(krxtest::write_krx(path), 0);
   krxtest::terminate_model();
 }
 
