@@ -106,7 +106,7 @@ TEST_F(ReadFixture, WithoutEigenvaluesTheModesComeFromTheModeShapes) {
     ASSERT_NE(nullptr, model);
     EXPECT_EQ((std::vector<int32_t>{version == 10 ? 1 : 4, version == 10 ? 2 : 9}), model->modes);
     EXPECT_EQ(0, block_present(model, 6));
-    EXPECT_EQ(version == 10 ? 8 + 12 + 2 * 6 * 3 * 8 : block_size(model, 7), block_size(model, 7));
+    if (version == 10) { EXPECT_EQ(8 + 12 + 2 * 6 * 3 * 8, block_size(model, 7)); }
   }
 }
 
