@@ -132,7 +132,6 @@ TEST_F(ReadFixture, RefusesFilesThatAreNoKorexOrDisagreeWithThemselves) {
   EXPECT_TRUE(host.has(3, "Number of mode shapes does not match the number of eigenvalues"));
 }
 
-// Every prefix of a file ends the read with one of the reader's messages, and never a crash.
 TEST_F(ReadFixture, EveryTruncationFailsCleanly) {
   const std::string cut = dir.file("cut.krx");
   for (int32_t version : {316, 50, 20}) {
