@@ -296,7 +296,7 @@ TEST(CompareTool, UsageErrorsAndUnreadableFilesExitWithTwo) {
   EXPECT_EQ(run_tool(none + " " + none), std::make_pair(2, "krxcompare: cannot read KRX file '" + none + "'\n"));
 }
 
-// The model written as the current one, the way the entries leave it.
+// The built model becomes the current one and is written through the exported entry.
 void write_file(const Recipe &recipe, const std::string &path) {
   krxtest::RecordingHost host;
   krx::current_model() = build(recipe);
