@@ -9,7 +9,6 @@
 #include <cmath>
 #include <cstdio>
 #include <functional>
-#include <memory>
 #include <string>
 #include <vector>
 
@@ -93,13 +92,23 @@ void more_blocks(krx::KRXDATA &model) {
   model.face_count = 2;
 }
 
-// One comparison: the change of the new model (and of the base, when it is not the shared one),
-// and the expected exit status (0 equivalent, 1 different, 255 ended) and output.
+// A change that sets blocks directly once the model is built, after those set before.
+std::function<void(Recipe &)> then(void (*more)(krx::KRXDATA &)) {
+  return [more](Recipe &r) {
+    r.finish = [more, earlier = r.finish](krx::KRXDATA &model) {
+      if (earlier) earlier(model);
+      more(model);
+    };
+  };
+}
+
+// One comparison: the change of the new model and of both models, the expected exit status
+// (0 equivalent, 1 different, 255 ended) and output.
 struct Case {
   const char *name = "";
   std::function<void(Recipe &)> change{};
-  int verbosity = 0;  // the tool's options instead, for the tool
-  std::string options{};
+  int verbosity = 0;
+  std::string options{};  // the tool's, instead of the verbosity
   int status = 0;
   std::string exact{};  // the whole output, when there are no pieces
   std::vector<std::string> pieces{};
@@ -110,9 +119,7 @@ struct Case {
 void check(const Case &c, const std::pair<int, std::string> &run) {
   const auto &[status, out] = run;
   EXPECT_EQ(status, c.status) << out;
-  if (c.pieces.empty()) {
-    EXPECT_EQ(out, c.exact);
-  }
+  if (c.pieces.empty()) { EXPECT_EQ(out, c.exact); }
   for (const std::string &piece : c.pieces) EXPECT_NE(out.find(piece), std::string::npos) << piece << " in\n" << out;
   for (const std::string &piece : c.absent) EXPECT_EQ(out.find(piece), std::string::npos) << piece << " in\n" << out;
 }
@@ -124,35 +131,23 @@ Recipe recipe_of(const Case &c, bool base) {
   return r;
 }
 
-// The default base model is built once; a case that changes the base builds its own.
-struct CompareModels : ::testing::Test {
-  static inline krx::KRXDATA *shared_base = nullptr;
-  static void SetUpTestSuite() {
+// Run in a forked child, since a missing node ends the process: its exit status and what it printed.
+std::pair<int, std::string> compare(const Case &c) {
+  krxtest::TempDir dir;
+  const std::string path = dir.file("out.txt");
+  std::fflush(stdout);
+  if (fork() == 0) {
+    if (!std::freopen(path.c_str(), "w", stdout)) _exit(99);
+    setenv("TMP", dir.path.c_str(), 1);  // the child's temporary vector files go with the directory
     krxtest::RecordingHost host;
-    shared_base = build(Recipe());
+    const int result = krx::compare_files(build(recipe_of(c, true)), build(recipe_of(c, false)), c.verbosity, 1e-5);
+    _exit(result < 0 ? 1 : 0);
   }
-  static void TearDownTestSuite() { krx::release_model(shared_base); }
-
-  // Each comparison runs in a forked child, since a missing node ends the process: its exit
-  // status and what it printed.
-  static std::pair<int, std::string> compare(const Case &c) {
-    krxtest::TempDir dir;
-    const std::string path = dir.file("out.txt");
-    std::fflush(stdout);
-    if (fork() == 0) {
-      if (!std::freopen(path.c_str(), "w", stdout)) _exit(99);
-      setenv("TMP", dir.path.c_str(), 1);  // the child's temporary vector files go with the directory
-      krxtest::RecordingHost host;
-      krx::KRXDATA *base = c.base_change ? build(recipe_of(c, true)) : shared_base;
-      const int result = krx::compare_files(base, build(recipe_of(c, false)), c.verbosity, 1e-5);
-      _exit(result < 0 ? 1 : 0);
-    }
-    int status = 0;
-    wait(&status);
-    const std::vector<char> out = krxtest::file_bytes(path);
-    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1000, std::string(out.begin(), out.end())};
-  }
-};
+  int status = 0;
+  wait(&status);
+  const std::vector<char> out = krxtest::file_bytes(path);
+  return {WIFEXITED(status) ? WEXITSTATUS(status) : -1000, std::string(out.begin(), out.end())};
+}
 
 void coordinate(Recipe &r, double ratio) { r.xyz[4][0] += 5.5 * ratio; }  // the largest coordinate is 5.5
 void eigenvalue(Recipe &r, double ratio) { r.eigenvalues[8] *= 1.0 + ratio; }
@@ -167,19 +162,24 @@ void shape(Recipe &r, double delta) {
 auto by(void (*perturb)(Recipe &, double), double amount) {
   return [=](Recipe &r) { perturb(r, amount); };
 }
+void rotated(Recipe &r) { r.shape = rotated_and_flipped(shape_value), r.stress = rotated_and_flipped(stress_value); }
 void zero_rotations(Recipe &r) {
   r.shape = [](int m, int n, int d) { return d >= 3 ? 0.0 : shape_value(m, n, d); };
 }
 void millimetres_and_grams(Recipe &r) {
   for (auto &xyz : r.xyz)
     for (double &c : xyz) c *= 1000.0;
-  r.finish = [](krx::KRXDATA &model) {
+  then([](krx::KRXDATA &model) {
     for (krx::NodeRecord &node : model.nodes) node.mass *= 1000.0;
-  };
+  })(r);
 }
 void extra_node(Recipe &r) { r.ids.push_back(999), r.xyz.push_back({0.0, 0.0, 0.0}); }
+void invariant2(krx::KRXDATA &model) {
+  model.flags[krx::kFlagInvariant1 + 1] = 1;
+  model.invariant2 = {1.0, 2.0, 3.0};
+}
 
-TEST_F(CompareModels, EachCaseGivesItsVerdict) {
+TEST(CompareModels, EachCaseGivesItsVerdict) {
   const std::vector<Case> cases = {
       {.name = "itself, everything", .verbosity = 2,
        .pieces = {"->Building node map for stress modes. \n", "  Pass EigenVector rotational: #9\n",
@@ -191,8 +191,7 @@ TEST_F(CompareModels, EachCaseGivesItsVerdict) {
                 " Files are equivalent\n\n"},
       {.name = "itself, failures"},
       {.name = "itself, nothing", .verbosity = -1},
-      {.name = "rotated eigenspace, flipped signs", .change = [](Recipe &r) {
-         r.shape = rotated_and_flipped(shape_value), r.stress = rotated_and_flipped(stress_value); }},
+      {.name = "rotated eigenspace, flipped signs", .change = rotated},
       // The same rotation between modes of different eigenvalues is a real difference.
       {.name = "rotated across eigenvalues", .change = [](Recipe &r) { r.shape = rotated_and_flipped(shape_value); },
        .status = 1, .pieces = {"->Fail EigenVector translational: #7\n", "->Fail ModeShape, 2 times\n"},
@@ -217,51 +216,35 @@ TEST_F(CompareModels, EachCaseGivesItsVerdict) {
       // Millimetres and grams equal metres and kilograms once both models are converted.
       {.name = "other units", .change = [](Recipe &r) {
          millimetres_and_grams(r);
-         r.finish = [finish = r.finish](krx::KRXDATA &model) {
-           finish(model);
+         then([](krx::KRXDATA &model) {
            model.flags[krx::kFlagUnits] = 1;
            ASSERT_EQ(krx::set_units_by_names(&model, "GRAM", "MILLIMETER", "SECOND", "MICRONEWTON"), 1);
-         }; },
+         })(r); },
        .status = 1, .pieces = {"->Fail GeneralizedMass\n"},  // set in the new units
        .absent = {"NodeCoordinates", "NodalMass"}},
       {.name = "no unit names", .change = millimetres_and_grams, .status = 1,
        .pieces = {"->Fail NodeCoordinates\n", "->Fail NodalMass\n"}},
       // A load of another sign warns; the same faces in another order pass by the second rule.
-      {.name = "load sign and face order", .change = [](Recipe &r) {
-         r.finish = [](krx::KRXDATA &model) {
-           more_blocks(model);
-           model.load_cases[1].values[7] *= -1.0;
-           model.faces = {4, 4, 5, 6, 3, 3, 2, 0, 1};
-         }; },
+      {.name = "load sign and face order", .change = then([](krx::KRXDATA &model) {
+         model.load_cases[1].values[7] *= -1.0;
+         model.faces = {4, 4, 5, 6, 3, 3, 2, 0, 1}; }),
        .verbosity = 2,
        .pieces = {"->Warning: Rigid body components (assumed first 6) won't be checked\n",
                   "->Warning: Modal load component 8 differs in sign for case #2\n", "  Pass FaceList B\n"},
-       .absent = {"->Fail", "  Pass FaceList A\n"}, .base_change = [](Recipe &r) { r.finish = more_blocks; }},
-      {.name = "loads, stiffness list and faces", .change = [](Recipe &r) {
-         r.finish = [](krx::KRXDATA &model) {
-           more_blocks(model);
-           model.load_cases[0].values[8] *= 1.01;
-           std::swap(model.stiffness[2].row, model.stiffness[3].row);
-           model.faces[3] = 7;
-         }; },
+       .absent = {"->Fail", "  Pass FaceList A\n"}, .base_change = then(more_blocks)},
+      {.name = "loads, stiffness list and faces", .change = then([](krx::KRXDATA &model) {
+         model.load_cases[0].values[8] *= 1.01;
+         std::swap(model.stiffness[2].row, model.stiffness[3].row);
+         model.faces[3] = 7; }),
        .status = 1,
        .pieces = {"->Fail SparceStiffnessRowList\nindex: 2  new: 4  base: 3\nindex: 3  new: 3  base: 4\n",
                   "->Fail SparceStiffness\n", "->Fail Modal Load: Case #1\n", "->Fail Modal Loads\n",
                   "->Fail FaceList\n"},
        .absent = {"SparceStiffnessList"},  // the values in list order agree
-       .base_change = [](Recipe &r) { r.finish = more_blocks; }},
+       .base_change = then(more_blocks)},
       // An invariant that both models hold and that differs fails with its own verdict.
-      {.name = "invariant", .change = [](Recipe &r) {
-         r.finish = [](krx::KRXDATA &model) {
-           model.flags[krx::kFlagInvariant1 + 1] = 1;
-           model.invariant2 = {1.0, 2.0, 3.1};
-         }; },
-       .status = 1, .pieces = {"->Fail Invar2\n  Delta: "},
-       .base_change = [](Recipe &r) {
-         r.finish = [](krx::KRXDATA &model) {
-           model.flags[krx::kFlagInvariant1 + 1] = 1;
-           model.invariant2 = {1.0, 2.0, 3.0};
-         }; }},
+      {.name = "invariant", .change = then([](krx::KRXDATA &model) { model.invariant2[2] = 3.1; }),
+       .status = 1, .pieces = {"->Fail Invar2\n  Delta: "}, .base_change = then(invariant2)},
       // A missing node or mandatory block ends the process with -1, printing nothing at -1.
       {.name = "extra node", .change = extra_node, .status = 255,
        .exact = "->Fail Node 999 does not exist in base file (Exit)\n\n"},
@@ -273,8 +256,7 @@ TEST_F(CompareModels, EachCaseGivesItsVerdict) {
        .exact = "->Fail Node 106 does not exist for stress modes in base file.\n"
                 "->Try transposing input KRXs. (Exit)\n\n",
        .base_change = [](Recipe &r) { r.stress_nodes = 5; }},
-      {.name = "no eigenvalues", .change = [](Recipe &r) {
-         r.finish = [](krx::KRXDATA &model) { model.flags[krx::kFlagEigenvalues] = 0; }; },
+      {.name = "no eigenvalues", .change = then([](krx::KRXDATA &model) { model.flags[krx::kFlagEigenvalues] = 0; }),
        .verbosity = 1, .status = 255,
        .exact = "->Note block 7 eigenvalues: exists new: 0  exists base: 1\n->Fail no eigenvalues (Exit)\n"},
   };
@@ -314,59 +296,22 @@ TEST(CompareTool, UsageErrorsAndUnreadableFilesExitWithTwo) {
   EXPECT_EQ(run_tool(none + " " + none), std::make_pair(2, "krxcompare: cannot read KRX file '" + none + "'\n"));
 }
 
-// The base file is written once; each case writes its new file and runs the tool on the pair.
-struct CompareFiles : ::testing::Test {
-  static inline std::unique_ptr<krxtest::TempDir> dir;
-  static void SetUpTestSuite() {
-    dir = std::make_unique<krxtest::TempDir>();
-    write(Recipe(), "base.krx");
-  }
-  static void TearDownTestSuite() { dir.reset(); }
-  // The way a host makes its file: every value through the exported entries. A unit diagonal
-  // generalized mass keeps the modes as given, with the stiffness as eigenvalue.
-  static std::string write(const Recipe &recipe, const std::string &name) {
-    krxtest::RecordingHost host;
-    int nodes = int(recipe.ids.size()), modes = kModes, status = 0;
-    KRX_CREATE(&nodes, &modes, &status);
-    for (int n = 0; n < nodes; ++n) {
-      int id = recipe.ids[std::size_t(n)];
-      double xyz[3] = {recipe.xyz[std::size_t(n)][0], recipe.xyz[std::size_t(n)][1],
-                       recipe.xyz[std::size_t(n)][2]};
-      double mass = 0.25 + 0.01 * n;
-      KRX_SET_NODE_COORDINATES_VEC(&id, xyz, &status);
-      KRX_SET_NODAL_MASS(&id, &mass, &status);
-    }
-    for (int m = 0; m < modes; ++m) {
-      int number = m + 1;
-      double one = 1.0, lambda = recipe.eigenvalues[std::size_t(m)];
-      KRX_SET_GENERALIZED_MASS(&number, &number, &one, &status);
-      KRX_SET_GENERALIZED_STIFFNESS(&number, &number, &lambda, &status);
-      for (int n = 0; n < nodes; ++n) {
-        int id = recipe.ids[std::size_t(n)];
-        double v[6];
-        for (int d = 0; d < 6; ++d) v[d] = recipe.shape(m, n, d);
-        KRX_SET_MODE_SHAPE_VEC(&number, &id, v, &status);
-        if (n >= recipe.stress_nodes) continue;
-        for (int d = 0; d < 6; ++d) v[d] = recipe.stress(m, n, d);
-        KRX_SET_MODAL_STRESS_VEC(&number, &id, v, &status);
-      }
-    }
-    EXPECT_EQ(status, 0);
-    if (recipe.finish) recipe.finish(*krx::current_model());
-    const std::string path = dir->file(name);
-    KRX_WRITE_KRX(path.c_str(), &status, int(path.size()));
-    EXPECT_EQ(status, 0);
-    krxtest::terminate_model();
-    return path;
-  }
-};
+// The built model becomes the current one and is written through the exported entry.
+void write_file(const Recipe &recipe, const std::string &path) {
+  krxtest::RecordingHost host;
+  krx::current_model() = build(recipe);
+  EXPECT_EQ(krxtest::write_krx(path), 0);
+  krxtest::terminate_model();
+}
 
-TEST_F(CompareFiles, TheToolExitsWithTheVerdict) {
+// Each case writes its new file and runs the tool on the pair.
+TEST(CompareFiles, TheToolExitsWithTheVerdict) {
+  krxtest::TempDir dir;
+  const std::string base = dir.file("base.krx"), fresh = dir.file("new.krx");
+  write_file(Recipe(), base);
   const std::vector<Case> cases = {
       {.name = "itself, nothing", .options = "-q"},
-      {.name = "rotated eigenspace, flipped signs", .change = [](Recipe &r) {
-         r.shape = rotated_and_flipped(shape_value), r.stress = rotated_and_flipped(stress_value); },
-       .options = "-v 0"},
+      {.name = "rotated eigenspace, flipped signs", .change = rotated, .options = "-v 0"},
       {.name = "coordinate", .change = by(coordinate, 1e-4), .options = "-v 0 -t 1e-5", .status = 1,
        .pieces = {"->Fail NodeCoordinates\n  Delta: 1.000000e-04\n"}},
       {.name = "coordinate below", .change = by(coordinate, 1e-4), .options = "-v 0 --tolerance=1e-3"},
@@ -380,9 +325,8 @@ TEST_F(CompareFiles, TheToolExitsWithTheVerdict) {
   };
   for (const Case &c : cases) {
     SCOPED_TRACE(c.name);
-    const std::string base = dir->file("base.krx");
-    const std::string fresh = c.change ? write(recipe_of(c, false), "new.krx") : base;
-    check(c, run_tool(c.options + " " + base + " " + fresh));
+    if (c.change) write_file(recipe_of(c, false), fresh);
+    check(c, run_tool(c.options + " " + base + " " + (c.change ? fresh : base)));
   }
 }
 

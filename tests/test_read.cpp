@@ -23,7 +23,10 @@ struct ReadFixture : ::testing::Test {
   krxtest::TempDir dir;
   std::string path = dir.file("sample.krx");
   void TearDown() override { release_all_models(); }
+  // Reads the sample afresh, with no model and no message left from before.
   KRXDATA *write_and_read(const krxtest::Sample &s) {
+    release_all_models();
+    host.clear();
     EXPECT_TRUE(krxtest::write_sample(path, s));
     return find_or_read_model(path.c_str());
   }
@@ -37,11 +40,11 @@ void put_bytes(const std::string &path, const std::vector<char> &bytes, std::siz
 TEST_F(ReadFixture, ReadsEveryEncodingAndPrecisionValueForValue) {
   for (int32_t version : kVersions) {
     SCOPED_TRACE(version);
-    krxtest::Sample s;
-    s.version = version;
-    KRXDATA *model = write_and_read(s);
+    KRXDATA *model = write_and_read({.version = version});
     ASSERT_NE(nullptr, model);
     EXPECT_TRUE(host.texts(3).empty());
+    EXPECT_EQ(model, find_or_read_model(path.c_str())) << "found again by its path";
+    EXPECT_EQ(1u, model_list().size());
     EXPECT_EQ(version, model->version);
     EXPECT_EQ(version_is_xdr(version) ? 4 : 1, model->char_width);
     EXPECT_EQ(version_is_single(version) ? 4 : 8, model->real_width);
@@ -81,83 +84,59 @@ TEST_F(ReadFixture, ReadsEveryEncodingAndPrecisionValueForValue) {
     EXPECT_EQ(6 * model->real_width, stress.slot_bytes);
     bool later = version_generation(version) >= 40;
     EXPECT_EQ(later ? 12u : 0u, model->pre_strain.size());
-    if (later) {
-      EXPECT_EQ((std::vector<double>{0.75, 0.75}), model->preload);
-      EXPECT_EQ(7, model->preload_extra);
-      ASSERT_EQ(1u, model->load_cases.size());
-      EXPECT_TRUE(model->load_cases[0].label == "gravity" && model->statistics.size() == 2u);
-      std::vector<double> inv;
-      int32_t nm = 0;
-      ASSERT_TRUE(read_invariant_values(model, 26, inv, &nm));
-      ASSERT_TRUE(nm == 2 && inv.size() == 36u);
-      EXPECT_EQ(26 + 0.5 * 35, inv[35]);
-    }
-    release_all_models();
-    host.clear();
-  }
-}
-
-TEST_F(ReadFixture, InvariantsComeFromTheFile) {
-  for (int32_t version : {316, 828, 50}) {
-    krxtest::Sample s;
-    s.version = version;
-    KRXDATA *model = write_and_read(s);
-    ASSERT_NE(nullptr, model);
+    if (!later) continue;
+    EXPECT_EQ((std::vector<double>{0.75, 0.75}), model->preload);
+    EXPECT_EQ(7, model->preload_extra);
+    ASSERT_EQ(1u, model->load_cases.size());
+    EXPECT_TRUE(model->load_cases[0].label == "gravity" && model->statistics.size() == 2u);
+    std::vector<double> inv;
+    int32_t nm = 0;
+    ASSERT_TRUE(read_invariant_values(model, 26, inv, &nm));
+    ASSERT_TRUE(nm == 2 && inv.size() == 36u);
+    EXPECT_EQ(26 + 0.5 * 35, inv[35]);
     EXPECT_EQ((std::vector<double>{20.0, 20.5, 21.0}), invariant2(model));
     EXPECT_EQ(21.0 + 0.5 * 5, invariant3(model)[5]);
-    release_all_models();
   }
-}
-
-TEST_F(ReadFixture, FindsAModelAlreadyReadByItsPath) {
-  KRXDATA *model = write_and_read(krxtest::Sample{});
-  ASSERT_NE(nullptr, model);
-  EXPECT_EQ(model, find_or_read_model(path.c_str()));
-  EXPECT_EQ(1u, model_list().size());
-  EXPECT_EQ(nullptr, find_or_read_model(dir.file("none.krx").c_str()));
 }
 
 // Without eigenvalues the modes come from the mode shapes; generation 10 numbers them in file order.
 TEST_F(ReadFixture, WithoutEigenvaluesTheModesComeFromTheModeShapes) {
   for (int32_t version : {316, 10}) {
-    krxtest::Sample s;
-    s.version = version;
-    s.eigenvalues = false;
-    s.mode_numbers = {4, 9};
-    KRXDATA *model = write_and_read(s);
+    KRXDATA *model = write_and_read({.version = version, .eigenvalues = false, .mode_numbers = {4, 9}});
     ASSERT_NE(nullptr, model);
     EXPECT_EQ((std::vector<int32_t>{version == 10 ? 1 : 4, version == 10 ? 2 : 9}), model->modes);
     EXPECT_EQ(0, block_present(model, 6));
-    EXPECT_EQ(version == 10 ? 8 + 12 + 2 * 6 * 3 * 8 : block_size(model, 7), block_size(model, 7));
-    release_all_models();
+    if (version == 10) { EXPECT_EQ(8 + 12 + 2 * 6 * 3 * 8, block_size(model, 7)); }
   }
 }
 
 TEST_F(ReadFixture, AveragesSeveralMassesPerNode) {
-  krxtest::Sample s;
-  s.mass_dims = 3;
-  KRXDATA *model = write_and_read(s);
+  KRXDATA *model = write_and_read({.mass_dims = 3});
   ASSERT_NE(nullptr, model);
   EXPECT_EQ(2.0, model->nodes[0].mass);  // mean of 1, 2, 3
   EXPECT_TRUE(host.has(2, "Each node must possess a single scalar mass"));
   EXPECT_TRUE(host.has(2, "Generating scalar by averaging 3 values"));
 }
 
-TEST_F(ReadFixture, RefusesFilesThatAreNoKorex) {
+// Unknown node ids end the read with the block's message; counts must agree with the eigenvalues.
+TEST_F(ReadFixture, RefusesFilesThatAreNoKorexOrDisagreeWithThemselves) {
+  EXPECT_EQ(nullptr, find_or_read_model(dir.file("none.krx").c_str()));
   put_bytes(path, {0, 0, 0, 0, 0, 0, 0, 0}, 8);
+  host.clear();
   EXPECT_EQ(nullptr, find_or_read_model(path.c_str()));
   EXPECT_EQ((std::vector<std::string>{"Not a valid KRX format."}), host.texts(3));
   EXPECT_TRUE(model_list().empty());
+  EXPECT_EQ(nullptr, write_and_read({.stress_ids = {30, 99}}));
+  EXPECT_TRUE(host.has(3, "Problem when reading Modal Stress info"));
+  EXPECT_EQ(nullptr, write_and_read({.eigen_records = 1}));
+  EXPECT_TRUE(host.has(3, "Number of mode shapes does not match the number of eigenvalues"));
 }
 
-// Every prefix of a file ends the read with one of the reader's messages, and never a crash.
 TEST_F(ReadFixture, EveryTruncationFailsCleanly) {
+  const std::string cut = dir.file("cut.krx");
   for (int32_t version : {316, 50, 20}) {
-    krxtest::Sample s;
-    s.version = version;
-    ASSERT_TRUE(krxtest::write_sample(path, s));
-    auto bytes = krxtest::file_bytes(path);
-    std::string cut = dir.file("cut.krx");
+    ASSERT_TRUE(krxtest::write_sample(path, {.version = version}));
+    const auto bytes = krxtest::file_bytes(path);
     for (std::size_t n = 0; n < bytes.size(); n += (n < 2180 ? 11 : 1)) {
       put_bytes(cut, bytes, n);
       host.clear();
@@ -167,14 +146,6 @@ TEST_F(ReadFixture, EveryTruncationFailsCleanly) {
   }
 }
 
-// Byte offset of a block's start in the sample, as located by the reader.
-int64_t start_of(const std::string &path, int block) {
-  KRXDATA *model = find_or_read_model(path.c_str());
-  int64_t at = model ? model->block_start[block] : -1;
-  release_all_models();
-  return at;
-}
-
 void patch_int(const std::string &path, int64_t at, int32_t value, bool xdr) {
   std::fstream f(path, std::ios::binary | std::ios::in | std::ios::out);
   f.seekp(at);
@@ -182,92 +153,67 @@ void patch_int(const std::string &path, int64_t at, int32_t value, bool xdr) {
   f.write(reinterpret_cast<const char *>(&v), 4);
 }
 
-TEST_F(ReadFixture, AbsurdCountsAreRefusedBeforeAllocating) {
-  struct Case { int block; int64_t offset; const char *message; };
+// Counts are refused before anything is allocated. Block 14 holds 0-based positions in block 4:
+// one at or past block 4's node count ends the read too.
+TEST_F(ReadFixture, AbsurdCountsAndPositionsAreRefused) {
+  struct Case { int block; int64_t offset; const char *message; std::vector<int32_t> values{INT32_MAX, -5, 100000}; };
   const Case cases[] = {
       {4, 0, "Problem in nodal coords block"},
       {7, 0, "Problem in eigenvalues block"},
       {8, 4, "Problem in mode shapes block"},
       {10, 0, "Problem in nodal inertia block"},
       {14, 12, "Problem reading Element Faces"},
+      {14, 20, "Problem reading Element Faces", {3, -1}},
       {16, 0, "Problem in mode shape transformation block"},
       {28, 4, "Problem when reading Modal Loads Block"},
       {31, 0, "Problem when reading Pre-Stress Block"},
   };
   for (int32_t version : {316, 60}) {
+    const KRXDATA *model = write_and_read({.version = version});
+    ASSERT_NE(nullptr, model);
+    const auto starts = model->block_start;
     for (const Case &c : cases) {
-      SCOPED_TRACE(c.block);
-      krxtest::Sample s;
-      s.version = version;
-      ASSERT_TRUE(krxtest::write_sample(path, s));
-      int64_t at = start_of(path, c.block);
-      for (int32_t absurd : {INT32_MAX, -5, 100000}) {
-        ASSERT_TRUE(krxtest::write_sample(path, s));
-        patch_int(path, at + c.offset, absurd, version_is_xdr(version));
+      for (int32_t absurd : c.values) {
+        SCOPED_TRACE(testing::Message() << version << " block " << c.block << " value " << absurd);
+        release_all_models();
+        ASSERT_TRUE(krxtest::write_sample(path, {.version = version}));
+        patch_int(path, starts[c.block] + c.offset, absurd, version_is_xdr(version));
         host.clear();
         EXPECT_EQ(nullptr, find_or_read_model(path.c_str()));
-        EXPECT_TRUE(host.has(3, c.message)) << absurd;
+        EXPECT_TRUE(host.has(3, c.message));
       }
     }
   }
 }
 
-// Block 14 holds 0-based positions in block 4: they are kept, listed as the identifiers they
-// name, and a position at or past block 4's node count ends the read.
-TEST_F(ReadFixture, ElementFacesNamePositionsInBlockFour) {
+std::string listing(KRXDATA *model, int block) {
+  char *text = nullptr;
+  std::size_t size = 0;
+  FILE *out = open_memstream(&text, &size);
+  list_block(model, block, out);
+  std::fclose(out);
+  std::string listed(text, size);
+  std::free(text);
+  return listed;
+}
+
+// Faces are listed as the identifiers their positions name; the damping note follows the
+// model's projected flag.
+TEST_F(ReadFixture, ListingsNameFaceNodesAndSayWhetherDampingIsProjected) {
   for (int32_t version : {316, 60}) {
     SCOPED_TRACE(version);
-    krxtest::Sample s;
-    s.version = version;
-    KRXDATA *model = write_and_read(s);
+    KRXDATA *model = write_and_read({.version = version});
     ASSERT_NE(nullptr, model);
-    char *text = nullptr;
-    std::size_t size = 0;
-    FILE *out = open_memstream(&text, &size);
-    list_block(model, 14, out);
-    std::fclose(out);
-    EXPECT_NE(std::string::npos, std::string(text, size).find("      1           30     10     20\n"));
-    std::free(text);
-    int64_t at = model->block_start[14];
-    release_all_models();
-    for (int32_t position : {3, -1}) {
-      patch_int(path, at + 20, position, version_is_xdr(version));
-      host.clear();
-      EXPECT_EQ(nullptr, find_or_read_model(path.c_str())) << position;
-      EXPECT_TRUE(host.has(3, "Problem reading Element Faces")) << position;
+    EXPECT_NE(std::string::npos, listing(model, 14).find("      1           30     10     20\n"));
+    for (int32_t projected : {0, 1}) {
+      model->damping_projected = projected;
+      const std::string listed = listing(model, 15);
+      EXPECT_EQ(projected == 1, listed.find("Note:\tThe generalized damping matrix has been projected onto "
+                                            "principal\n") != std::string::npos);
+      EXPECT_EQ(projected == 0, listed.find("has not been projected onto\n") != std::string::npos);
+      EXPECT_NE(std::string::npos, listed.find("    1       2       5.0000000000e-01\n")) << listed;
     }
   }
-}
-
-// The damping listing's note follows the model's projected flag.
-TEST_F(ReadFixture, DampingListingSaysWhetherItIsProjected) {
-  KRXDATA *model = write_and_read(krxtest::Sample{});
-  ASSERT_NE(nullptr, model);
-  for (int32_t projected : {0, 1}) {
-    model->damping_projected = projected;
-    char *text = nullptr;
-    std::size_t size = 0;
-    FILE *out = open_memstream(&text, &size);
-    list_block(model, 15, out);
-    std::fclose(out);
-    std::string listed(text, size);
-    std::free(text);
-    EXPECT_EQ(projected == 1, listed.find("Note:\tThe generalized damping matrix has been projected onto "
-                                          "principal\n") != std::string::npos);
-    EXPECT_EQ(projected == 0, listed.find("has not been projected onto\n") != std::string::npos);
-    EXPECT_NE(std::string::npos, listed.find("    1       2       5.0000000000e-01\n")) << listed;
-  }
-}
-
-// Unknown node ids end the read with the block's message; counts must agree with the eigenvalues.
-TEST_F(ReadFixture, InconsistentBlocksEndTheRead) {
-  krxtest::Sample unknown, short_eigen;
-  unknown.stress_ids = {30, 99};
-  short_eigen.eigen_records = 1;
-  EXPECT_EQ(nullptr, write_and_read(unknown));
-  EXPECT_TRUE(host.has(3, "Problem when reading Modal Stress info"));
-  EXPECT_EQ(nullptr, write_and_read(short_eigen));
-  EXPECT_TRUE(host.has(3, "Number of mode shapes does not match the number of eigenvalues"));
 }
 
 TEST_F(ReadFixture, OpenEntryMakesTheModelCurrent) {

@@ -18,11 +18,6 @@ using krx::KRXDATA;
 
 // Five nodes with masses and no inertias, six rigid-body modes of mixed translation and rotation
 // and one elastic mode; eigenvalue records with six zero frequencies, then 20 Hz.
-struct LoadPreparation : ::testing::Test {
-  void TearDown() override { krxtest::terminate_model(); }
-  krxtest::RecordingHost host;
-};
-
 KRXDATA *rigid_model() {
   krxtest::create_model(5, 7);
   KRXDATA *model = krx::current_model();
@@ -44,15 +39,19 @@ KRXDATA *rigid_model() {
       EXPECT_EQ(krx::store_node_vector(model, r + 1, 10 + n, krx::kModeShapes, v), 1);
     }
     krx::set_generalized_mass(model, r + 1, r + 1, 1.0 + 0.25 * r);
+    model->eigen.push_back({r + 1, 0.0, r < 6 ? 0.0 : 20.0, 0.0, 1.0 + 0.25 * r, 0.0});
   }
-  model->eigen.resize(7);
-  for (int r = 0; r < 7; ++r) model->eigen[r] = {r + 1, 0.0, r < 6 ? 0.0 : 20.0, 0.0, 1.0 + 0.25 * r, 0.0};
   krx::compute_full_invariants(model);
   return model;
 }
 
-TEST_F(LoadPreparation, BothMethodsGiveTheSameResultantsWithoutNodalInertias) {
+struct LoadPreparation : ::testing::Test {
+  void TearDown() override { krxtest::terminate_model(); }
+  krxtest::RecordingHost host;
   KRXDATA *model = rigid_model();
+};
+
+TEST_F(LoadPreparation, BothMethodsGiveTheSameResultantsWithoutNodalInertias) {
   ASSERT_EQ(krx::rigid_body_mode_count(model), 6);
   std::vector<double> values = {0.7, -1.3, 2.1, 0.4, -0.9, 1.6, 5.0};
   std::array<double, 6> nodal{}, rigid{};
@@ -66,7 +65,6 @@ TEST_F(LoadPreparation, BothMethodsGiveTheSameResultantsWithoutNodalInertias) {
 }
 
 TEST_F(LoadPreparation, ProcessesThePreloadOnceAndMarksEachLoadCase) {
-  KRXDATA *model = rigid_model();
   for (int r = 0; r < 7; ++r) krx::set_modal_preload(model, r + 1, 0.5 * (r + 1));
   krx::set_modal_load(model, 0, 1, 1.0);
   krx::set_modal_load(model, 0, 7, 3.0);
@@ -81,9 +79,7 @@ TEST_F(LoadPreparation, ProcessesThePreloadOnceAndMarksEachLoadCase) {
 }
 
 TEST_F(LoadPreparation, WarnsWhenFewerThanSixRigidBodyModesCarryModalLoads) {
-  KRXDATA *model = rigid_model();
   model->eigen[5].hertz = 15.0;
-  model->eigen[6].hertz = 20.0;
   krx::set_modal_load(model, 0, 1, 1.0);
   ASSERT_EQ(krx::rigid_body_mode_count(model), 5);
   krx::prepare_loads(model);
