@@ -136,7 +136,7 @@ struct RoundTrip {
 
 struct Encoding {
   const char *options;
-  int32_t version;
+  int32_t version;  // the code the reader finds
 };
 
 class WriteEncodings : public testing::TestWithParam<Encoding> {};
@@ -215,10 +215,8 @@ TEST_P(WriteEncodings, ReadsBackWhatWasWritten) {
     ASSERT_EQ(krx::read_mode_values(read, krx::kModeShapes, 4, shape), 1);
     double largest = 0.0;
     int32_t where = 0;
-    for (std::size_t s = 0; s < read->nodes.size(); ++s) {
-      double t = std::hypot(shape[6 * s], shape[6 * s + 1], shape[6 * s + 2]);
-      if (t > largest) largest = t, where = read->nodes[s].id;
-    }
+    for (std::size_t s = 0; s < read->nodes.size(); ++s)
+      if (double t = std::hypot(shape[6 * s], shape[6 * s + 1], shape[6 * s + 2]); t > largest) largest = t, where = read->nodes[s].id;
     EXPECT_TRUE(near(read->statistics[4].reals[0], largest));
     EXPECT_EQ(read->statistics[4].ints[0], where);
   }
@@ -233,11 +231,9 @@ TEST_P(WriteEncodings, ReadsBackWhatWasWritten) {
 
 INSTANTIATE_TEST_SUITE_P(
     Generations, WriteEncodings,
-    testing::Values(Encoding{"", 316}, Encoding{"no_xdr", 60}, Encoding{"single", 828},
-                    Encoding{"single no_xdr", 572}, Encoding{"full_str", 41},
-                    Encoding{"full_str no_xdr", 40}, Encoding{"full_str single", 51},
-                    Encoding{"no_xdr single full_str", 50}, Encoding{"82_comp", 20},
-                    Encoding{"81_comp", 10}),
+    testing::Values(Encoding{"", 316}, Encoding{"no_xdr", 60}, Encoding{"single", 828}, Encoding{"single no_xdr", 572},
+                    Encoding{"full_str", 41}, Encoding{"full_str no_xdr", 40}, Encoding{"full_str single", 51},
+                    Encoding{"no_xdr single full_str", 50}, Encoding{"82_comp", 20}, Encoding{"81_comp", 10}),
     [](const testing::TestParamInfo<Encoding> &info) { return "code" + std::to_string(info.param.version); });
 
 TEST(WriteBand, ExportsTheModesInsideTheBandNumberedFromOne) {
