@@ -52,32 +52,29 @@ struct CoarsenTest : ::testing::Test {
   // After any coarsening: a well-formed list of the model's nodes, at least two vertices a face,
   // and every node that had to stay still on the outline.
   std::set<int32_t> expect_valid_outline(const std::vector<int32_t> &kept_ids = {}) const {
+    const std::vector<int32_t> &list = model->faces;
     std::set<int32_t> used;
     int32_t count = 0;
-    for (size_t at = 0; at < model->faces.size(); at += size_t(model->faces[at]) + 1, ++count) {
-      const int32_t n = model->faces[at];
-      if (n < 2 || at + size_t(n) + 1 > model->faces.size()) {
-        ADD_FAILURE() << "face " << count << " has " << n << " vertices";
-        break;
+    for (size_t at = 0; at < list.size(); at += size_t(list[at]) + 1, ++count) {
+      if (list[at] < 2 || at + size_t(list[at]) >= list.size()) {
+        ADD_FAILURE() << "face " << count << " has " << list[at] << " vertices";
+        return used;
       }
-      for (int32_t j = 1; j <= n; ++j) {
-        const int32_t position = model->faces[at + size_t(j)];
-        if (position < 0 || position >= krx::node_count(model)) ADD_FAILURE() << "position " << position;
-        else used.insert(model->nodes[size_t(position)].id);
-      }
+      for (size_t j = at + 1; j <= at + size_t(list[at]); ++j)
+        if (list[j] < 0 || list[j] >= krx::node_count(model)) ADD_FAILURE() << "position " << list[j];
+        else used.insert(model->nodes[size_t(list[j])].id);
     }
     EXPECT_EQ(count, model->face_count);
     for (int32_t id : kept_ids) EXPECT_TRUE(used.count(id)) << "node " << id << " left the outline";
     return used;
   }
-  // Sum of the faces' areas in the xy plane (shoelace); merging flat fans keeps it.
+  // Sum of the plate's face areas (shoelace); merging flat fans keeps it.
   double plate_area() const {
     double area = 0.0;
-    auto at = [&](int32_t id) -> const krx::NodeRecord & { return model->nodes[size_t(krx::node_position(model, id))]; };
     for (const auto &ids : faces()) {
       double twice = 0.0;
       for (size_t j = 0; j < ids.size(); ++j) {
-        const krx::NodeRecord &a = at(ids[j]), &b = at(ids[(j + 1) % ids.size()]);
+        const krx::NodeRecord &a = model->nodes[size_t(ids[j] - 1)], &b = model->nodes[size_t(ids[(j + 1) % ids.size()] - 1)];
         twice += a.x * b.y - b.x * a.y;
       }
       area += std::fabs(twice) / 2.0;
