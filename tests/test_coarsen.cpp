@@ -71,11 +71,9 @@ struct CoarsenTest : ::testing::Test {
   double plate_area() const {
     double area = 0.0;
     for (const auto &ids : faces()) {
+      auto at = [&](size_t j) -> const krx::NodeRecord & { return model->nodes[size_t(ids[j % ids.size()] - 1)]; };
       double twice = 0.0;
-      for (size_t j = 0; j < ids.size(); ++j) {
-        const krx::NodeRecord &a = model->nodes[size_t(ids[j] - 1)], &b = model->nodes[size_t(ids[(j + 1) % ids.size()] - 1)];
-        twice += a.x * b.y - b.x * a.y;
-      }
+      for (size_t j = 0; j < ids.size(); ++j) twice += at(j).x * at(j + 1).y - at(j + 1).x * at(j).y;
       area += std::fabs(twice) / 2.0;
     }
     return area;
@@ -108,7 +106,8 @@ TEST_F(CoarsenTest, FourByFourPlateMergesIntoFourPolygons) {
                             {22, 21, 16, 17, 18, 19, 24, 23},
                             {19, 20, 25, 24}}));
   EXPECT_EQ(host.messages, (std::vector<Message>{{0, "Coarsening to resolution 50% with face-angle 10.00 deg"},
-                                                 {0, "Preserving nodes: "}, {0, " NONE"}, {0, "\nFace reduction from 16 to 4"}}));
+                                                 {0, "Preserving nodes: "}, {0, " NONE"},
+                                                 {0, "\nFace reduction from 16 to 4"}}));
   EXPECT_EQ(krx::node_count(model), 25);  // nodes themselves are never touched
 }
 

@@ -149,7 +149,8 @@ TEST_F(FaceTest, BrokenOrUnusableSketchFilesAreWarnedAboutAndKeepTheOldFaces) {
   const std::string missing = dir.file("none.txt");
   expect_refused(nullptr, "Failed to apply sketch file.  Usage: sketch(filename)", 0);
   expect_refused(missing.c_str(), "Failed to open sketch file " + missing, 0);
-  expect_refused(sketch("faces\n").c_str(), "Sketch file " + dir.file("outline.txt") + " does not start with a face count", 0);
+  const std::string no_count = sketch("faces\n");
+  expect_refused(no_count.c_str(), "Sketch file " + no_count + " does not start with a face count", 0);
   for (const auto &[text, warning] : std::vector<std::pair<std::string, std::string>>{
            {"3\n3 1 2 3\n2 1 2\n", "Incorrect definition of face 3.  Aborting."},
            {"2\n3 1 2 3\n3 1 2\n", "Incorrect definition of face 2.  Aborting."},

@@ -17,9 +17,10 @@ TEST(Messages, ReachTheHostWithTheirLevelAndNothingAdded) {
   krx::error("No KRXDATA object.  Call KRX_CREATE first");
   KRX_REPORT_ALLOC("..\\krxset");
   const std::string line = std::to_string(__LINE__ - 1);
-  EXPECT_EQ(host.messages, (std::vector<Message>{{0, "Title: beam"}, {2, "I5(1, 2) is not zero."},
-                                                 {3, "No KRXDATA object.  Call KRX_CREATE first"},
-                                                 {3, "Failed to allocate memory at line " + line + " in file ..\\krxset.\n"}}));
+  EXPECT_EQ(host.messages,
+            (std::vector<Message>{{0, "Title: beam"}, {2, "I5(1, 2) is not zero."},
+                                  {3, "No KRXDATA object.  Call KRX_CREATE first"},
+                                  {3, "Failed to allocate memory at line " + line + " in file ..\\krxset.\n"}}));
 }
 
 TEST(Messages, AnOverlongTextIsCutNotOverrun) {
