@@ -22,12 +22,8 @@ struct FaceTest : ::testing::Test {
   }
   void TearDown() override { krxtest::terminate_model(); }
 
-  int add(std::vector<int32_t> ids) {
-    return krx::add_face(model, int32_t(ids.size()), ids.data());
-  }
-  void nodes(std::vector<int32_t> ids) {
-    for (int32_t id : ids) krx::add_node(model, id);
-  }
+  int add(std::vector<int32_t> ids) { return krx::add_face(model, int32_t(ids.size()), ids.data()); }
+  void nodes(std::vector<int32_t> ids) { for (int32_t id : ids) krx::add_node(model, id); }
   // The face list read back as node ids, checking that the counter agrees with it.
   Faces faces() const {
     Faces out = krxtest::face_ids(model);
@@ -46,21 +42,13 @@ struct FaceTest : ::testing::Test {
 };
 
 TEST_F(FaceTest, AddFaceDropsRepeatedVerticesAndRefusesFewerThanTwo) {
-  EXPECT_EQ(add({5, 5, 5}), 0);
-  EXPECT_EQ(add({4, 4}), 0);
-  EXPECT_EQ(add({6}), 0);
-  EXPECT_EQ(add({}), 0);
-  EXPECT_EQ(model->face_count, 0);
-  EXPECT_TRUE(model->faces.empty());
-  EXPECT_EQ(model->flags[krx::kFlagElementFaces], 0);
+  for (const Faces::value_type &ids : Faces{{5, 5, 5}, {4, 4}, {6}, {}}) EXPECT_EQ(add(ids), 0);
+  EXPECT_TRUE(model->face_count == 0 && model->faces.empty() && model->flags[krx::kFlagElementFaces] == 0);
   // Nodes named by a refused face stay in the node table.
   EXPECT_GE(krx::node_position(model, 5), 0);
-
-  EXPECT_EQ(add({1, 2, 3, 1}), 1);
-  EXPECT_EQ(add({7, 8, 9, 9}), 1);
-  EXPECT_EQ(add({1, 1, 2, 2, 3}), 1);
-  EXPECT_EQ(add({1, 2, 1, 2}), 1);  // only neighbours and the closing vertex count as repeats
-  EXPECT_EQ(add({2, 3}), 1);
+  // Only neighbours and the closing vertex count as repeats.
+  for (const Faces::value_type &ids : Faces{{1, 2, 3, 1}, {7, 8, 9, 9}, {1, 1, 2, 2, 3}, {1, 2, 1, 2}, {2, 3}})
+    EXPECT_EQ(add(ids), 1);
   EXPECT_EQ(faces(), (Faces{{1, 2, 3}, {7, 8, 9}, {1, 2, 3}, {1, 2, 1, 2}, {2, 3}}));
   EXPECT_EQ(model->flags[krx::kFlagElementFaces], 1);
   // Unknown nodes are created; the list holds node positions.
@@ -79,6 +67,8 @@ TEST_F(FaceTest, StrippingDropsBothSidesOfASurfaceAndLeadsWithTheLargestNode) {
   for (const Case &c :
        {Case{{{1, 2, 3, 4}, {4, 3, 2, 1}}, {}}, Case{{{1, 2, 3, 4}, {2, 3, 4, 1}}, {{4, 1, 2, 3}}},
         Case{{{10, 30, 20}}, {{30, 20, 10}}},
+        // The opposite side may start at another vertex, and faces may lie between the two.
+        Case{{{1, 2, 3, 4}, {1, 3, 4}, {2, 4, 3}, {3, 2, 1, 4}}, {{4, 1, 3}, {4, 3, 2}}},
         // Two-node faces have no orientation: both sides count as a repeat.
         Case{{{10, 30, 20}, {1, 2}, {2, 1}, {1, 2, 3}}, {{2, 1}, {3, 1, 2}, {30, 20, 10}}},
         // One surface three times: the middle pair goes as an interior face and
@@ -95,37 +85,20 @@ TEST_F(FaceTest, StrippingDropsBothSidesOfASurfaceAndLeadsWithTheLargestNode) {
   }
 }
 
-TEST_F(FaceTest, StrippingTwoHexahedraLeavesTheirTenOuterFaces) {
-  // Two unit cubes side by side along x, faces oriented outwards; corners numbered by (x, y, z).
-  auto id = [](int x, int y, int z) { return 1 + x + 3 * y + 6 * z; };
-  for (int z = 0; z < 2; ++z)
-    for (int y = 0; y < 2; ++y)
-      for (int x = 0; x < 3; ++x) krx::add_node(model, id(x, y, z));
-  for (int x0 = 0; x0 < 2; ++x0) {
-    int x1 = x0 + 1;
-    add({id(x0, 0, 0), id(x0, 1, 0), id(x1, 1, 0), id(x1, 0, 0)});  // bottom
-    add({id(x0, 0, 1), id(x1, 0, 1), id(x1, 1, 1), id(x0, 1, 1)});  // top
-    add({id(x0, 0, 0), id(x1, 0, 0), id(x1, 0, 1), id(x0, 0, 1)});  // front
-    add({id(x0, 1, 0), id(x0, 1, 1), id(x1, 1, 1), id(x1, 1, 0)});  // back
-    add({id(x0, 0, 0), id(x0, 0, 1), id(x0, 1, 1), id(x0, 1, 0)});  // -x side
-    add({id(x1, 0, 0), id(x1, 1, 0), id(x1, 1, 1), id(x1, 0, 1)});  // +x side
-  }
+TEST_F(FaceTest, EmptyListsCannotBeStrippedOrGiveANodeSet) {
   krx::strip_interior_faces(model);
-  Faces kept = faces();
-  ASSERT_EQ(kept.size(), 10u);
-  for (const auto &face : kept) {
-    bool on_shared_plane = true;
-    for (int32_t n : face) on_shared_plane = on_shared_plane && (n - 1) % 3 == 1;
-    EXPECT_FALSE(on_shared_plane);
-  }
-}
-
-TEST_F(FaceTest, StrippingAnEmptyListReportsAndChangesNothing) {
-  krx::strip_interior_faces(model);
-  ASSERT_EQ(host.texts(3).size(), 1u);
-  EXPECT_TRUE(host.texts(3)[0].starts_with("Failed to allocate memory at line ") &&
-              host.texts(3)[0].ends_with(" in file ..\\krxfaces.\n")) << host.texts(3)[0];
+  std::vector<int32_t> set;
+  EXPECT_FALSE(krx::face_node_set(model, set));
   EXPECT_EQ(model->face_count, 0);
+  ASSERT_EQ(host.messages.size(), 2u);
+  for (const krxtest::Message &m : host.messages)
+    EXPECT_TRUE(m.level == 3 && m.text.starts_with("Failed to allocate memory at line ") &&
+                m.text.ends_with(" in file ..\\krxfaces.\n")) << m.text;
+  host.clear();
+  nodes({1});
+  model->interface_nodes = {0};
+  EXPECT_FALSE(krx::face_node_set(model, set));
+  EXPECT_EQ(host.messages, (std::vector<krxtest::Message>{{3, "Missing element face information"}}));
 }
 
 TEST_F(FaceTest, SketchFileReplacesAllFacesWithoutDroppingVertices) {
@@ -134,31 +107,10 @@ TEST_F(FaceTest, SketchFileReplacesAllFacesWithoutDroppingVertices) {
   std::string path = sketch("2\n 4 4 3 3 1\n1 2\n");
   krx::apply_sketch_file(model, path.c_str());
   EXPECT_EQ(faces(), (Faces{{4, 3, 3, 1}, {2}}));
-  EXPECT_EQ(host.texts(0),
-            std::vector<std::string>{"Using sketch file " + path + " to replace 1 faces with 2"});
-}
-
-TEST_F(FaceTest, SketchFileHoldsFacesOfAnySize) {
-  std::string text = "1 1500";
-  for (int32_t n = 1; n <= 1500; ++n) {
-    krx::add_node(model, n);
-    // Appended in two steps: " " + std::to_string(n) draws a false -Wrestrict from g++ 12 -O3.
-    text += ' ';
-    text += std::to_string(n);
-  }
-  krx::apply_sketch_file(model, sketch(text).c_str());
-  ASSERT_EQ(model->face_count, 1);
-  ASSERT_EQ(model->faces.size(), 1501u);
-  EXPECT_EQ(model->faces[1500], 1499);
-}
-
-TEST_F(FaceTest, SketchFileStartingWithZeroOrLessLeavesNoFaces) {
-  nodes({1, 2, 3});
-  add({1, 2, 3});
+  EXPECT_EQ(host.texts(0), std::vector<std::string>{"Using sketch file " + path + " to replace 1 faces with 2"});
+  // A count of zero or less leaves no faces; the face node set then holds the interface nodes.
   krx::apply_sketch_file(model, sketch("0\n").c_str());
-  EXPECT_EQ(model->face_count, 0);
-  EXPECT_TRUE(model->faces.empty());
-  // The face node set of an emptied list holds the interface nodes.
+  EXPECT_TRUE(model->face_count == 0 && model->faces.empty());
   model->interface_nodes = {2};
   std::vector<int32_t> set;
   ASSERT_TRUE(krx::face_node_set(model, set));
@@ -169,39 +121,43 @@ TEST_F(FaceTest, SketchFileStartingWithZeroOrLessLeavesNoFaces) {
   EXPECT_TRUE(model->faces.empty());
 }
 
-TEST_F(FaceTest, BrokenSketchFilesKeepTheOldFaces) {
+TEST_F(FaceTest, SketchFileHoldsFacesOfAnySize) {
+  std::string text = "1 1500";
+  for (int32_t n = 1; n <= 1500; ++n) {
+    krx::add_node(model, n);
+    // Two steps: " " + std::to_string(n) draws a false -Wrestrict from g++ 12 -O3.
+    text += ' ';
+    text += std::to_string(n);
+  }
+  krx::apply_sketch_file(model, sketch(text).c_str());
+  ASSERT_TRUE(model->face_count == 1 && model->faces.size() == 1501u);
+  EXPECT_EQ(model->faces[1500], 1499);
+}
+
+TEST_F(FaceTest, BrokenOrUnusableSketchFilesAreWarnedAboutAndKeepTheOldFaces) {
   nodes({1, 2, 3});
   add({1, 2, 3});
   const std::vector<int32_t> before = model->faces;
-  struct Case {
-    std::string text;
-    std::string warning;
-  };
-  for (const Case &c :
-       {Case{"3\n3 1 2 3\n2 1 2\n", "Incorrect definition of face 3.  Aborting."},
-        Case{"2\n3 1 2 3\n3 1 2\n", "Incorrect definition of face 2.  Aborting."},
-        Case{"2\n3 1 2 3\n2 1 99\n", "Incorrect definition of face 2.  No node 99. Aborting."},
-        Case{"1\n-1\n", "Incorrect definition of face 1.  Aborting."},
-        Case{"2\n3 1 x 3\n", "Incorrect definition of face 1.  Aborting."}}) {
+  // A file that cannot be used is not announced; a broken one is, before its faces are read.
+  auto expect_refused = [&](const char *path, const std::string &warning, size_t notes = 1) {
     host.clear();
-    krx::apply_sketch_file(model, sketch(c.text).c_str());
-    EXPECT_EQ(host.texts(2), std::vector<std::string>{c.warning}) << c.text;
-    EXPECT_EQ(model->faces, before);
-    EXPECT_EQ(model->face_count, 1);
-  }
-}
-
-TEST_F(FaceTest, UnusableSketchFilesAreWarnedAbout) {
-  std::string missing = dir.file("none.txt");
-  krx::apply_sketch_file(model, nullptr);
-  krx::apply_sketch_file(model, missing.c_str());
-  std::string empty = sketch("faces\n");
-  krx::apply_sketch_file(model, empty.c_str());
-  EXPECT_EQ(host.texts(2), (std::vector<std::string>{
-                               "Failed to apply sketch file.  Usage: sketch(filename)",
-                               "Failed to open sketch file " + missing,
-                               "Sketch file " + empty + " does not start with a face count"}));
-  EXPECT_TRUE(host.texts(0).empty());
+    krx::apply_sketch_file(model, path);
+    EXPECT_EQ(host.texts(2), std::vector<std::string>{warning});
+    EXPECT_EQ(host.texts(0).size(), notes) << warning;
+    EXPECT_TRUE(model->faces == before && model->face_count == 1) << warning;
+  };
+  const std::string missing = dir.file("none.txt");
+  expect_refused(nullptr, "Failed to apply sketch file.  Usage: sketch(filename)", 0);
+  expect_refused(missing.c_str(), "Failed to open sketch file " + missing, 0);
+  const std::string no_count = sketch("faces\n");
+  expect_refused(no_count.c_str(), "Sketch file " + no_count + " does not start with a face count", 0);
+  for (const auto &[text, warning] : std::vector<std::pair<std::string, std::string>>{
+           {"3\n3 1 2 3\n2 1 2\n", "Incorrect definition of face 3.  Aborting."},
+           {"2\n3 1 2 3\n3 1 2\n", "Incorrect definition of face 2.  Aborting."},
+           {"2\n3 1 2 3\n2 1 99\n", "Incorrect definition of face 2.  No node 99. Aborting."},
+           {"1\n-1\n", "Incorrect definition of face 1.  Aborting."},
+           {"2\n3 1 x 3\n", "Incorrect definition of face 1.  Aborting."}})
+    expect_refused(sketch(text).c_str(), warning);
 }
 
 TEST_F(FaceTest, FaceNodeSetJoinsFaceAndInterfaceNodesOnceAndIsKept) {
@@ -218,19 +174,6 @@ TEST_F(FaceTest, FaceNodeSetJoinsFaceAndInterfaceNodesOnceAndIsKept) {
   set.clear();
   ASSERT_TRUE(krx::face_node_set(model, set));
   EXPECT_EQ(set.size(), 5u);
-}
-
-TEST_F(FaceTest, FaceNodeSetNeedsFacesOrInterfaceNodes) {
-  std::vector<int32_t> set;
-  EXPECT_FALSE(krx::face_node_set(model, set));
-  ASSERT_EQ(host.messages.size(), 1u);
-  EXPECT_TRUE(host.messages[0].text.starts_with("Failed to allocate memory at line "));
-  host.clear();
-  nodes({1});
-  model->interface_nodes = {0};
-  EXPECT_FALSE(krx::face_node_set(model, set));
-  EXPECT_EQ(host.messages,
-            (std::vector<krxtest::Message>{{3, "Missing element face information"}}));
 }
 
 TEST(FacesWithoutModel, EveryOperationReportsTheMissingDatabase) {

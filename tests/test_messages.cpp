@@ -16,13 +16,11 @@ TEST(Messages, ReachTheHostWithTheirLevelAndNothingAdded) {
   krx::warning("I5(%d, %d) is not zero.", 1, 2);
   krx::error("No KRXDATA object.  Call KRX_CREATE first");
   KRX_REPORT_ALLOC("..\\krxset");
-  int line = __LINE__ - 1;
-  ASSERT_EQ(host.messages.size(), 4u);
-  EXPECT_EQ(host.messages[0], (Message{0, "Title: beam"}));
-  EXPECT_EQ(host.messages[1], (Message{2, "I5(1, 2) is not zero."}));
-  EXPECT_EQ(host.messages[2], (Message{3, "No KRXDATA object.  Call KRX_CREATE first"}));
-  EXPECT_EQ(host.messages[3], (Message{3, "Failed to allocate memory at line " +
-                                              std::to_string(line) + " in file ..\\krxset.\n"}));
+  const std::string line = std::to_string(__LINE__ - 1);
+  EXPECT_EQ(host.messages,
+            (std::vector<Message>{{0, "Title: beam"}, {2, "I5(1, 2) is not zero."},
+                                  {3, "No KRXDATA object.  Call KRX_CREATE first"},
+                                  {3, "Failed to allocate memory at line " + line + " in file ..\\krxset.\n"}}));
 }
 
 TEST(Messages, AnOverlongTextIsCutNotOverrun) {
@@ -36,11 +34,10 @@ TEST(Messages, AnOverlongTextIsCutNotOverrun) {
 
 TEST(Messages, TheQuietInquiryIsAskedAfreshEachTime) {
   RecordingHost host(1);
-  EXPECT_TRUE(krx::host_is_quiet());
-  host.quiet = 0;
-  EXPECT_FALSE(krx::host_is_quiet());
-  host.quiet = -2;
-  EXPECT_FALSE(krx::host_is_quiet());
+  for (int quiet : {1, 0, -2}) {
+    host.quiet = quiet;
+    EXPECT_EQ(krx::host_is_quiet(), quiet == 1) << quiet;
+  }
   EXPECT_EQ(host.inquiries, 3);
 }
 

@@ -1,7 +1,7 @@
 // The writer's option words: version code steps, conflicts, arguments and their bounds, the band.
 #include <gtest/gtest.h>
 
-#include <cstdlib>
+#include <charconv>
 #include <string>
 #include <utility>
 #include <vector>
@@ -9,7 +9,6 @@
 #include "format/krxoptions.h"
 #include "testsupport.h"
 
-using krx::Invariants;
 using krx::OptionMessage;
 using krx::parse_write_options;
 using krx::WriteOptions;
@@ -17,47 +16,74 @@ using krxtest::RecordingHost;
 
 namespace {
 
-std::vector<std::string> texts(const WriteOptions &options) {
-  std::vector<std::string> out;
-  for (const OptionMessage &m : options.messages) out.push_back(m.text);
+// The settings that differ from the defaults, in field order: flags by name, the rest as name=value.
+std::string changed_settings(const WriteOptions &o) {
+  const WriteOptions d;
+  auto number = [](double v) {
+    char text[32];
+    return std::string(text, std::to_chars(text, text + sizeof text, v).ptr);
+  };
+  const char *invariants[] = {"none", "fast", "full", "illegal"};
+  const std::pair<bool, std::string> words[] = {
+      {o.version != d.version, "version=" + std::to_string(o.version)}, {!o.xdr, "no_xdr"}, {o.single, "single"},
+      {o.lbrf2cm, "lbrf2cm"}, {!o.sketch_file.empty(), "sketch=" + o.sketch_file}, {o.strip_face, "strip_face"},
+      {!o.coarsen.empty(), "coarsen=" + o.coarsen}, {o.no_ortho, "no_ortho"}, {o.sparse_str, "sparse_str"},
+      {o.full_str, "full_str"}, {o.highpass != d.highpass, "highpass=" + number(o.highpass)},
+      {o.lowpass != d.lowpass, "lowpass=" + number(o.lowpass)},
+      {o.invariants != d.invariants, std::string("invariants=") + invariants[int(o.invariants)]},
+      {o.empty, "empty"}, {o.mks, "mks"}, {o.failed, "failed"}};
+  std::string out;
+  for (const auto &[differs, word] : words)
+    if (differs) out += (out.empty() ? "" : " ") + word;
   return out;
 }
 
-TEST(WriteOptions, NoTextGivesXdrDoublePrecisionGeneration60) {
-  for (const char *text : {static_cast<const char *>(nullptr), "", "nothing we know"}) {
-    WriteOptions options = parse_write_options(text);
-    EXPECT_TRUE(options.version == 316 && options.generation == 60 && options.xdr && !options.single);
-    EXPECT_TRUE(options.highpass == -1.0 && options.lowpass == 1.0e8 && options.invariants == Invariants::none);
-    EXPECT_TRUE(!options.failed && options.messages.empty());
-  }
-}
-
-TEST(WriteOptions, VersionCodeStepsRunInFixedOrderWhateverTheWordOrder) {
+TEST(WriteOptions, EachTextSettlesExactlyTheseSettings) {
+  const std::vector<OptionMessage> illegal = {{2, "Illegal invariants option, use full_invar or fast_invar."}};
   struct Case {
-    const char *text;
-    int32_t version;
-    bool xdr, single;
+    const char *text, *settings;
+    std::vector<OptionMessage> messages = {};
   };
   const Case cases[] = {
-      {"full_str single no_xdr", 50, false, true},
-      {"no_xdr,single,full_str", 50, false, true},
-      {"single full_str", 51, true, true},
-      {"full_str", 41, true, false},
-      {"no_xdr full_str", 40, false, false},
-      {"single", 316 | 0x200, true, true},
-      {"no_xdr", 60, false, false},
-      {"no_xdrsingle", 60 | 0x200, false, true},
-      {"82_comp no_xdr", 20, false, false},
-      {"full_str 82_comp", 20, false, false},
-      {"81_comp 82_comp", 10, false, false},
-      {"82_comp81_comp", 10, false, false},
-      {"NO_XDR Single", 316, true, false},
+      {nullptr, ""}, {"", ""}, {"nothing we know", ""},
+      // The version code steps run in a fixed order whatever the order of the words.
+      {"full_str single no_xdr", "version=50 no_xdr single full_str"},
+      {"no_xdr,single,full_str", "version=50 no_xdr single full_str"},
+      {"single full_str", "version=51 single full_str"}, {"full_str", "version=41 full_str"},
+      {"no_xdr full_str", "version=40 no_xdr full_str"},
+      {"single", "version=828 single"}, {"no_xdr", "version=60 no_xdr"}, {"no_xdrsingle", "version=572 no_xdr single"},
+      {"82_comp no_xdr", "version=20 no_xdr"}, {"full_str 82_comp", "version=20 no_xdr full_str"},
+      {"81_comp 82_comp", "version=10 no_xdr"}, {"82_comp81_comp", "version=10 no_xdr"},
+      // Words are case-sensitive substrings.
+      {"NO_XDR Single mks Empty LBRF2CM", ""},
+      {"lbrf2cmstrip_faceno_ortho sparse_str emptyMKS", "lbrf2cm strip_face no_ortho sparse_str empty mks"},
+      {"full_invar", "invariants=full"}, {"xfast_invarx", "invariants=fast"}, {"invar", "invariants=illegal", illegal},
+      {"invariants", "invariants=illegal", illegal}, {"fullinvar", "invariants=illegal", illegal},
+      // The compatibility check looks for the word, legal or not.
+      {"81_comp full_invar", "version=10 no_xdr invariants=full failed",
+       {{3, "8.1 compatible KRX cannot contain Invariants"}}},
+      {"82_comp single", "version=20 no_xdr failed", {{3, "8.2 compatible KRX cannot be single precision"}}},
+      // Frequencies read the scanned text as a number.
+      {"highpass(5) lowpass(50)", "highpass=5 lowpass=50"},
+      {"lowpass(abc)", ""}, {"lowpass( 2.5e3)", "lowpass=2500"}, {"lowpass(1e)", "lowpass=1"}, {"lowpass(-)", "lowpass=0"},
+      {"highpass(-1.5e-1,2)", "highpass=-0.15"}, {"highpass 5", ""},
+      // The sketch name in its first form that yields one, at the first place the keyword stands.
+      {"sketch(\"my faces.skt\") strip_face", "sketch=my faces.skt strip_face"},
+      {"sketch('say \"hi\".skt')", "sketch=say \"hi\".skt"},
+      {"sketch(plain.skt) no_xdr", "version=60 no_xdr sketch=plain.skt"},
+      {"sketch(open ended", "sketch=open ended"}, {"sketch", ""}, {"sketch()", ""}, {"sketchy sketch(b.skt)", ""},
+      // The coarsening text is the longest run of its scan set: the letters of preserve_str.
+      {"coarsen(0.5,preserve_str)", "coarsen=0.5,preserve_str"},
+      {"coarsen(0.05, 10,1,101 102)", "coarsen=0.05, 10,1,101 102"},
+      {"coarsen(0.1 strip_face)", "strip_face coarsen=0.1 str"},
+      {"coarsen(x)", ""}, {"coarsen 0.5", ""},
   };
   for (const Case &c : cases) {
+    SCOPED_TRACE(c.text ? c.text : "(null)");
     WriteOptions options = parse_write_options(c.text);
-    EXPECT_EQ(options.version, c.version) << c.text;
-    EXPECT_EQ(options.generation, c.version & 0xFF) << c.text;
-    EXPECT_TRUE(options.xdr == c.xdr && options.single == c.single && !options.failed) << c.text;
+    EXPECT_EQ(changed_settings(options), c.settings);
+    EXPECT_EQ(options.generation, options.version & 0xFF);
+    EXPECT_EQ(options.messages, c.messages);
   }
 }
 
@@ -67,78 +93,20 @@ TEST(WriteOptions, EveryConflictIsReportedInStepOrder) {
   WriteOptions options = parse_write_options("81_comp 82_comp fast_invar single full_str sparse_str");
   EXPECT_TRUE(options.failed);
   EXPECT_EQ(options.version, 10);
-  EXPECT_EQ(texts(options), (std::vector<std::string>{
-                                "Cannot specify full and sparse stress and strain modes.",
-                                "8.2 compatible KRX cannot contain Invariants",
-                                "8.2 compatible KRX cannot be single precision",
-                                "8.2 compatible KRX cannot have sparse stress or strain modes",
-                                "8.1 compatible KRX cannot contain Invariants",
-                                "8.1 compatible KRX cannot be single precision",
-                                "8.1 compatible KRX cannot have sparse stress or strain modes",
-                            }));
-  for (const OptionMessage &m : options.messages) EXPECT_EQ(m.level, 3);
-  EXPECT_EQ(parse_write_options("82_comp single").messages,
-            (std::vector<OptionMessage>{{3, "8.2 compatible KRX cannot be single precision"}}));
-}
-
-TEST(WriteOptions, InvarAloneIsIllegalAndFullInvarContainsIt) {
-  EXPECT_EQ(parse_write_options("full_invar").invariants, Invariants::full);
-  EXPECT_EQ(parse_write_options("xfast_invarx").invariants, Invariants::fast);
-  EXPECT_TRUE(parse_write_options("full_invar").messages.empty());
-  for (const char *text : {"invar", "invariants", "fullinvar"}) {
-    WriteOptions options = parse_write_options(text);
-    EXPECT_TRUE(options.invariants == Invariants::illegal && !options.failed) << text;
-    EXPECT_EQ(options.messages, (std::vector<OptionMessage>{{2, "Illegal invariants option, use full_invar or fast_invar."}}));
-  }
-  // The compatibility check looks for the word, legal or not.
-  EXPECT_TRUE(parse_write_options("81_comp full_invar").failed);
-}
-
-TEST(WriteOptions, FlagWordsAreCaseSensitiveSubstrings) {
-  WriteOptions o = parse_write_options("lbrf2cmstrip_faceno_ortho sparse_str emptyMKS");
-  EXPECT_TRUE(o.lbrf2cm && o.strip_face && o.no_ortho && o.sparse_str && o.empty && o.mks && !o.full_str);
-  WriteOptions lower = parse_write_options("mks Empty LBRF2CM");
-  EXPECT_FALSE(lower.mks || lower.empty || lower.lbrf2cm);
-}
-
-TEST(WriteOptions, FrequenciesReadTheScannedTextAsANumber) {
-  WriteOptions band = parse_write_options("highpass(5) lowpass(50)");
-  EXPECT_EQ(band.highpass, 5.0);
-  EXPECT_EQ(band.lowpass, 50.0);
-  EXPECT_EQ(parse_write_options("lowpass(abc)").lowpass, 1.0e8);
-  EXPECT_EQ(parse_write_options("lowpass( 2.5e3)").lowpass, 2500.0);
-  EXPECT_EQ(parse_write_options("lowpass(1e)").lowpass, 1.0);
-  EXPECT_EQ(parse_write_options("lowpass(-)").lowpass, 0.0);
-  EXPECT_EQ(parse_write_options("highpass(-1.5e-1,2)").highpass, -0.15);
-  EXPECT_EQ(parse_write_options("highpass 5").highpass, -1.0);
-}
-
-// Each argument is read at the first place its keyword stands: the sketch name in its first form
-// that yields one, the coarsening text as the longest run of its scan set (the letters of
-// preserve_str, not the word).
-TEST(WriteOptions, ArgumentsAreScannedFromTheirKeywords) {
-  const std::vector<std::pair<const char *, const char *>> sketches = {
-      {"sketch(\"my faces.skt\") strip_face", "my faces.skt"},
-      {"sketch('say \"hi\".skt')", "say \"hi\".skt"},
-      {"sketch(plain.skt) no_xdr", "plain.skt"},
-      {"sketch(open ended", "open ended"},
-      {"sketch", ""},
-      {"sketch()", ""},
-      {"sketchy sketch(b.skt)", ""}};
-  for (auto [text, name] : sketches) EXPECT_EQ(parse_write_options(text).sketch_file, name) << text;
-  const std::vector<std::pair<const char *, const char *>> coarsenings = {
-      {"coarsen(0.5,preserve_str)", "0.5,preserve_str"},
-      {"coarsen(0.05, 10,1,101 102)", "0.05, 10,1,101 102"},
-      {"coarsen(0.1 strip_face)", "0.1 str"},
-      {"coarsen(x)", ""},
-      {"coarsen 0.5", ""}};
-  for (auto [text, run] : coarsenings) EXPECT_EQ(parse_write_options(text).coarsen, run) << text;
+  EXPECT_EQ(options.messages, (std::vector<OptionMessage>{
+                                  {3, "Cannot specify full and sparse stress and strain modes."},
+                                  {3, "8.2 compatible KRX cannot contain Invariants"},
+                                  {3, "8.2 compatible KRX cannot be single precision"},
+                                  {3, "8.2 compatible KRX cannot have sparse stress or strain modes"},
+                                  {3, "8.1 compatible KRX cannot contain Invariants"},
+                                  {3, "8.1 compatible KRX cannot be single precision"},
+                                  {3, "8.1 compatible KRX cannot have sparse stress or strain modes"},
+                              }));
 }
 
 TEST(WriteOptions, ArgumentsUpTo1024CharactersAreTakenLongerOnesFail) {
-  const std::string name(1024, 'n');
+  const std::string name(1024, 'n'), args(1024, '1');
   EXPECT_EQ(parse_write_options(("sketch(\"" + name + "\")").c_str()).sketch_file, name);
-  const std::string args(1024, '1');
   EXPECT_EQ(parse_write_options(("coarsen(" + args + ")").c_str()).coarsen, args);
   EXPECT_EQ(parse_write_options(("lowpass(" + std::string(1023, ' ') + "5)").c_str()).lowpass, 5.0);
 
@@ -147,23 +115,16 @@ TEST(WriteOptions, ArgumentsUpTo1024CharactersAreTakenLongerOnesFail) {
       {"lowpass(" + std::string(1024, ' ') + "5)", "lowpass("}, {"highpass(" + std::string(2000, '9'), "highpass("}};
   for (const auto &[text, word] : cases) {
     WriteOptions o = parse_write_options(text.c_str());
-    EXPECT_TRUE(o.failed);
+    EXPECT_EQ(changed_settings(o), "failed") << word;
     EXPECT_EQ(o.messages, (std::vector<OptionMessage>{
                               {3, "The argument of the writer option " + word + " is longer than 1024 characters."}}));
-    EXPECT_TRUE(o.sketch_file.empty() && o.coarsen.empty() && o.lowpass == 1.0e8 && o.highpass == -1.0 && o.version == 316);
   }
 }
 
-TEST(WriteOptions, MessagesFollowTheOrderOfEffects) {
+TEST(WriteOptions, MessagesReachTheHostOnlyWhenReportedInTheOrderOfEffects) {
   RecordingHost host;
-  const std::string text = "invar 82_comp sketch(" + std::string(1100, 'a');
-  WriteOptions options = parse_write_options(text.c_str());
+  WriteOptions options = parse_write_options(("invar 82_comp sketch(" + std::string(1100, 'a')).c_str());
   EXPECT_TRUE(host.messages.empty());
-  EXPECT_EQ(texts(options), (std::vector<std::string>{
-                                "The argument of the writer option sketch( is longer than 1024 characters.",
-                                "8.2 compatible KRX cannot contain Invariants",
-                                "Illegal invariants option, use full_invar or fast_invar.",
-                            }));
   krx::report_write_options(options);
   EXPECT_EQ(host.messages, (std::vector<krxtest::Message>{
                                {3, "The argument of the writer option sketch( is longer than 1024 characters."},
@@ -173,13 +134,12 @@ TEST(WriteOptions, MessagesFollowTheOrderOfEffects) {
 }
 
 TEST(WriteOptions, ReadsTheEnvironmentEachTime) {
-  ::unsetenv("QOR_KRXWRITE_OPTIONS");
-  EXPECT_EQ(krx::read_write_options().version, 316);
-  ::setenv("QOR_KRXWRITE_OPTIONS", "81_comp lowpass(12)", 1);
-  WriteOptions options = krx::read_write_options();
-  ::unsetenv("QOR_KRXWRITE_OPTIONS");
-  EXPECT_EQ(options.version, 10);
-  EXPECT_EQ(options.lowpass, 12.0);
+  {
+    krxtest::OptionsGuard unset(nullptr);
+    EXPECT_EQ(changed_settings(krx::read_write_options()), "");
+  }
+  krxtest::OptionsGuard set("81_comp lowpass(12)");
+  EXPECT_EQ(changed_settings(krx::read_write_options()), "version=10 no_xdr lowpass=12");
 }
 
 TEST(FrequencyBand, ExportsModesAboveHighpassUpToAndIncludingLowpass) {
