@@ -3,6 +3,7 @@ import subprocess
 import sys
 
 import numpy as np
+import pytest
 
 import krx
 from test_read import by_id, read_hand_built
@@ -33,6 +34,14 @@ def test_mesh_groups_faces_by_vertex_count(tmp_path):
     mesh = krx.to_meshio(read_hand_built(tmp_path, 60)[0], modes=[2])
     assert {c.type: len(c.data) for c in mesh.cells} == {"line": 1, "triangle": 1, "quad": 1}
     assert list(mesh.point_data) == ["mode_2", "node_id"]
+    with pytest.raises(ValueError, match="no mode 99"):
+        krx.to_meshio(read_hand_built(tmp_path, 60)[0], modes=[2, 99])
+
+
+def test_von_mises_of_uniaxial_shear_and_hydrostatic_states():
+    states = [[2, 0, 0, 0, 0, 0], [0, -3, 0, 0, 0, 0], [0, 0, 0, 1, 0, 0], [0, 0, 0, 0, 1, 0],
+              [0, 0, 0, 0, 0, 1], [5, 5, 5, 0, 0, 0]]
+    np.testing.assert_allclose(krx.von_mises(states), [2, 3, 3**0.5, 3**0.5, 3**0.5, 0])
 
 
 def test_plot_of_a_mode_is_a_picture(example_file, tmp_path):
