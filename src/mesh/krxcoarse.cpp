@@ -186,6 +186,7 @@ bool preserve_if_entry(Coarsening &c, const KRXDATA &model, int32_t position) {
 }
 
 void preserve_nodes(Coarsening &c, KRXDATA *model, const CoarsenSettings &settings) {
+  index_nodes(*model);  // a failed build ends the coarsening rather than losing a preserved node
   note("Preserving nodes: ");
   int preserved = 0;
   for (int32_t position : model->interface_nodes) {

@@ -120,6 +120,7 @@ std::vector<int32_t> surviving_faces(const std::vector<FaceKey> &keys,
 
 // The sketch file's faces as internal positions; false (with its message) when it is unusable.
 bool read_sketch_faces(KRXDATA *model, FILE *file, int32_t face_total, std::vector<int32_t> &list) {
+  index_nodes(*model);  // built here, so that a lookup below fails only for an unknown id
   for (int32_t f = 1; f <= face_total; ++f) {
     int32_t count = 0;
     if (std::fscanf(file, "%d", &count) != 1 || count < 0) {
