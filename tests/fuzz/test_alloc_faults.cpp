@@ -1,9 +1,9 @@
 // Allocation failures, walked: operator new of this program fails its k-th call while a whole
-// host session runs (create, set every kind of item, write with full_invar, terminate), and
-// again over a read-list-compare session, for k = 1, 2, 3, ... until a run no longer reaches
-// the k-th allocation. Every run must end cleanly: the failing call returns status 1, the host
-// hears the allocation message, no partial output file and no temporary file stays behind, and
-// the sanitized build finds no error and no leak.
+// host session runs (create, set every kind of item, write with full_invar, face stripping and
+// coarsening, terminate), and again over a read-list-compare session, for k = 1, 2, 3, ... until
+// a run no longer reaches the k-th allocation. Every run must end cleanly: the failing call
+// returns status 1, the host hears the allocation message, no partial output file and no
+// temporary file stays behind, and the sanitized build finds no error and no leak.
 #include <gtest/gtest.h>
 
 #include <cstdlib>
@@ -124,7 +124,7 @@ long walk(Run run) {
 }
 
 TEST_F(AllocFaults, HostSessionFailsCleanlyAtEveryAllocation) {
-  setenv("QOR_KRXWRITE_OPTIONS", "full_invar", 1);
+  setenv("QOR_KRXWRITE_OPTIONS", "full_invar strip_face coarsen(0.5)", 1);
   const std::string out = (dir / "out.krx").string();
   long runs = walk([&](long k) {
     int write_status = 0, done = 0;
