@@ -339,18 +339,15 @@ int set_global_mass(KRXDATA *model, double mass, const double *centre, const dou
 }
 
 int set_generalized_mass(KRXDATA *model, int32_t row_mode, int32_t column_mode, double value) {
-  if (!model_exists(model)) return 0;
   return add_generalized_mass(model, row_mode, column_mode, value);
 }
 
 int set_generalized_stiffness(KRXDATA *model, int32_t row_mode, int32_t column_mode,
                               double value) {
-  if (!model_exists(model)) return 0;
   return add_generalized_stiffness(model, row_mode, column_mode, value);
 }
 
 int set_generalized_damping(KRXDATA *model, int32_t row_mode, int32_t column_mode, double value) {
-  if (!model_exists(model)) return 0;
   return add_generalized_damping(model, row_mode, column_mode, value);
 }
 
