@@ -1,7 +1,7 @@
 // The write pipeline: name check and open, options and the model processing they ask for, the
 // version code and header, the content flags (eigen solution, frequency band, invariants, loads,
-// node reduction, rigid-body file, units), the content summary, the data blocks, and the removal
-// of the file when anything failed. Every change made to the model stays in it.
+// node reduction, rigid-body file, units), the content summary, the data blocks, and the output
+// put in place only when everything succeeded. Every change made to the model stays in it.
 #include "format/krxwrite.h"
 
 #include <algorithm>
@@ -231,18 +231,7 @@ int open_output(KRXDATA *model, WriteState &state, const char *path) {
           model->own.path.c_str(), path);
     return 0;
   }
-  try {
-    state.path = path;
-  } catch (const std::bad_alloc &) {
-    KRX_REPORT_ALLOC(kSource);
-    return 0;
-  }
-  state.out.file = std::fopen(path, "wb");
-  if (!state.out.file) {
-    error("Unable to open %s for write. Please check write permissions.", path);
-    return 0;
-  }
-  return 1;
+  return open_output_file(state, path);
 }
 
 // The encoding of the file once the version code is settled: an XDR stream bound to the open
@@ -334,10 +323,7 @@ int write_krx(KRXDATA *model, const char *path) {
     KRX_REPORT_ALLOC(kSource);
     ok = 0;
   }
-  // An XDR stream over standard I/O keeps no buffer of its own, so the close sees every byte.
-  ok = close_stream(state.out) && ok;
-  if (!ok) std::remove(state.path.c_str());
-  return ok;
+  return close_output_file(state, ok);
 }
 
 }  // namespace krx

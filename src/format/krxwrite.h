@@ -1,5 +1,6 @@
 // The writer: turns a model into one Korex. write_krx runs the whole pipeline (options, model
-// processing, content flags, summary, blocks 1 to 32) and removes the file when anything fails.
+// processing, content flags, summary, blocks 1 to 32) into a new file that replaces the output
+// only when everything succeeded.
 // The steps below it are shared by the pipeline's source files and by the tests.
 #pragma once
 
@@ -11,7 +12,8 @@
 
 namespace krx {
 
-// The whole write of a model to path; 1 on success, 0 on failure (the file is then removed).
+// The whole write of a model to path; 1 on success, 0 on failure (the path then holds what it
+// held before: the old file or nothing).
 int write_krx(KRXDATA *model, const char *path);
 
 // Node reduction: keeps only the nodes of the face node set (faces and interface nodes), rewrites
