@@ -1,9 +1,11 @@
 // Disk and file-system faults: a temporary directory that is missing or not writable, a disk that
-// fills (a file-size limit in a forked child) while the store lays out a file or while the write
-// makes its orthogonal or shortened mode file, and an output path in a missing directory. Each
-// must fail with its message and status 1, and leave no file behind.
+// fills (a file-size limit in a forked child) while the store lays out a file, while the write
+// makes its orthogonal or shortened mode file or while it writes the output over an earlier one,
+// and an output path in a missing or locked directory or naming a locked file. Each must fail with
+// its message and status 1, leave no file behind, and leave an earlier output as it was.
 #include <gtest/gtest.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -11,6 +13,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <set>
 #include <string>
 
 #include "host/krx_fortran.h"
@@ -20,6 +23,13 @@
 namespace {
 
 namespace fs = std::filesystem;
+
+// The names in a directory.
+std::set<std::string> listing(const std::string &directory) {
+  std::set<std::string> names;
+  for (const auto &entry : fs::directory_iterator(directory)) names.insert(entry.path().filename().string());
+  return names;
+}
 
 bool said(const krxtest::RecordingHost &host, const std::string &start) {
   for (const std::string &text : host.texts(3))
@@ -148,6 +158,64 @@ TEST_F(DiskFaults, DiskFillingFailsTheFileBeingWrittenAndLeavesNothing) {
     }));
     EXPECT_TRUE(fs::is_empty(dir.path));
   }
+}
+
+TEST_F(DiskFaults, DiskFillingWhileReplacingAnOutputKeepsTheEarlierFile) {
+  krxtest::OptionsGuard options("no_ortho");  // no orthogonal mode file: the output passes the limit
+  const std::string out_dir = dir.file("out"), out = out_dir + "/part.krx";
+  fs::create_directory(out_dir);
+  ASSERT_EQ(0, build_chain());
+  ASSERT_EQ(0, krxtest::write_krx(out));
+  const std::vector<char> before = krxtest::file_bytes(out);
+  // The child writes the same model again on a disk that fills half way through; it answers 0
+  // when that write fails with a block's message and status 1.
+  EXPECT_EQ(0, in_child([&] {
+    krxtest::RecordingHost child{1};
+    rlim_t half = rlim_t(before.size() / 2);
+    rlimit r{half, half};
+    setrlimit(RLIMIT_FSIZE, &r);
+    int status = krxtest::write_krx(out);
+    return status == 1 && said(child, "Problem writing ") ? 0 : 1;
+  }));
+  EXPECT_EQ(krxtest::file_bytes(out), before);
+  EXPECT_EQ(listing(out_dir), std::set<std::string>{"part.krx"});
+}
+
+// A directory that may not be written, and an existing file that may not be written in a
+// directory that may: the open-failure message, nothing made, the file as it was. A root user
+// writes anything; its child drops to the unprivileged user to be refused.
+TEST_F(DiskFaults, OutputThatMayNotBeWrittenIsRefusedAndKeptAsItWas) {
+  ASSERT_EQ(0, set_one_mode(4, 1));
+  const std::string locked = dir.file("locked"), open = dir.file("open");
+  const std::string kept = open + "/kept.krx";
+  fs::create_directory(locked);
+  fs::create_directory(open);
+  std::ofstream(kept) << "an earlier export";
+  chmod(dir.path.c_str(), 0755);
+  chmod(locked.c_str(), 0555);
+  chmod(open.c_str(), 0777);
+  chmod(kept.c_str(), 0444);
+  // The child answers 0 when both writes failed with the message, 77 when it could not be refused.
+  int answer = in_child([&] {
+    if (geteuid() == 0 && (setgid(65534) != 0 || setuid(65534) != 0)) return 77;
+    if (access(locked.c_str(), W_OK) == 0 || access(kept.c_str(), W_OK) == 0) return 77;
+    krxtest::RecordingHost child{1};
+    int refused = 0;
+    for (const std::string &path : {locked + "/out.krx", kept}) {
+      child.clear();
+      refused += krxtest::write_krx(path) == 1 &&
+                 child.texts(3) == std::vector<std::string>{"Unable to open " + path +
+                                                            " for write. Please check write permissions."};
+    }
+    return refused == 2 ? 0 : 1;
+  });
+  chmod(locked.c_str(), 0755);
+  if (answer == 77) GTEST_SKIP() << "this user cannot be refused a write";
+  EXPECT_EQ(0, answer);
+  EXPECT_TRUE(fs::is_empty(locked));
+  EXPECT_EQ(listing(open), std::set<std::string>{"kept.krx"});
+  std::vector<char> text = krxtest::file_bytes(kept);
+  EXPECT_EQ(std::string(text.begin(), text.end()), "an earlier export");
 }
 
 }  // namespace

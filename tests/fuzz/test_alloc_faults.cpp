@@ -96,6 +96,13 @@ struct AllocFaults : ::testing::Test {
     fs::remove_all(dir);
   }
   bool temp_dir_empty() const { return fs::is_empty(dir / "tmp"); }
+  // The output's directory holds the temporary directory and the output, never the new file of a
+  // write that failed.
+  long output_dir_strays() const {
+    long strays = 0;
+    for (const auto &entry : fs::directory_iterator(dir)) strays += entry.path().filename() != "tmp" && entry.path().filename() != "out.krx";
+    return strays;
+  }
 };
 
 long degraded_writes = 0;
@@ -157,6 +164,7 @@ TEST_F(AllocFaults, HostSessionFailsCleanlyAtEveryAllocation) {
       }
     }
     EXPECT_EQ(write_status == 0, fs::exists(out)) << "a failed write leaves no file";
+    EXPECT_EQ(0, output_dir_strays()) << "a failed write leaves no new file beside the output";
     EXPECT_TRUE(temp_dir_empty()) << "temporary files removed by KRX_TERMINATE; failed in "
                                   << (failing_entry ? failing_entry : "-") << ": " << heard.first;
     EXPECT_TRUE(krx::model_list().empty());
