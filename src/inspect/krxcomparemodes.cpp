@@ -63,12 +63,13 @@ struct Factor {
   bool zero_diagonal = true;  // every base vector of the group is zero
 };
 
-Factor factorise(const std::vector<double> &G, std::size_t g) {
-  Factor f;
+// Refills f in place: a factor reused from group to group allocates only for a larger group.
+void factorise(const std::vector<double> &G, std::size_t g, Factor &f) {
   f.g = g;
   f.L.assign(g * g, 0.0);
   f.d.assign(g, 0.0);
   f.kept.assign(g, 0);
+  f.zero_diagonal = true;
   for (std::size_t i = 0; i < g; ++i) {
     if (G[i * g + i] != 0.0) f.zero_diagonal = false;
     double s = G[i * g + i];
@@ -84,26 +85,23 @@ Factor factorise(const std::vector<double> &G, std::size_t g) {
       f.L[j * g + i] = t / s;
     }
   }
-  return f;
 }
 
-// Solves G a = c with the factorisation; a dropped vector gets no share.
-std::vector<double> solve(const Factor &f, const std::vector<double> &c) {
+// Solves G a = c with the factorisation, c overwritten on the way; a dropped vector gets no share.
+void solve(const Factor &f, std::vector<double> &c, std::vector<double> &a) {
   const std::size_t g = f.g;
-  std::vector<double> a(g, 0.0), y(g, 0.0);
+  a.assign(g, 0.0);
   for (std::size_t i = 0; i < g; ++i) {
     if (!f.kept[i]) continue;
-    y[i] = c[i];
     for (std::size_t k = 0; k < i; ++k)
-      if (f.kept[k]) y[i] -= f.L[i * g + k] * y[k];
+      if (f.kept[k]) c[i] -= f.L[i * g + k] * c[k];
   }
   for (std::size_t i = g; i-- > 0;) {
     if (!f.kept[i]) continue;
-    a[i] = y[i] / f.d[i];
+    a[i] = c[i] / f.d[i];
     for (std::size_t j = i + 1; j < g; ++j)
       if (f.kept[j]) a[i] -= f.L[j * g + i] * a[j];
   }
-  return a;
 }
 
 // Mode k joins the group of the modes before it when |lambda(first) - lambda(k)| / (|lambda(k)|
@@ -135,32 +133,37 @@ void build_groups(CompareRun &run) {
   }
 }
 
+// One group at a time, with the scratch of its modes: one Group serves every group of a run, so
+// that a mode costs no allocation beyond its coefficients.
 struct Group {
   int32_t first = 0;
   int g = 0;  // at most kMaxEigenspaceGroup
   Factor t, r, f;  // of the translational halves, the rotational halves, the whole vectors
+  std::vector<double> gram_t, gram_r, gram_f, ct, cr, cf, at, ar, v, b, rest;
 };
 
 int factorise_group(const CompareRun &run, Group &group) {
   const int g = group.g;
   const std::size_t entries = (std::size_t)g * g;
-  std::vector<double> gram_t(entries, 0.0), gram_r(entries, 0.0), gram_f(entries, 0.0);
-  std::vector<double> bi, bj;
+  group.gram_t.assign(entries, 0.0);
+  group.gram_r.assign(entries, 0.0);
+  group.gram_f.assign(entries, 0.0);
+  std::vector<double> &bi = group.v, &bj = group.b;
   for (int i = 0; i < g; ++i) {
     if (!gather(run, true, group.first + i, kModeShapes, bi)) return 0;
     for (int j = i; j < g; ++j) {
       if (j > i && !gather(run, true, group.first + j, kModeShapes, bj)) return 0;
       const Sums p = dot(bi, j == i ? bi : bj);
-      gram_t[i * g + j] = gram_t[j * g + i] = p.t;
-      gram_r[i * g + j] = gram_r[j * g + i] = p.r;
-      gram_f[i * g + j] = gram_f[j * g + i] = p.f;
+      group.gram_t[i * g + j] = group.gram_t[j * g + i] = p.t;
+      group.gram_r[i * g + j] = group.gram_r[j * g + i] = p.r;
+      group.gram_f[i * g + j] = group.gram_f[j * g + i] = p.f;
     }
-    if (gram_t[i * g + i] == 0.0) say(run, kShowNote, "->Note base EigenVectorTanslational=0\n");
-    if (gram_r[i * g + i] == 0.0) say(run, kShowNote, "->Note base EigenVectorRotational=0\n");
+    if (group.gram_t[i * g + i] == 0.0) say(run, kShowNote, "->Note base EigenVectorTanslational=0\n");
+    if (group.gram_r[i * g + i] == 0.0) say(run, kShowNote, "->Note base EigenVectorRotational=0\n");
   }
-  group.t = factorise(gram_t, g);
-  group.r = factorise(gram_r, g);
-  group.f = factorise(gram_f, g);
+  factorise(group.gram_t, g, group.t);
+  factorise(group.gram_r, g, group.r);
+  factorise(group.gram_f, g, group.f);
   return 1;
 }
 
@@ -173,27 +176,29 @@ double remainder_ratio(double remainder_squared, double own_squared, bool base_a
 
 // Judges new mode k against the group; 1 when both halves pass, 0 when one fails, -2 when a
 // record could not be loaded. Sets the mode's coefficients.
-int judge_mode(CompareRun &run, const Group &group, int32_t k) {
+int judge_mode(CompareRun &run, Group &group, int32_t k) {
   const int g = group.g;
-  std::vector<double> v, b;
+  std::vector<double> &v = group.v, &b = group.b, &r = group.rest;
   if (!gather(run, false, k, kModeShapes, v)) return -2;
-  std::vector<double> ct(g), cr(g), cf(g);
+  group.ct.assign(g, 0.0), group.cr.assign(g, 0.0), group.cf.assign(g, 0.0);
   for (int j = 0; j < g; ++j) {
     if (!gather(run, true, group.first + j, kModeShapes, b)) return -2;
     const Sums p = dot(b, v);
-    ct[j] = p.t, cr[j] = p.r, cf[j] = p.f;
+    group.ct[j] = p.t, group.cr[j] = p.r, group.cf[j] = p.f;
   }
-  const std::vector<double> at = solve(group.t, ct), ar = solve(group.r, cr);
-  run.coefficients[k] = solve(group.f, cf);
+  solve(group.t, group.ct, group.at);
+  solve(group.r, group.cr, group.ar);
+  std::vector<double> &coefficients = run.coefficients[k];
+  solve(group.f, group.cf, coefficients);
   // A mode of its own eigenvalue can only have changed sign: a small change of the shape must not
   // scale what is compared through the coefficients (stresses, invariants, loads).
-  if (g == 1) run.coefficients[k][0] = run.coefficients[k][0] < 0.0 ? -1.0 : 1.0;
+  if (g == 1) coefficients[0] = coefficients[0] < 0.0 ? -1.0 : 1.0;
   // The remainder is formed explicitly: subtracting squared lengths would lose half the digits.
-  std::vector<double> r = v;
+  r = v;
   for (int j = 0; j < g; ++j) {
     if (!gather(run, true, group.first + j, kModeShapes, b)) return -2;
     for (std::size_t i = 0; i < r.size(); i += 6)
-      for (int d = 0; d < 6; ++d) r[i + d] -= (d < 3 ? at[j] : ar[j]) * b[i + d];
+      for (int d = 0; d < 6; ++d) r[i + d] -= (d < 3 ? group.at[j] : group.ar[j]) * b[i + d];
   }
   const Sums own = dot(v, v), rest = dot(r, r);
   const int32_t number = run.fresh->eigen[k].number;
@@ -214,8 +219,8 @@ int check_mode_shapes(CompareRun &run) {
     run.coefficients[k][k - run.group_first[k]] = 1.0;
   }
   int failed = 0;
+  Group group;
   for (int32_t first = 0; first < run.modes; first = run.group_end[first]) {
-    Group group;
     group.first = first;
     group.g = run.group_end[first] - first;
     if (!factorise_group(run, group)) {
