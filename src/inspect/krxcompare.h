@@ -12,6 +12,10 @@ namespace krx {
 // The tolerance the command-line tool uses when none is given.
 constexpr double kDefaultCompareTolerance = 1e-5;
 
+// Modes of close eigenvalues are compared as one eigenspace, at most this many together: a longer
+// run is cut, with a note, so that the comparison's work and memory stay linear in the modes.
+constexpr int kMaxEigenspaceGroup = 32;
+
 // Compares new_model against base (the base must hold every node of the new file). Verbosity -1
 // prints nothing, 0 failures, 1 also warnings, notes and the summary, 2 also passes and the trace.
 // Returns the sum of the check results: 0 when every check passed, negative otherwise. Both models

@@ -359,7 +359,7 @@ InvariantSet fetch_invariants(const CompareRun &run, KRXDATA *model) {
 
 // An array of the expected size for m modes, else empty so that the check fails.
 int32_t modes_of(const std::vector<double> &values, int32_t m, std::size_t per_mode) {
-  return values.size() == per_mode * (std::size_t)m ? m : -1;
+  return m >= 0 && values.size() == per_mode * (std::size_t)m ? m : -1;
 }
 
 }  // namespace
@@ -385,8 +385,8 @@ int check_invariants(CompareRun &run) {
     auto at = [](int32_t i, int32_t j, int v, int32_t m) {
       return ((std::size_t)i * 3 + v) * m + j;
     };
-    result += pair_invariant(run, 5, n.values[5], b.values[5], modes_of(n.values[5], n.modes, 3 * n.modes),
-                             modes_of(b.values[5], b.modes, 3 * b.modes), 3, at);
+    result += pair_invariant(run, 5, n.values[5], b.values[5], modes_of(n.values[5], n.modes, 3 * (std::size_t)n.modes),
+                             modes_of(b.values[5], b.modes, 3 * (std::size_t)b.modes), 3, at);
   }
   if (both_have(run, kFlagInvariant7)) result += plain_invariant(run, 7, n.values[7], b.values[7]);
   if (both_have(run, kFlagInvariant8)) {
@@ -398,8 +398,8 @@ int check_invariants(CompareRun &run) {
     auto at = [](int32_t i, int32_t j, int v, int32_t m) {
       return ((std::size_t)i * m + j) * 9 + v;
     };
-    result += pair_invariant(run, 9, n.values[9], b.values[9], modes_of(n.values[9], n.modes, 9 * n.modes),
-                             modes_of(b.values[9], b.modes, 9 * b.modes), 9, at);
+    result += pair_invariant(run, 9, n.values[9], b.values[9], modes_of(n.values[9], n.modes, 9 * (std::size_t)n.modes),
+                             modes_of(b.values[9], b.modes, 9 * (std::size_t)b.modes), 9, at);
   }
   return result;
 }

@@ -5,6 +5,7 @@
 #include <cmath>
 #include <vector>
 
+#include "inspect/krxcompare.h"
 #include "inspect/krxcomparerun.h"
 #include "model/krxtools.h"
 
@@ -18,10 +19,15 @@ const char *const kKindTitles[3] = {"Shape", "Stress", "Strain"};
 // record through the kind map. 0 when the store cannot load it (the store has said why).
 int gather(const CompareRun &run, bool from_base, int32_t position, int kind,
            std::vector<double> &out) {
+  const std::vector<int32_t> &map = run.kind_map[kind];
+  // A new file without nodes of the kind compares empty records: there is nothing to load.
+  if (map.empty()) {
+    out.clear();
+    return 1;
+  }
   KRXDATA *model = from_base ? run.base : run.fresh;
   if (!load_mode_record(model, model->eigen[position].number, kind)) return 0;
   const std::vector<double> &record = model->store[kind].record;
-  const std::vector<int32_t> &map = run.kind_map[kind];
   out.assign(6 * map.size(), 0.0);
   for (std::size_t s = 0; s < map.size(); ++s) {
     const std::size_t from = 6 * (from_base ? (std::size_t)map[s] : s);
@@ -46,44 +52,64 @@ Sums dot(const std::vector<double> &a, const std::vector<double> &b) {
   return p;
 }
 
-// Solves G a = c for the Gram matrix G (g x g) of the group's base vectors by a Cholesky
-// factorisation that drops a vector whose remainder after the earlier ones is numerically zero:
-// the one-after-the-other orthogonalisation of the base vectors, in matrix form.
-std::vector<double> fit(const std::vector<double> &G, const std::vector<double> &c, int g) {
-  std::vector<double> L(g * g, 0.0), d(g, 0.0), a(g, 0.0), y(g, 0.0);
-  std::vector<char> kept(g, 0);
-  for (int i = 0; i < g; ++i) {
+// The Gram matrix G (g x g) of the group's base vectors as L D L^T, by a Cholesky factorisation
+// that drops a vector whose remainder after the earlier ones is numerically zero: the
+// one-after-the-other orthogonalisation of the base vectors, in matrix form. Made once per group;
+// each mode of the group then only solves with it.
+struct Factor {
+  std::size_t g = 0;
+  std::vector<double> L, d;
+  std::vector<char> kept;
+  bool zero_diagonal = true;  // every base vector of the group is zero
+};
+
+// Refills f in place: a factor reused from group to group allocates only for a larger group.
+void factorise(const std::vector<double> &G, std::size_t g, Factor &f) {
+  f.g = g;
+  f.L.assign(g * g, 0.0);
+  f.d.assign(g, 0.0);
+  f.kept.assign(g, 0);
+  f.zero_diagonal = true;
+  for (std::size_t i = 0; i < g; ++i) {
+    if (G[i * g + i] != 0.0) f.zero_diagonal = false;
     double s = G[i * g + i];
-    for (int k = 0; k < i; ++k)
-      if (kept[k]) s -= L[i * g + k] * L[i * g + k] * d[k];
+    for (std::size_t k = 0; k < i; ++k)
+      if (f.kept[k]) s -= f.L[i * g + k] * f.L[i * g + k] * f.d[k];
     if (!(s > 1e-12 * G[i * g + i])) continue;
-    kept[i] = 1;
-    d[i] = s;
-    for (int j = i + 1; j < g; ++j) {
+    f.kept[i] = 1;
+    f.d[i] = s;
+    for (std::size_t j = i + 1; j < g; ++j) {
       double t = G[j * g + i];
-      for (int k = 0; k < i; ++k)
-        if (kept[k]) t -= L[j * g + k] * L[i * g + k] * d[k];
-      L[j * g + i] = t / s;
+      for (std::size_t k = 0; k < i; ++k)
+        if (f.kept[k]) t -= f.L[j * g + k] * f.L[i * g + k] * f.d[k];
+      f.L[j * g + i] = t / s;
     }
   }
-  for (int i = 0; i < g; ++i) {
-    if (!kept[i]) continue;
-    y[i] = c[i];
-    for (int k = 0; k < i; ++k)
-      if (kept[k]) y[i] -= L[i * g + k] * y[k];
-  }
-  for (int i = g - 1; i >= 0; --i) {
-    if (!kept[i]) continue;
-    a[i] = y[i] / d[i];
-    for (int j = i + 1; j < g; ++j)
-      if (kept[j]) a[i] -= L[j * g + i] * a[j];
-  }
-  return a;
 }
 
-// Mode k joins the group of mode k-1 when |lambda(k-1) - lambda(k)| / (|lambda(k)| +
-// |lambda(7)|) is within the tolerance, with the base eigenvalues; lambda(7) is the first
-// flexible one (0 with fewer than seven modes). Written as a product so that two equal
+// Solves G a = c with the factorisation, c overwritten on the way; a dropped vector gets no share.
+void solve(const Factor &f, std::vector<double> &c, std::vector<double> &a) {
+  const std::size_t g = f.g;
+  a.assign(g, 0.0);
+  for (std::size_t i = 0; i < g; ++i) {
+    if (!f.kept[i]) continue;
+    for (std::size_t k = 0; k < i; ++k)
+      if (f.kept[k]) c[i] -= f.L[i * g + k] * c[k];
+  }
+  for (std::size_t i = g; i-- > 0;) {
+    if (!f.kept[i]) continue;
+    a[i] = c[i] / f.d[i];
+    for (std::size_t j = i + 1; j < g; ++j)
+      if (f.kept[j]) a[i] -= f.L[j * g + i] * a[j];
+  }
+}
+
+// Mode k joins the group of the modes before it when |lambda(first) - lambda(k)| / (|lambda(k)|
+// + |lambda(7)|) is within the tolerance, with the base eigenvalues, lambda(first) being the
+// group's first; lambda(7) is the first flexible one (0 with fewer than seven modes). Measuring
+// from the first rather than from the neighbour keeps a long run of slowly rising eigenvalues
+// from becoming one group, and the cap keeps a run of equal ones from it: the work of a group
+// and its coefficients grow with its size squared. Written as a product so that two equal
 // eigenvalues of a model with only zeros still join.
 void build_groups(CompareRun &run) {
   const std::vector<EigenRecord> &e = run.base->eigen;
@@ -92,10 +118,13 @@ void build_groups(CompareRun &run) {
   run.group_end.assign(run.modes, 0);
   int32_t first = 0;
   for (int32_t k = 1; k <= run.modes; ++k) {
-    const bool joins = k < run.modes &&
-                       std::fabs(e[k - 1].eigenvalue - e[k].eigenvalue) <=
+    const bool close = k < run.modes &&
+                       std::fabs(e[first].eigenvalue - e[k].eigenvalue) <=
                            run.tolerance * (std::fabs(e[k].eigenvalue) + flexible);
-    if (joins) continue;
+    if (close && k - first < kMaxEigenspaceGroup) continue;
+    if (close)
+      say(run, kShowNote, "->Note EigenVector group from #%d cut at %d modes: #%d starts another\n",
+          run.fresh->eigen[first].number, kMaxEigenspaceGroup, run.fresh->eigen[k].number);
     for (int32_t j = first; j < k; ++j) {
       run.group_first[j] = first;
       run.group_end[j] = k;
@@ -104,18 +133,22 @@ void build_groups(CompareRun &run) {
   }
 }
 
+// One group at a time, with the scratch of its modes: one Group serves every group of a run, so
+// that a mode costs no allocation beyond its coefficients.
 struct Group {
   int32_t first = 0;
-  int g = 0;
-  std::vector<double> gram_t, gram_r, gram_f;
+  int g = 0;  // at most kMaxEigenspaceGroup
+  Factor t, r, f;  // of the translational halves, the rotational halves, the whole vectors
+  std::vector<double> gram_t, gram_r, gram_f, ct, cr, cf, at, ar, v, b, rest;
 };
 
-int fill_gram(const CompareRun &run, Group &group) {
+int factorise_group(const CompareRun &run, Group &group) {
   const int g = group.g;
-  group.gram_t.assign(g * g, 0.0);
-  group.gram_r.assign(g * g, 0.0);
-  group.gram_f.assign(g * g, 0.0);
-  std::vector<double> bi, bj;
+  const std::size_t entries = (std::size_t)g * g;
+  group.gram_t.assign(entries, 0.0);
+  group.gram_r.assign(entries, 0.0);
+  group.gram_f.assign(entries, 0.0);
+  std::vector<double> &bi = group.v, &bj = group.b;
   for (int i = 0; i < g; ++i) {
     if (!gather(run, true, group.first + i, kModeShapes, bi)) return 0;
     for (int j = i; j < g; ++j) {
@@ -128,13 +161,10 @@ int fill_gram(const CompareRun &run, Group &group) {
     if (group.gram_t[i * g + i] == 0.0) say(run, kShowNote, "->Note base EigenVectorTanslational=0\n");
     if (group.gram_r[i * g + i] == 0.0) say(run, kShowNote, "->Note base EigenVectorRotational=0\n");
   }
+  factorise(group.gram_t, g, group.t);
+  factorise(group.gram_r, g, group.r);
+  factorise(group.gram_f, g, group.f);
   return 1;
-}
-
-bool all_zero_diagonal(const std::vector<double> &gram, int g) {
-  for (int i = 0; i < g; ++i)
-    if (gram[i * g + i] != 0.0) return false;
-  return true;
 }
 
 // Length of what remains of a new half, relative to the half's own length. A new half that is
@@ -146,33 +176,35 @@ double remainder_ratio(double remainder_squared, double own_squared, bool base_a
 
 // Judges new mode k against the group; 1 when both halves pass, 0 when one fails, -2 when a
 // record could not be loaded. Sets the mode's coefficients.
-int judge_mode(CompareRun &run, const Group &group, int32_t k) {
+int judge_mode(CompareRun &run, Group &group, int32_t k) {
   const int g = group.g;
-  std::vector<double> v, b;
+  std::vector<double> &v = group.v, &b = group.b, &r = group.rest;
   if (!gather(run, false, k, kModeShapes, v)) return -2;
-  std::vector<double> ct(g), cr(g), cf(g);
+  group.ct.assign(g, 0.0), group.cr.assign(g, 0.0), group.cf.assign(g, 0.0);
   for (int j = 0; j < g; ++j) {
     if (!gather(run, true, group.first + j, kModeShapes, b)) return -2;
     const Sums p = dot(b, v);
-    ct[j] = p.t, cr[j] = p.r, cf[j] = p.f;
+    group.ct[j] = p.t, group.cr[j] = p.r, group.cf[j] = p.f;
   }
-  const std::vector<double> at = fit(group.gram_t, ct, g), ar = fit(group.gram_r, cr, g);
-  run.coefficients[k] = fit(group.gram_f, cf, g);
+  solve(group.t, group.ct, group.at);
+  solve(group.r, group.cr, group.ar);
+  std::vector<double> &coefficients = run.coefficients[k];
+  solve(group.f, group.cf, coefficients);
   // A mode of its own eigenvalue can only have changed sign: a small change of the shape must not
   // scale what is compared through the coefficients (stresses, invariants, loads).
-  if (g == 1) run.coefficients[k][0] = run.coefficients[k][0] < 0.0 ? -1.0 : 1.0;
+  if (g == 1) coefficients[0] = coefficients[0] < 0.0 ? -1.0 : 1.0;
   // The remainder is formed explicitly: subtracting squared lengths would lose half the digits.
-  std::vector<double> r = v;
+  r = v;
   for (int j = 0; j < g; ++j) {
     if (!gather(run, true, group.first + j, kModeShapes, b)) return -2;
     for (std::size_t i = 0; i < r.size(); i += 6)
-      for (int d = 0; d < 6; ++d) r[i + d] -= (d < 3 ? at[j] : ar[j]) * b[i + d];
+      for (int d = 0; d < 6; ++d) r[i + d] -= (d < 3 ? group.at[j] : group.ar[j]) * b[i + d];
   }
   const Sums own = dot(v, v), rest = dot(r, r);
   const int32_t number = run.fresh->eigen[k].number;
-  const int t = judge(run, remainder_ratio(rest.t, own.t, all_zero_diagonal(group.gram_t, g)),
+  const int t = judge(run, remainder_ratio(rest.t, own.t, group.t.zero_diagonal),
                       "EigenVector translational: #%d", number);
-  const int rr = judge(run, remainder_ratio(rest.r, own.r, all_zero_diagonal(group.gram_r, g)),
+  const int rr = judge(run, remainder_ratio(rest.r, own.r, group.r.zero_diagonal),
                        "EigenVector rotational: #%d", number);
   return t == 0 && rr == 0 ? 1 : 0;
 }
@@ -187,11 +219,11 @@ int check_mode_shapes(CompareRun &run) {
     run.coefficients[k][k - run.group_first[k]] = 1.0;
   }
   int failed = 0;
+  Group group;
   for (int32_t first = 0; first < run.modes; first = run.group_end[first]) {
-    Group group;
     group.first = first;
     group.g = run.group_end[first] - first;
-    if (!fill_gram(run, group)) {
+    if (!factorise_group(run, group)) {
       for (int32_t k = first; k < first + group.g; ++k)
         judge(run, 1.0, "EigenVector translational: #%d", run.fresh->eigen[k].number);
       failed += group.g;

@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <cmath>
+#include <cstring>
 
 #include "format/krxread.h"
 #include "host/krx_fortran.h"
@@ -64,6 +65,45 @@ krx::KRXDATA *read_bytes(const uint8_t *data, std::size_t size) {
   if (ok) return model;
   krx::release_model(model);
   return nullptr;
+}
+
+namespace {
+
+template <class T>
+void put(std::vector<uint8_t> &bytes, T value) {
+  const std::size_t at = bytes.size();
+  bytes.resize(at + sizeof value);
+  std::memcpy(bytes.data() + at, &value, sizeof value);
+}
+
+template <class Real>
+void put_eigen_records(std::vector<uint8_t> &bytes, int32_t modes, double (*eigenvalue)(int32_t)) {
+  for (int32_t k = 1; k <= modes; ++k) {
+    const double lambda = eigenvalue(k), omega = std::sqrt(std::fabs(lambda));
+    put(bytes, k);
+    for (double v : {lambda, omega / krx::kTwoPi, omega, 1.0, lambda}) put(bytes, Real(v));
+  }
+}
+
+}  // namespace
+
+std::vector<uint8_t> modes_only_file(int32_t modes, double (*eigenvalue)(int32_t), bool single) {
+  std::vector<uint8_t> bytes;
+  bytes.reserve(660 + std::size_t(modes) * (single ? 28 : 48));
+  put(bytes, int32_t(single ? 50 : 60));
+  bytes.resize(bytes.size() + 544, 0);  // header
+  const std::size_t flags = bytes.size();
+  bytes.resize(flags + 100, 0);
+  bytes[flags] = bytes[flags + 3] = bytes[flags + 4] = 1;  // nodal coordinates, eigenvalues, mode shapes
+  put(bytes, int32_t(0));  // block 4: no nodes, 3 coordinates each
+  put(bytes, int32_t(3));
+  put(bytes, modes);  // block 7
+  if (single) put_eigen_records<float>(bytes, modes, eigenvalue);
+  else put_eigen_records<double>(bytes, modes, eigenvalue);
+  put(bytes, modes);  // block 8: no nodes, so each record is its mode number alone
+  put(bytes, int32_t(0));
+  for (int32_t k = 1; k <= modes; ++k) put(bytes, k);
+  return bytes;
 }
 
 int build_session(int nodes, int modes, StatusObserver observe) {

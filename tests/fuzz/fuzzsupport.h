@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <string>
+#include <vector>
 
 #include "model/krxdata.h"
 
@@ -26,6 +27,11 @@ void list_every_block(krx::KRXDATA *model, FILE *out);
 
 // Reads the bytes into a fresh model; null (model released) when the reader refuses them.
 krx::KRXDATA *read_bytes(const uint8_t *data, std::size_t size);
+
+// A native file of modes over no nodes, built from the layout rather than by the writer: block 4
+// without nodes, block 7 with the eigenvalue of mode k (1-based) from eigenvalue(k), block 8
+// without values. Reals are doubles (code 60) or, with single, floats (code 50).
+std::vector<uint8_t> modes_only_file(int32_t modes, double (*eigenvalue)(int32_t), bool single);
 
 // A small model of every kind of item through the exported entries, as a host builds it: nodes,
 // masses, inertias, mode shapes, stresses, strains, generalized mass and stiffness, faces and an

@@ -1,8 +1,10 @@
 // Writes the seed corpus of the fuzz targets with the library itself:
 //   make_corpus <corpus directory>
-// read/: a sample of every version code and a file of every option family of the writer;
-// compare/: pairs of those files (4-byte length of the base, base, new file);
+// read/: a sample of every version code, a file of every option family of the writer and a file of
+// many modes made from the layout; compare/: pairs of those files (4-byte length of the base, base,
+// new file), the file of many modes with itself;
 // options/: option texts; sketch/: sketch files. Regression inputs are kept by hand.
+#include <algorithm>
 #include <cstdlib>
 #include <cstdio>
 #include <cstring>
@@ -43,6 +45,22 @@ bool write_session(const fs::path &path, const char *options) {
   return ok && status == 0;
 }
 
+// The fuzz input of a pair: the base file's length (4 bytes), the base file, the new file.
+std::vector<char> pair_of(const std::vector<char> &base, const std::vector<char> &fresh) {
+  const uint32_t split = uint32_t(base.size());
+  std::vector<char> pair(4 + base.size() + fresh.size());
+  std::memcpy(pair.data(), &split, 4);
+  std::copy(base.begin(), base.end(), pair.begin() + 4);
+  std::copy(fresh.begin(), fresh.end(), pair.begin() + 4 + std::ptrdiff_t(base.size()));
+  return pair;
+}
+
+constexpr int32_t kCloseModes = 1100;
+double close_eigenvalue(int32_t k) {
+  if (k <= 6) return 0.0;
+  return k <= 600 ? 1000.0 + 0.001 * (k - 7) : 5000.0;
+}
+
 }  // namespace
 
 int main(int argc, char **argv) {
@@ -81,14 +99,16 @@ int main(int argc, char **argv) {
   const std::size_t pairs[][2] = {{0, 0}, {1, 8}, {4, 8}, {6, 10}, {8, 9}, {13, 15}, {17, 16}, {19, 19}};
   for (const auto &pick : pairs) {
     std::size_t i = pick[0];
-    std::vector<char> base = bytes_of(files[i]);
-    std::vector<char> fresh = bytes_of(files[pick[1]]);
-    uint32_t split = uint32_t(base.size());
-    std::vector<char> pair(reinterpret_cast<char *>(&split), reinterpret_cast<char *>(&split) + 4);
-    pair.insert(pair.end(), base.begin(), base.end());
-    pair.insert(pair.end(), fresh.begin(), fresh.end());
-    put(root / "compare" / ("pair-" + files[i].stem().string() + "-" + files[pick[1]].stem().string() + ".bin"), pair);
+    put(root / "compare" / ("pair-" + files[i].stem().string() + "-" + files[pick[1]].stem().string() + ".bin"),
+        pair_of(bytes_of(files[i]), bytes_of(files[pick[1]])));
   }
+  // A file of many modes over no nodes with itself, small enough for the fuzzer's input length:
+  // rigid-body zeros, a slow rise that chains from mode to mode within the tolerance, and a run of
+  // equal eigenvalues longer than an eigenspace group.
+  const std::vector<uint8_t> modes = krxfuzz::modes_only_file(kCloseModes, close_eigenvalue, true);
+  const std::vector<char> file(modes.begin(), modes.end());
+  put(root / "read" / "modes-1100-close-eigenvalues-over-no-nodes.krx", file);
+  put(root / "compare" / "pair-1100-close-eigenvalues-over-no-nodes.bin", pair_of(file, file));
 
   const char *texts[] = {"", "full_invar", "no_xdr single", "81_comp full_str", "82_comp sparse_str",
                          "sketch(\"faces.txt\") strip_face", "coarsen(0.05,10,1,101,102,preserve_str)",
