@@ -185,7 +185,8 @@ int32_t kind_slot_or_add(KRXDATA *model, int kind, int32_t node_id, int32_t posi
   int32_t known = find_id(slot.index, node_id);
   if (known >= 0) return known;
   int32_t added = int32_t(slot.nodes.size());
-  slot.nodes.reserve(slot.nodes.size() + 1);
+  // Room first: once the index holds the node, the append cannot fail.
+  reserve_one_more(slot.nodes, 1000);
   insert_id(slot.index, node_id, added);
   slot.nodes.push_back(position);
   return added;
