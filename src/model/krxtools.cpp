@@ -293,18 +293,23 @@ bool store_next_vector(KRXDATA *model, int kind, int32_t mode_number, int32_t no
   VectorSlot &slot = model->store[kind];
   const auto &nodes = model->nodes;
   const int32_t position = slot.node_hint + 1;
-  if (!holds(nodes, position, node_id)) return false;
+  if (!holds(nodes, position, node_id)) [[unlikely]]
+    return false;
   const int32_t index = slot.mode_hint;
-  if (!holds(model->modes, index, mode_number) || size_t(index) >= slot.runs.size()) return false;
+  if (!holds(model->modes, index, mode_number) || size_t(index) >= slot.runs.size()) [[unlikely]]
+    return false;
   int32_t node_slot = position;
   if (kind != kModeShapes) {
     node_slot = slot.slot_hint + 1;
-    if (!holds(slot.nodes, node_slot, position)) return false;
+    if (!holds(slot.nodes, node_slot, position)) [[unlikely]]
+      return false;
   }
-  if (!slot.io.file || !slot.io.precision || size_t(index) >= slot.record_start.size()) return false;
+  if (!slot.io.file || !slot.io.precision || size_t(index) >= slot.record_start.size()) [[unlikely]]
+    return false;
   PendingRun &run = slot.runs[size_t(index)];
   const int64_t offset = slot.record_start[size_t(index)] + int64_t(node_slot) * slot.slot_bytes;
   if (run.used == 0 || offset != run.start + run.used || run.used + kNodeStep > slot.run_capacity)
+      [[unlikely]]
     return false;
   std::memcpy(run.bytes.get() + run.used, values, kNodeStep);
   run.used += kNodeStep;
@@ -404,7 +409,8 @@ int store_node_vector(KRXDATA *model, int32_t mode_number, int32_t node_id, int 
   if (!model_exists(model) || !valid_kind(kind)) return 0;
   if (mode_number == 0 && kind != kModeShapes)
     return set_pre_values(model, node_id, kind, values);
-  if (store_next_vector(model, kind, mode_number, node_id, values)) return 1;
+  if (store_next_vector(model, kind, mode_number, node_id, values)) [[likely]]
+    return 1;
   Target target;
   if (!locate(model, mode_number, node_id, kind, target)) return 0;
   if (target.offset < 0) {
