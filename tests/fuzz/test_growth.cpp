@@ -6,6 +6,8 @@
 #include <gtest/gtest.h>
 
 #include <cstdio>
+#include <cstdlib>
+#include <string>
 #include <functional>
 
 #include "counting_new.h"
@@ -85,11 +87,14 @@ struct GrowthTest : ::testing::Test {
   }
 
   // Both sizes; the larger may need at most a few times the allocations of the smaller.
-  void expect_geometric(const char *what, const Growth &g) {
-    long small = allocations(g, 1000);
-    long large = allocations(g, 100000);
+  void expect_geometric(const char *what, const std::function<long(int n)> &count) {
+    long small = count(1000);
+    long large = count(100000);
     std::printf("%-30s %6ld allocations for 1,000 items, %6ld for 100,000\n", what, small, large);
     EXPECT_LE(large, 3 * small + 8) << what;
+  }
+  void expect_geometric(const char *what, const Growth &g) {
+    expect_geometric(what, [&](int n) { return allocations(g, n); });
   }
 };
 
@@ -104,6 +109,30 @@ TEST_F(GrowthTest, NodeTableAndVectorNodeLists) {
   // The hints cover hosts that go node after node; any other order uses the indexes.
   expect_geometric("modal stress, nodes backwards",
                    {vectors(KRX_SET_MODAL_STRESS_VEC, 1, true), true});
+}
+
+// The write lists the nodes that sit at the origin: a list that grows with every such node.
+TEST_F(GrowthTest, WriteOfNodesAtTheOrigin) {
+  const std::string out = std::string(std::getenv("TMP") ? std::getenv("TMP") : "/tmp") +
+                          "/growth_at_origin.krx";
+  auto count = [&](int n) -> long {
+    int status = 0, nodes = n, modes = 1;
+    KRX_CREATE(&nodes, &modes, &status);
+    for (int i = 0; i < n; ++i) {
+      int id = id_of(i);
+      double xyz[3] = {0.0, 0.0, 0.0};
+      KRX_SET_NODE_COORDINATES_VEC(&id, xyz, &status);
+    }
+    countingnew::counting();
+    KRX_WRITE_KRX(out.c_str(), &status, int(out.size()));
+    long made = countingnew::calls;
+    countingnew::disarm();
+    EXPECT_EQ(0, status);
+    KRX_TERMINATE(&status);
+    std::remove(out.c_str());
+    return made;
+  };
+  expect_geometric("write, nodes at the origin", count);
 }
 
 TEST_F(GrowthTest, FacesAndInterfaceNodes) {
