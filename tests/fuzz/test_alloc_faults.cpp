@@ -11,8 +11,8 @@
 #include <filesystem>
 #include <new>
 
-#include "format/krxread.h"
 #include "counting_new.h"
+#include "format/krxread.h"
 #include "fuzzsupport.h"
 #include "host/krx_fortran.h"
 #include "inspect/krxcompare.h"
