@@ -236,6 +236,58 @@ TEST_F(VectorStore, ReadsBackWhatWasStoredInAnyOrder) {
   expect_records(model, krx::kModeShapes);
 }
 
+// Stores that continue the pending run of their mode take a shorter way than the others; both
+// must land where the other would have put them. The stress list is built backwards, so that
+// nodes that follow each other in the node table do not follow each other in the list; some nodes
+// are stored twice in a row or again later, some values one at a time, and the runs fill.
+TEST_F(VectorStore, StoresThatContinueARunLandWhereAnyOtherStoreWould) {
+  RecordingHost host;
+  constexpr int kMany = 12000;
+  krx::KRXDATA *model = make(kMany, 2);
+  for (int node = 0; node < kMany; ++node) krx::add_node(model, node);
+  // expected[kind][mode - 1] holds six values per node, in node order.
+  std::vector<double> expected[2][2];
+  for (auto &kind : expected)
+    for (auto &mode : kind) mode.assign(size_t(kMany) * 6, 0.0);
+  auto store = [&](int kind, int mode, int node, int variant) {
+    double v[6];
+    vector_for(mode + variant, node, v);
+    ASSERT_EQ(krx::store_node_vector(model, mode, node, kind, v), 1);
+    std::copy_n(v, 6, expected[kind][mode - 1].begin() + node * 6);
+  };
+  for (int node = kMany - 1; node >= 0; --node) store(krx::kModalStress, 1, node, 0);
+  for (int node = 0; node < kMany; ++node) {
+    for (int kind : {krx::kModeShapes, krx::kModalStress}) {
+      store(kind, 2, node, 0);
+      if (node % 7 == 0) store(kind, 2, node, 5);
+      if (node % 1000 == 999) {
+        store(kind, 2, node - 500, 7);
+        store(kind, 2, node - 499, 7);
+      }
+      if (node % 11 == 0) {
+        ASSERT_EQ(krx::store_node_value(model, 2, node, kind, 2, -node), 1);
+        expected[kind][1][size_t(node) * 6 + 2] = -node;
+      }
+    }
+    store(krx::kModeShapes, 1, node, 0);
+  }
+  for (int kind : {krx::kModeShapes, krx::kModalStress}) {
+    for (int mode = 1; mode <= 2; ++mode) {
+      ASSERT_EQ(krx::load_mode_record(model, mode, kind), 1);
+      const auto &record = model->store[kind].record;
+      for (int node = 0; node < kMany; ++node) {
+        size_t slot = size_t(krx::kind_slot(model, kind, node));
+        ASSERT_EQ(std::memcmp(&record[slot * 6], &expected[kind][mode - 1][size_t(node) * 6],
+                              6 * sizeof(double)),
+                  0)
+            << "kind " << kind << " mode " << mode << " node " << node;
+      }
+    }
+  }
+  EXPECT_EQ(krx::kind_slot(model, krx::kModalStress, 0), kMany - 1);
+  EXPECT_TRUE(host.texts(3).empty());
+}
+
 TEST_F(VectorStore, SeesStoresMadeBetweenReads) {
   RecordingHost host;
   krx::KRXDATA *model = make(10, 2);

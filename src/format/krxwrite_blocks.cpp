@@ -29,7 +29,7 @@ int write_nodal_coords(WriteState &state) {
     block.ids.push_back(node.id);
     block.xyz.insert(block.xyz.end(), {node.x, node.y, node.z});
     if (node.x == 0.0 && node.y == 0.0 && node.z == 0.0) {
-      if (at_origin.size() == at_origin.capacity()) at_origin.reserve(at_origin.size() + 100);
+      reserve_one_more(at_origin, 100);
       at_origin.push_back(node.id);
     }
   }

@@ -162,18 +162,26 @@ int add_face(KRXDATA *model, int32_t count, const int32_t *node_ids) {
     if (faces.capacity() == 0) faces.reserve(kFaceGrowth);
     if (count < 1) return 0;
     reserve_in_steps(faces, faces.size() + size_t(count) + 1, kFaceGrowth);
-    std::vector<int32_t> kept;
-    kept.reserve(size_t(count));
+    // The face is built in place at the end of the list, within the room just made, and taken
+    // back when it is refused.
+    const size_t start = faces.size();
+    faces.push_back(0);
     for (int32_t j = 0; j < count; ++j) {
       int32_t position = node_position_or_add(model, node_ids[j]);
-      if (position < 0) return 0;
+      if (position < 0) {
+        faces.resize(start);
+        return 0;
+      }
       bool is_last = j == count - 1;
-      if (j == 0 || (position != kept.back() && !(is_last && position == kept.front())))
-        kept.push_back(position);
+      if (j == 0 || (position != faces.back() && !(is_last && position == faces[start + 1])))
+        faces.push_back(position);
     }
-    if (kept.size() < 2) return 0;
-    faces.push_back(int32_t(kept.size()));
-    faces.insert(faces.end(), kept.begin(), kept.end());
+    const size_t kept = faces.size() - start - 1;
+    if (kept < 2) {
+      faces.resize(start);
+      return 0;
+    }
+    faces[start] = int32_t(kept);
     model->face_count += 1;
     model->flags[kFlagElementFaces] = 1;
     return 1;

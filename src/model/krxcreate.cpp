@@ -170,11 +170,7 @@ void index_nodes(KRXDATA &model) {
 int32_t append_node(KRXDATA &model, int32_t id) {
   index_nodes(model);
   auto &nodes = model.nodes;
-  if (nodes.size() == nodes.capacity()) {
-    // At least 1000 entries at a time, and never fewer than half the table: a million nodes
-    // added one by one must not copy the table a thousand times.
-    nodes.reserve(nodes.capacity() + std::max<std::size_t>(1000, nodes.capacity() / 2));
-  }
+  reserve_one_more(nodes, 1000);
   int32_t position = int32_t(nodes.size());
   insert_id(model.node_index, id, position);
   nodes.emplace_back();
@@ -252,10 +248,9 @@ namespace {
 // A generalized-mass diagonal entry further than this from 1 asks for the transformation.
 constexpr double kUnitTolerance = 1e-8;
 
-// Grows a generalized-matrix list by 100 entries at a time.
 int append_entry(std::vector<MatrixEntry> &list, int32_t row, int32_t column, double value) {
   try {
-    if (list.size() == list.capacity()) list.reserve(list.capacity() + 100);
+    reserve_one_more(list, 100);
     list.push_back(MatrixEntry{row, column, value});
     return 1;
   } catch (const std::bad_alloc &) {

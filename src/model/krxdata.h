@@ -7,6 +7,7 @@
 
 #include <rpc/xdr.h>
 
+#include <algorithm>
 #include <array>
 #include <cstdint>
 #include <cstdio>
@@ -73,6 +74,15 @@ void reserve_ids(IdIndex &index, std::size_t count);
 void clear_ids(IdIndex &index);
 // The (id, position) pairs in increasing id order, built when something needs sorted order.
 std::vector<std::pair<int32_t, int32_t>> sorted_ids(const IdIndex &index);
+
+// Room for one more element: a full list grows by half its capacity, at least by `step`, so that
+// n appends copy O(n) elements in all and allocate O(log n) times. std::bad_alloc goes to the
+// caller with the list unchanged.
+template <typename T>
+void reserve_one_more(std::vector<T> &list, std::size_t step) {
+  if (list.size() < list.capacity()) return;
+  list.reserve(list.capacity() + std::max(step, list.capacity() / 2));
+}
 
 struct NodeRecord {
   int32_t id = 0;
@@ -186,7 +196,7 @@ struct KRXDATA {
 
   std::array<uint8_t, kFlagCount> flags{};
 
-  // Node table; allocated entries grow by 1000.
+  // Node table; grows by half, at least 1000 entries at a time.
   uint32_t node_capacity = 0;
   std::vector<NodeRecord> nodes;
   IdIndex node_index;  // id to position, built on first use
@@ -202,7 +212,7 @@ struct KRXDATA {
   int32_t retained_modes = 0;  // equals the registry count until the eigen solution sets it
   bool retained_set = false;
 
-  // Generalized matrices: appended, never merged; a list grows by 100 entries.
+  // Generalized matrices: appended, never merged; a list grows by half, at least 100 entries.
   std::vector<MatrixEntry> stiffness, mass, damping;
   // 1 once the damping matrix is projected onto principal coordinates: its first six rows and
   // columns are then the principal rigid-body degrees of freedom. The listing says which.

@@ -86,6 +86,14 @@ bool flush_runs(VectorSlot &slot, int kind) {
   return ok;
 }
 
+// Whole node vectors, the common size, are copied with a fixed-size copy.
+void copy_bytes(unsigned char *to, const unsigned char *from, int64_t size) {
+  if (size == kNodeStep)
+    std::memcpy(to, from, kNodeStep);
+  else
+    std::memcpy(to, from, size_t(size));
+}
+
 // Bytes for a record join that record's run when they continue or overwrite it; otherwise the
 // run is written out and a new one starts. A host storing mode by mode fills one run at a time,
 // one storing node by node across modes fills one run per mode; either way a system call
@@ -98,7 +106,7 @@ int queue_write(VectorSlot &slot, int kind, int32_t index, int64_t offset,
     PendingRun &run = slot.runs[size_t(index)];
     if (run.used > 0 && offset >= run.start && offset <= run.start + run.used &&
         offset + size <= run.start + slot.run_capacity) {
-      std::memcpy(run.bytes.get() + (offset - run.start), data, size_t(size));
+      copy_bytes(run.bytes.get() + (offset - run.start), data, size);
       run.used = std::max(run.used, offset + size - run.start);
       return 1;
     }
@@ -185,7 +193,8 @@ int32_t kind_slot_or_add(KRXDATA *model, int kind, int32_t node_id, int32_t posi
   int32_t known = find_id(slot.index, node_id);
   if (known >= 0) return known;
   int32_t added = int32_t(slot.nodes.size());
-  slot.nodes.reserve(slot.nodes.size() + 1);
+  // Room first: once the index holds the node, the append cannot fail.
+  reserve_one_more(slot.nodes, 1000);
   insert_id(slot.index, node_id, added);
   slot.nodes.push_back(position);
   return added;
@@ -199,25 +208,55 @@ struct Target {
 };
 
 // Hosts store either the node of the last store or the next one, and mostly the same mode as
-// last time or one of a few; the hints spare the lookups on the common path.
+// last time or the next; the hints spare the lookups on the common path. A negative hint, or one
+// past the end, fails the size test.
+bool holds(const std::vector<NodeRecord> &nodes, int32_t at, int32_t node_id) {
+  return size_t(at) < nodes.size() && nodes[size_t(at)].id == node_id;
+}
+
+bool holds(const std::vector<int32_t> &list, int32_t at, int32_t value) {
+  return size_t(at) < list.size() && list[size_t(at)] == value;
+}
+
+// A host going node after node reads the node table as a stream: fetch ahead of it.
+void fetch_ahead(const std::vector<NodeRecord> &nodes, int32_t at) {
+  __builtin_prefetch(nodes.data() + std::min(size_t(at) + 8, nodes.size() - 1));
+}
+
 int32_t hinted_node_position(KRXDATA *model, VectorSlot &slot, int32_t node_id) {
   const auto &nodes = model->nodes;
-  for (int32_t at : {slot.node_hint, slot.node_hint + 1})
-    if (at >= 0 && size_t(at) < nodes.size() && nodes[size_t(at)].id == node_id)
-      return slot.node_hint = at;
+  int32_t at = slot.node_hint;
+  if (!holds(nodes, at, node_id)) ++at;
+  if (holds(nodes, at, node_id)) {
+    fetch_ahead(nodes, at);
+    return slot.node_hint = at;
+  }
   int32_t position = node_position_or_add(model, node_id);
   if (position >= 0) slot.node_hint = position;
   return position;
 }
 
 int32_t hinted_mode_index(KRXDATA *model, VectorSlot &slot, int32_t mode_number) {
-  const auto &modes = model->modes;
-  for (int32_t at : {slot.mode_hint, slot.mode_hint + 1})
-    if (at >= 0 && size_t(at) < modes.size() && modes[size_t(at)] == mode_number)
-      return slot.mode_hint = at;
+  int32_t at = slot.mode_hint;
+  if (!holds(model->modes, at, mode_number)) ++at;
+  if (holds(model->modes, at, mode_number)) return slot.mode_hint = at;
   int32_t index = register_mode(model, mode_number);
   if (index >= 0) slot.mode_hint = index;
   return index;
+}
+
+// Kinds 1 and 2: the node's slot in the kind's list, added when it has none.
+int32_t hinted_kind_slot(KRXDATA *model, VectorSlot &slot, int kind, int32_t node_id,
+                         int32_t position) {
+  int32_t at = slot.slot_hint;
+  if (!holds(slot.nodes, at, position)) ++at;
+  if (holds(slot.nodes, at, position)) return slot.slot_hint = at;
+  try {
+    return slot.slot_hint = kind_slot_or_add(model, kind, node_id, position);
+  } catch (const std::bad_alloc &) {
+    KRX_REPORT_ALLOC(kSource);
+    return -1;
+  }
 }
 
 int locate(KRXDATA *model, int32_t mode_number, int32_t node_id, int kind, Target &target) {
@@ -228,19 +267,9 @@ int locate(KRXDATA *model, int32_t mode_number, int32_t node_id, int kind, Targe
   target.index = hinted_mode_index(model, slot, mode_number);
   if (target.index < 0) return 0;
   int32_t node_slot = position;
-  bool hinted = kind == kModeShapes;
-  for (int32_t at : {slot.slot_hint, slot.slot_hint + 1})
-    if (!hinted && at >= 0 && size_t(at) < slot.nodes.size() && slot.nodes[size_t(at)] == position) {
-      node_slot = slot.slot_hint = at;
-      hinted = true;
-    }
-  if (!hinted) {
-    try {
-      node_slot = slot.slot_hint = kind_slot_or_add(model, kind, node_id, position);
-    } catch (const std::bad_alloc &) {
-      KRX_REPORT_ALLOC(kSource);
-      return 0;
-    }
+  if (kind != kModeShapes) {
+    node_slot = hinted_kind_slot(model, slot, kind, node_id, position);
+    if (node_slot < 0) return 0;
   }
   if (size_t(target.index) < slot.record_start.size())
     target.offset = slot.record_start[size_t(target.index)] + int64_t(node_slot) * slot.slot_bytes;
@@ -254,6 +283,41 @@ void finish_store(KRXDATA *model, int kind, int32_t index) {
   VectorSlot &slot = model->store[kind];
   if (slot.held_mode == index) slot.held_mode = -1;
   model->flags[size_t(kContentFlag[kind])] = 1;
+}
+
+// The common store in one piece: the node after the last one stored, the mode of the last store,
+// doubles, and bytes that continue the mode's pending run. False when any of it does not hold;
+// the general path then does the same work step by step.
+bool store_next_vector(KRXDATA *model, int kind, int32_t mode_number, int32_t node_id,
+                       const double values[6]) {
+  VectorSlot &slot = model->store[kind];
+  const auto &nodes = model->nodes;
+  const int32_t position = slot.node_hint + 1;
+  if (!holds(nodes, position, node_id)) [[unlikely]]
+    return false;
+  const int32_t index = slot.mode_hint;
+  if (!holds(model->modes, index, mode_number) || size_t(index) >= slot.runs.size()) [[unlikely]]
+    return false;
+  int32_t node_slot = position;
+  if (kind != kModeShapes) {
+    node_slot = slot.slot_hint + 1;
+    if (!holds(slot.nodes, node_slot, position)) [[unlikely]]
+      return false;
+  }
+  if (!slot.io.file || !slot.io.precision || size_t(index) >= slot.record_start.size()) [[unlikely]]
+    return false;
+  PendingRun &run = slot.runs[size_t(index)];
+  const int64_t offset = slot.record_start[size_t(index)] + int64_t(node_slot) * slot.slot_bytes;
+  if (run.used == 0 || offset != run.start + run.used || run.used + kNodeStep > slot.run_capacity)
+      [[unlikely]]
+    return false;
+  std::memcpy(run.bytes.get() + run.used, values, kNodeStep);
+  run.used += kNodeStep;
+  fetch_ahead(nodes, position);
+  slot.node_hint = position;
+  if (kind != kModeShapes) slot.slot_hint = node_slot;
+  finish_store(model, kind, index);
+  return true;
 }
 
 // ---- Reading records ----------------------------------------------------------------------------
@@ -345,6 +409,8 @@ int store_node_vector(KRXDATA *model, int32_t mode_number, int32_t node_id, int 
   if (!model_exists(model) || !valid_kind(kind)) return 0;
   if (mode_number == 0 && kind != kModeShapes)
     return set_pre_values(model, node_id, kind, values);
+  if (store_next_vector(model, kind, mode_number, node_id, values)) [[likely]]
+    return 1;
   Target target;
   if (!locate(model, mode_number, node_id, kind, target)) return 0;
   if (target.offset < 0) {
@@ -353,18 +419,19 @@ int store_node_vector(KRXDATA *model, int32_t mode_number, int32_t node_id, int 
     return 0;
   }
   VectorSlot &slot = model->store[kind];
-  unsigned char image[kNodeStep] = {};
+  const auto *bytes = reinterpret_cast<const unsigned char *>(values);
   int64_t size = kNodeStep;
-  if (slot.io.precision) {
-    std::memcpy(image, values, kNodeStep);
-  } else {
+  unsigned char image[kNodeStep];
+  if (!slot.io.precision) {
     float narrow[6];
     for (int j = 0; j < 6; ++j) narrow[j] = float(values[j]);
-    std::memcpy(image, narrow, sizeof narrow);
     // The unused half of the 48-byte step goes along as zeros, so that runs stay contiguous.
+    std::memset(image, 0, sizeof image);
+    std::memcpy(image, narrow, sizeof narrow);
     if (slot.slot_bytes < kNodeStep) size = sizeof narrow;
+    bytes = image;
   }
-  if (!queue_write(slot, kind, target.index, target.offset, image, size)) return 0;
+  if (!queue_write(slot, kind, target.index, target.offset, bytes, size)) return 0;
   finish_store(model, kind, target.index);
   return 1;
 }

@@ -11,6 +11,7 @@
 #include <filesystem>
 #include <new>
 
+#include "counting_new.h"
 #include "format/krxread.h"
 #include "fuzzsupport.h"
 #include "host/krx_fortran.h"
@@ -22,28 +23,10 @@ namespace {
 
 namespace fs = std::filesystem;
 
-// ---- the failing allocator: armed, it counts calls and fails the k-th ----
-long fail_at = 0;       // 0: never fail
-long calls = 0;
-bool failed = false;    // the k-th call has happened
-
-void *allocate(std::size_t n, bool nothrow) {
-  if (fail_at > 0 && ++calls == fail_at) {
-    failed = true;
-    if (nothrow) return nullptr;
-    throw std::bad_alloc();
-  }
-  void *p = std::malloc(n ? n : 1);
-  if (!p && !nothrow) throw std::bad_alloc();
-  return p;
-}
-
-void arm(long k) {
-  calls = 0;
-  failed = false;
-  fail_at = k;
-}
-void disarm() { fail_at = 0; }
+// The failing allocator (counting_new.cpp): armed with k, it fails the k-th allocation.
+using countingnew::arm;
+using countingnew::disarm;
+using countingnew::failed;
 
 // ---- a host that records without allocating ----
 struct Heard {
@@ -224,13 +207,3 @@ TEST_F(AllocFaults, ReadListCompareFailsCleanlyAtEveryAllocation) {
 }
 
 }  // namespace
-
-// Every form of operator new goes through the counting allocator.
-void *operator new(std::size_t n) { return allocate(n, false); }
-void *operator new[](std::size_t n) { return allocate(n, false); }
-void *operator new(std::size_t n, const std::nothrow_t &) noexcept { return allocate(n, true); }
-void *operator new[](std::size_t n, const std::nothrow_t &) noexcept { return allocate(n, true); }
-void operator delete(void *p) noexcept { std::free(p); }
-void operator delete[](void *p) noexcept { std::free(p); }
-void operator delete(void *p, std::size_t) noexcept { std::free(p); }
-void operator delete[](void *p, std::size_t) noexcept { std::free(p); }
