@@ -1,0 +1,169 @@
+// Hands the model to the library through the exported entries: header, units, nodes with their
+// lumped masses, the skin, then mode after mode the shape, the stresses and the generalized mass
+// and stiffness, and last the write.
+#include <cstring>
+
+#include "krx/krx.h"
+#include "ccx2krx.h"
+
+namespace ccx {
+
+namespace {
+
+bool entry(int status, const char *what) {
+  if (status != 0) return failed("the library refused %s", what);
+  return true;
+}
+
+bool set_header(const ExportJob &job) {
+  const std::string &title = job.deck->heading.empty() ? job.deck_name : job.deck->heading;
+  const char *type = "CalculiX";
+  std::string c1 = "ccx2krx: " + std::to_string(job.eig->modes) + " modes of CalculiX";
+  std::string c2 = "units " + job.units_name;
+  const char *c3 = "";
+  int status = 1;
+  KRX_SET_HEADER(title.c_str(), job.deck_name.c_str(), type, c1.c_str(), c2.c_str(), c3, &status,
+                 static_cast<int>(title.size()), static_cast<int>(job.deck_name.size()),
+                 static_cast<int>(std::strlen(type)), static_cast<int>(c1.size()),
+                 static_cast<int>(c2.size()), 0);
+  return entry(status, "the header");
+}
+
+bool set_nodes(const ExportJob &job) {
+  const Deck &deck = *job.deck;
+  for (size_t i = 0; i < deck.node_ids.size(); ++i) {
+    int id = deck.node_ids[i];
+    double xyz[3] = {deck.xyz[3 * i], deck.xyz[3 * i + 1], deck.xyz[3 * i + 2]};
+    double mass = (*job.nodal_mass)[i];
+    int status = 1;
+    KRX_SET_NODE_COORDINATES_VEC(&id, xyz, &status);
+    if (!entry(status, "a node")) return false;
+    KRX_SET_NODAL_MASS(&id, &mass, &status);
+    if (!entry(status, "a nodal mass")) return false;
+  }
+  return true;
+}
+
+bool set_faces(const std::vector<Face> &faces) {
+  for (const Face &f : faces) {
+    int count = f.count;
+    int ids[4] = {f.ids[0], f.ids[1], f.ids[2], f.ids[3]};
+    int status = 1;
+    KRX_SET_FACE(&count, ids, &status);
+    if (!entry(status, "a face")) return false;
+  }
+  return true;
+}
+
+// Translations from the eigenvector, rotations zero: solid elements have none.
+bool set_shape(const ExportJob &job, int mode, const std::vector<double> &vector,
+               std::vector<double> &by_node) {
+  size_t nodes = job.deck->node_ids.size();
+  by_node.assign(6 * nodes, 0.0);
+  for (size_t r = 0; r < vector.size(); ++r) {
+    int node = job.map->row_node[r], dir = job.map->row_dir[r];
+    if (node >= 0 && dir >= 0) by_node[6 * static_cast<size_t>(node) + static_cast<size_t>(dir)] = vector[r];
+  }
+  for (size_t i = 0; i < nodes; ++i) {
+    int id = job.deck->node_ids[i];
+    int status = 1;
+    KRX_SET_MODE_SHAPE_VEC(&mode, &id, &by_node[6 * i], &status);
+    if (!entry(status, "a mode shape")) return false;
+  }
+  return true;
+}
+
+// CalculiX lists SXX SYY SZZ SXY SYZ SZX; the library takes sigma x, y, z, tau xy, xz, yz.
+bool set_stresses(ExportJob &job, int mode) {
+  std::vector<int> nodes;
+  std::vector<double> values;
+  if (!read_frd_stresses(*job.frd, mode, nodes, values)) return false;
+  for (size_t k = 0; k < nodes.size(); ++k) {
+    if (node_index(*job.deck, nodes[k]) < 0) continue;
+    const double *s = &values[6 * k];
+    double ours[6] = {s[0], s[1], s[2], s[3], s[5], s[4]};
+    int status = 1;
+    KRX_SET_MODAL_STRESS_VEC(&mode, &nodes[k], ours, &status);
+    if (!entry(status, "a modal stress")) return false;
+  }
+  return true;
+}
+
+bool set_generalized(int i, int j, double mass, double stiffness) {
+  int status = 1;
+  for (int pass = 0; pass < (i == j ? 1 : 2); ++pass) {
+    int r = pass == 0 ? i : j, c = pass == 0 ? j : i;
+    KRX_SET_GENERALIZED_MASS(&r, &c, &mass, &status);
+    if (!entry(status, "a generalized mass")) return false;
+    KRX_SET_GENERALIZED_STIFFNESS(&r, &c, &stiffness, &status);
+    if (!entry(status, "a generalized stiffness")) return false;
+  }
+  return true;
+}
+
+// Mode j's products with M and K are formed once; the modes before it are read back from the
+// .eig file for the entries (i, j), so that only two modes are held at a time.
+bool set_modes(ExportJob &job) {
+  EigenFile &eig = *job.eig;
+  std::vector<double> phi, other, m_phi, k_phi, by_node;
+  for (int j = 1; j <= eig.modes; ++j) {
+    if (!read_eigenvector(eig, j, phi)) return false;
+    if (!set_shape(job, j, phi, by_node)) return false;
+    if (job.stress && !set_stresses(job, j)) return false;
+    m_phi.resize(phi.size());
+    k_phi.resize(phi.size());
+    multiply(*job.matrices, job.matrices->mass, phi.data(), m_phi.data());
+    multiply(*job.matrices, job.matrices->stiffness, phi.data(), k_phi.data());
+    for (int i = 1; i <= j; ++i) {
+      const std::vector<double> *left = &phi;
+      if (i != j) {
+        if (!read_eigenvector(eig, i, other)) return false;
+        left = &other;
+      }
+      if (!set_generalized(i, j, dot(*left, m_phi), dot(*left, k_phi))) return false;
+    }
+  }
+  return true;
+}
+
+int report_error(int level, const char *text) {
+  std::string line;
+  for (const char *p = text;; ++p) {
+    if (*p == '\n' || *p == 0) {
+      if (!line.empty())
+        std::fprintf(stderr, "ccx2krx: krxlib %s: %s\n", level >= 3 ? "error" : "warning", line.c_str());
+      line.clear();
+      if (*p == 0) break;
+    } else {
+      line += *p;
+    }
+  }
+  return 0;
+}
+
+}  // namespace
+
+bool export_model(ExportJob &job) {
+  krx_register_host_callbacks(nullptr, report_error, nullptr);
+  int nodes = static_cast<int>(job.deck->node_ids.size());
+  int modes = job.eig->modes;
+  int status = 1;
+  KRX_CREATE(&nodes, &modes, &status);
+  if (!entry(status, "to create a model")) return false;
+  bool ok = set_header(job);
+  if (ok) {
+    double u[4] = {job.units[0], job.units[1], job.units[2], job.units[3]};
+    KRX_UNITS_SI_MULTIPLIERS(&u[0], &u[1], &u[2], &u[3], &status);
+    ok = entry(status, "the units");
+  }
+  ok = ok && set_nodes(job) && set_faces(*job.faces) && set_modes(job);
+  if (ok) {
+    KRX_WRITE_KRX(job.output.c_str(), &status, static_cast<int>(job.output.size()));
+    ok = entry(status, "to write the file");
+  }
+  int end = 0;
+  KRX_TERMINATE(&end);
+  return ok;
+}
+
+}  // namespace ccx
