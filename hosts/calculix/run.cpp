@@ -51,25 +51,30 @@ pid_t start_job(const std::string &dir, const std::string &job, int &report) {
   return pid;
 }
 
-// CalculiX's own error lines, shown as they are.
+// CalculiX's own error lines (each *ERROR line and the lines that continue it), shown as they are
+// up to a screenful; the rest are counted.
 int show_errors(const std::string &log) {
+  const int kShown = 20;
   std::ifstream in(log);
   std::string line;
-  int shown = 0;
+  int lines = 0, errors = 0;
   bool in_error = false;
   while (std::getline(in, line)) {
+    line.erase(line.find_last_not_of(" \r") + 1);
     if (line.find("*ERROR") != std::string::npos) {
       in_error = true;
-    } else if (in_error && (line.empty() || line.find_first_not_of(' ') == std::string::npos)) {
+      ++errors;
+    } else if (line.empty() || line.find("*WARNING") != std::string::npos) {
       in_error = false;
-      continue;
     }
-    if (in_error && shown < 40) {
+    if (in_error && lines < kShown) {
       std::fprintf(stderr, "ccx2krx:   %s\n", line.c_str());
-      ++shown;
+      ++lines;
     }
   }
-  return shown;
+  if (lines == kShown) std::fprintf(stderr, "ccx2krx:   ... (%d *ERROR lines in all; --keep DIR keeps %s)\n", errors,
+                 log.substr(log.rfind('/') + 1).c_str());
+  return errors;
 }
 
 // Waits for the job; speak is false once another job has failed, since both jobs read the same
