@@ -32,6 +32,14 @@ const char *kDof = "10.1\n10.2\n20.1\n30.1\n";
 // on row 1 with 3, a coupling of 0.5 between rows 1 and 3.
 const char *kMass = "1 1  4.0\n2 2 3.0\n1 3 1.0\n3 3 2.0\n2 4 0.5\n4 4 1.0\n";
 
+ccx::DofMap dof_map(const ccx::Deck &deck) {
+  ccx::DofMap map;
+  std::FILE *f = snippet(kDof);
+  EXPECT_TRUE(ccx::parse_dof_map(f, "dof", deck, map));
+  std::fclose(f);
+  return map;
+}
+
 bool read_pair(const std::string &mass, const std::string &stiffness, ccx::Matrices &m) {
   m.n = 4;
   std::FILE *a = snippet(mass), *b = snippet(stiffness);
@@ -42,11 +50,7 @@ bool read_pair(const std::string &mass, const std::string &stiffness, ccx::Matri
 }
 
 TEST(CcxFiles, MapsRowsToNodesAndDirections) {
-  ccx::Deck deck = two_nodes();
-  ccx::DofMap map;
-  std::FILE *f = snippet(kDof);
-  ASSERT_TRUE(ccx::parse_dof_map(f, "dof", deck, map));
-  std::fclose(f);
+  ccx::DofMap map = dof_map(two_nodes());
   EXPECT_EQ(map.row_node, (std::vector<int>{0, 0, 1, -1}));
   EXPECT_EQ(map.row_dir, (std::vector<int>{0, 1, 0, -1}));
 }
@@ -69,11 +73,7 @@ TEST(CcxFiles, RefusesMatricesThatDoNotFitTheirPattern) {
 }
 
 TEST(CcxFiles, LumpsByScaledDiagonalKeepingTheTotalMass) {
-  ccx::Deck deck = two_nodes();
-  ccx::DofMap map;
-  std::FILE *f = snippet(kDof);
-  ASSERT_TRUE(ccx::parse_dof_map(f, "dof", deck, map));
-  std::fclose(f);
+  ccx::DofMap map = dof_map(two_nodes());
   ccx::Matrices m;
   ASSERT_TRUE(read_pair(kMass, kMass, m));
   std::vector<double> nodal;

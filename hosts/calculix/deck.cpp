@@ -12,21 +12,27 @@
 
 namespace ccx {
 
-void note(const char *format, ...) {
-  std::va_list args;
-  va_start(args, format);
+namespace {
+
+void report(const char *format, std::va_list args) {
   std::fputs("ccx2krx: ", stderr);
   std::vfprintf(stderr, format, args);
   std::fputc('\n', stderr);
+}
+
+}  // namespace
+
+void note(const char *format, ...) {
+  std::va_list args;
+  va_start(args, format);
+  report(format, args);
   va_end(args);
 }
 
 bool failed(const char *format, ...) {
   std::va_list args;
   va_start(args, format);
-  std::fputs("ccx2krx: ", stderr);
-  std::vfprintf(stderr, format, args);
-  std::fputc('\n', stderr);
+  report(format, args);
   va_end(args);
   return false;
 }
@@ -95,15 +101,14 @@ bool is_blank(const std::string &line) {
   return std::all_of(line.begin(), line.end(), [](char c) { return std::isspace(static_cast<unsigned char>(c)); });
 }
 
-// Reads numbers separated by commas; a trailing comma continues the record on the next line.
+// Reads the numbers of a data line; a field that is not a number is skipped. A record longer than
+// a line (a trailing comma) is gathered by the caller.
 void append_numbers(const std::string &line, std::vector<double> &out) {
   const char *p = line.c_str();
   while (*p) {
     char *end = nullptr;
     double v = std::strtod(p, &end);
-    if (end == p) {
-      while (*p && *p != ',') ++p;
-    } else {
+    if (end != p) {
       out.push_back(v);
       p = end;
     }
@@ -219,7 +224,7 @@ bool walk_text(Parser &p, const std::string &text, const std::string &base, int 
       std::string path = name[0] == '/' ? name : base + "/" + name;
       std::string included;
       if (!read_text(path, included)) return false;
-      p.block.clear();
+      // The included lines continue the block they stand in, as if written in its place.
       if (!walk_text(p, included, dir_of(path), depth + 1)) return false;
       continue;
     }
