@@ -131,13 +131,14 @@ TEST(CcxFiles, ReadsStressBlocksModeByMode) {
   ccx::close_frd(frd);
 }
 
-// Four integers, the eigenvalues, both matrices (diagonal and off-diagonal entries), then the
-// eigenvectors: built here byte by byte.
-void write_eig(const std::string &path, int rows, int off_diagonal, int modes, bool cut) {
+// Four integers, the eigenvalues, both matrices (diagonal and off-diagonal entries, extra more in
+// the stiffness), then the eigenvectors: built here byte by byte.
+void write_eig(const std::string &path, int rows, int off_diagonal, int modes, bool cut,
+               int extra = 0) {
   std::ofstream out(path, std::ios::binary);
   int32_t head[4] = {0, 1, 0, modes};
   out.write(reinterpret_cast<const char *>(head), sizeof head);
-  for (int k = 0; k < modes + 2 * (rows + off_diagonal); ++k) {
+  for (int k = 0; k < modes + 2 * (rows + off_diagonal) + extra; ++k) {
     double v = k < modes ? 100.0 * (k + 1) : -1.0;
     out.write(reinterpret_cast<const char *>(&v), sizeof v);
   }
@@ -159,6 +160,14 @@ TEST(CcxFiles, ReadsDoublePrecisionEigenvectorsByMode) {
   ASSERT_TRUE(ccx::read_eigenvector(eig, 2, v));
   EXPECT_EQ(v, (std::vector<double>{20.0, 21.0, 22.0}));
   ccx::close_eigen_file(eig);
+
+  // Extra stiffness entries (a model held by *BOUNDARY) move the eigenvectors back.
+  write_eig(dir.file("extra.eig"), 3, 2, 2, false, 5);
+  ccx::EigenFile extra;
+  ASSERT_TRUE(ccx::open_eigen_file(dir.file("extra.eig"), 3, 2, extra));
+  ASSERT_TRUE(ccx::read_eigenvector(extra, 1, v));
+  EXPECT_EQ(v, (std::vector<double>{10.0, 11.0, 12.0}));
+  ccx::close_eigen_file(extra);
 
   write_eig(dir.file("cut.eig"), 3, 2, 2, true);
   ccx::EigenFile cut;

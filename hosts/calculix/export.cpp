@@ -1,6 +1,7 @@
 // Hands the model to the library through the exported entries: header, units, nodes with their
 // lumped masses, the skin, then mode after mode the shape, the stresses and the generalized mass
 // and stiffness, and last the write.
+#include <cmath>
 #include <cstring>
 
 #include "krx/krx.h"
@@ -114,6 +115,12 @@ bool set_modes(ExportJob &job) {
     k_phi.resize(phi.size());
     multiply(*job.matrices, job.matrices->mass, phi.data(), m_phi.data());
     multiply(*job.matrices, job.matrices->stiffness, phi.data(), k_phi.data());
+    // CalculiX scales its modes to unit generalized mass: a mode far from it was read from the
+    // wrong place of the file.
+    double own_mass = dot(phi, m_phi);
+    if (!(std::fabs(own_mass - 1.0) < 1e-3))
+      return failed("%s: mode %d has generalized mass %g where CalculiX writes 1; the file's layout "
+                    "is not the one expected", eig.name.c_str(), j, own_mass);
     for (int i = 1; i <= j; ++i) {
       const std::vector<double> *left = &phi;
       if (i != j) {

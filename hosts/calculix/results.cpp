@@ -139,9 +139,10 @@ bool read_matrices(const std::string &mas, const std::string &sti, int n, Matric
 }
 
 // The file begins with four integers (the last is the number of modes) and the eigenvalues; then
-// come the stiffness and the mass matrix (diagonal, then the off-diagonal entries of the pattern)
-// and last the eigenvectors, one after the other, each one value per row of the .dof map. The
-// size of the file must match that layout exactly.
+// come the stiffness and the mass matrix (diagonal, then the off-diagonal entries) and last the
+// eigenvectors, one after the other, each one value per row of the .dof map. With *BOUNDARY the
+// stiffness holds more entries than the pattern of the matrix run, so the eigenvectors are found
+// from the end of the file, and the file must hold at least the layout with the pattern's count.
 bool open_eigen_file(const std::string &path, int rows, int64_t off_diagonal, EigenFile &eig) {
   eig.name = path;
   eig.file = open_for_reading(path);
@@ -156,14 +157,14 @@ bool open_eigen_file(const std::string &path, int rows, int64_t off_diagonal, Ei
   if (std::fread(eig.eigenvalues.data(), sizeof(double), eig.eigenvalues.size(), eig.file) !=
       eig.eigenvalues.size())
     return failed("%s is cut short in its eigenvalues", path.c_str());
-  int64_t matrices = 2 * (static_cast<int64_t>(rows) + off_diagonal);
-  eig.vectors_at = 16 + 8 * (eig.modes + matrices);
-  int64_t expected = eig.vectors_at + 8 * static_cast<int64_t>(rows) * eig.modes;
+  int64_t vectors = 8 * static_cast<int64_t>(rows) * eig.modes;
+  int64_t least = 16 + 8 * (eig.modes + 2 * (static_cast<int64_t>(rows) + off_diagonal)) + vectors;
   if (std::fseek(eig.file, 0, SEEK_END) != 0) return failed("cannot seek in %s", path.c_str());
   int64_t size = std::ftell(eig.file);
-  if (size != expected)
-    return failed("%s has %lld bytes; %d modes of %d rows make %lld", path.c_str(),
-                  static_cast<long long>(size), eig.modes, rows, static_cast<long long>(expected));
+  if (size < least)
+    return failed("%s has %lld bytes; %d modes of %d rows need at least %lld", path.c_str(),
+                  static_cast<long long>(size), eig.modes, rows, static_cast<long long>(least));
+  eig.vectors_at = size - vectors;
   return true;
 }
 
