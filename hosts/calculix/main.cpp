@@ -149,14 +149,27 @@ struct Results {
   ccx::FrdReader frd;
 };
 
+bool write_jobs(const Options &o, const ccx::Deck &deck, const std::string &dir) {
+  return ccx::write_file(dir + "/model.inp", deck.text) &&
+         ccx::write_file(dir + "/modes.inp", ccx::modes_deck(o.modes, o.stress)) &&
+         ccx::write_file(dir + "/matrices.inp", ccx::matrices_deck());
+}
+
+// Degrees of freedom held by a *BOUNDARY of the model are not rows of CalculiX's matrices, so the
+// mass they carry cannot be lumped: say so once.
+void note_held_rows(const ccx::DofMap &map, size_t nodes) {
+  size_t free_rows = 0;
+  for (int dir : map.row_dir) free_rows += dir >= 0 ? 1 : 0;
+  if (free_rows < 3 * nodes)
+    ccx::note("note: %zu translations are held by *BOUNDARY; the mass they carry is left out of "
+              "the nodal masses", 3 * nodes - free_rows);
+}
+
 bool run_and_read(const Options &o, const ccx::Deck &deck, const std::string &dir, Results &r,
                   double &calculix_seconds) {
-  if (!ccx::write_file(dir + "/model.inp", deck.text) ||
-      !ccx::write_file(dir + "/modes.inp", ccx::modes_deck(o.modes, o.stress)) ||
-      !ccx::write_file(dir + "/matrices.inp", ccx::matrices_deck()))
-    return false;
   if (!ccx::run_calculix(dir, {"modes", "matrices"}, calculix_seconds)) return false;
   if (!ccx::read_dof_map(dir + "/matrices.dof", deck, r.map)) return false;
+  note_held_rows(r.map, deck.node_ids.size());
   int rows = static_cast<int>(r.map.row_node.size());
   if (!ccx::read_matrices(dir + "/matrices.mas", dir + "/matrices.sti", rows, r.matrices))
     return false;
@@ -177,7 +190,11 @@ bool convert(const Options &o, double &calculix_seconds) {
   std::string dir;
   if (!make_work_dir(o, dir)) return false;
   Results r;
-  bool ok = run_and_read(o, deck, dir, r, calculix_seconds);
+  bool ok = write_jobs(o, deck, dir);
+  // The deck's text and elements have served: the model part is written and the skin is known.
+  std::string().swap(deck.text);
+  std::vector<ccx::Element>().swap(deck.elements);
+  ok = ok && run_and_read(o, deck, dir, r, calculix_seconds);
   if (ok) {
     ccx::ExportJob job;
     job.deck = &deck;
