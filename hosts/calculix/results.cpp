@@ -153,17 +153,19 @@ bool open_eigen_file(const std::string &path, int rows, int64_t off_diagonal, Ei
   if (head[1] != 1) return failed("%s holds complex modes, which cannot be exported", path.c_str());
   eig.modes = head[3];
   eig.rows = rows;
-  eig.eigenvalues.resize(static_cast<size_t>(eig.modes));
-  if (std::fread(eig.eigenvalues.data(), sizeof(double), eig.eigenvalues.size(), eig.file) !=
-      eig.eigenvalues.size())
-    return failed("%s is cut short in its eigenvalues", path.c_str());
-  int64_t vectors = 8 * static_cast<int64_t>(rows) * eig.modes;
-  int64_t least = 16 + 8 * (eig.modes + 2 * (static_cast<int64_t>(rows) + off_diagonal)) + vectors;
+  // The size is checked before the count sizes anything.
   if (std::fseek(eig.file, 0, SEEK_END) != 0) return failed("cannot seek in %s", path.c_str());
   int64_t size = std::ftell(eig.file);
+  int64_t vectors = 8 * static_cast<int64_t>(rows) * eig.modes;
+  int64_t least = 16 + 8 * (eig.modes + 2 * (static_cast<int64_t>(rows) + off_diagonal)) + vectors;
   if (size < least)
     return failed("%s has %lld bytes; %d modes of %d rows need at least %lld", path.c_str(),
                   static_cast<long long>(size), eig.modes, rows, static_cast<long long>(least));
+  eig.eigenvalues.resize(static_cast<size_t>(eig.modes));
+  if (std::fseek(eig.file, 16, SEEK_SET) != 0 ||
+      std::fread(eig.eigenvalues.data(), sizeof(double), eig.eigenvalues.size(), eig.file) !=
+          eig.eigenvalues.size())
+    return failed("%s is cut short in its eigenvalues", path.c_str());
   eig.vectors_at = size - vectors;
   return true;
 }
