@@ -34,15 +34,15 @@ double enclosed_volume(const ccx::Deck &deck, const std::vector<ccx::Face> &face
     for (int k = 1; k + 1 < f.count; ++k) {
       auto a = at(0), b = at(k), c = at(k + 1);
       volume += (a[0] * (b[1] * c[2] - b[2] * c[1]) - a[1] * (b[0] * c[2] - b[2] * c[0]) +
-                 a[2] * (b[0] * c[1] - b[1] * c[0])) / 6.0;
+                 a[2] * (b[0] * c[1] - b[1] * c[0])) /
+                6.0;
     }
   }
   return volume;
 }
 
 TEST(CcxDeck, ReadsTheModelPartAndStopsAtTheFirstStep) {
-  std::string text = std::string(kTwoHexahedra) +
-                     "*STEP\n*STATIC\n*NODE\n100,9,9,9\n*END STEP\n";
+  std::string text = std::string(kTwoHexahedra) + "*STEP\n*STATIC\n*NODE\n100,9,9,9\n*END STEP\n";
   ccx::Deck deck;
   ASSERT_TRUE(ccx::parse_deck(text, ".", deck));
   EXPECT_TRUE(deck.has_steps);
@@ -61,7 +61,8 @@ TEST(CcxDeck, JoinsElementRecordsSpreadOverLinesAndReadsIncludes) {
   std::ofstream(dir.file("nodes.inp")) << "*NODE\n";
   {
     std::ofstream nodes(dir.file("nodes.inp"), std::ios::app);
-    for (int i = 1; i <= 20; ++i) nodes << i << "," << i % 3 << "," << i % 5 << "," << i % 7 << "\n";
+    for (int i = 1; i <= 20; ++i)
+      nodes << i << "," << i % 3 << "," << i % 5 << "," << i % 7 << "\n";
   }
   std::string text =
       "*INCLUDE, INPUT=nodes.inp\n*ELEMENT,TYPE=C3D20R\n"
@@ -80,13 +81,15 @@ TEST(CcxDeck, JoinsElementRecordsSpreadOverLinesAndReadsIncludes) {
 
 TEST(CcxDeck, RefusesDecksItCannotExport) {
   const std::string base = kTwoHexahedra;
-  const std::string shell = "*NODE\n1,0,0,0\n2,1,0,0\n3,1,1,0\n4,0,1,0\n"
-                            "*ELEMENT,TYPE=S4,ELSET=E\n1,1,2,3,4\n*DENSITY\n1.0\n";
+  const std::string shell =
+      "*NODE\n1,0,0,0\n2,1,0,0\n3,1,1,0\n4,0,1,0\n"
+      "*ELEMENT,TYPE=S4,ELSET=E\n1,1,2,3,4\n*DENSITY\n1.0\n";
   const std::string no_density = base.substr(0, base.find("*DENSITY"));
   const std::string no_element = "*NODE\n1,0,0,0\n*DENSITY\n1.0\n";
   const std::string unknown_node = base + "*ELEMENT,TYPE=C3D4\n3,1,2,3,50\n";
   const std::string missing_include = "*INCLUDE,INPUT=nowhere.inp\n" + base;
-  for (const std::string *text : {&shell, &no_density, &no_element, &unknown_node, &missing_include}) {
+  for (const std::string *text :
+       {&shell, &no_density, &no_element, &unknown_node, &missing_include}) {
     ccx::Deck deck;
     EXPECT_FALSE(ccx::parse_deck(*text, ".", deck)) << *text;
   }

@@ -43,7 +43,8 @@ ccx::DofMap dof_map(const ccx::Deck &deck) {
 bool read_pair(const std::string &mass, const std::string &stiffness, ccx::Matrices &m) {
   m.n = 4;
   std::FILE *a = snippet(mass), *b = snippet(stiffness);
-  bool ok = ccx::parse_matrix(a, "m", false, m, m.mass) && ccx::parse_matrix(b, "k", true, m, m.stiffness);
+  bool ok = ccx::parse_matrix(a, "m", false, m, m.mass) &&
+            ccx::parse_matrix(b, "k", true, m, m.stiffness);
   std::fclose(a);
   std::fclose(b);
   return ok;
@@ -89,7 +90,8 @@ TEST(CcxFiles, LumpsByScaledDiagonalKeepingTheTotalMass) {
 TEST(CcxFiles, ReadsFixedWidthFrdValuesThatTouch) {
   int node = 0;
   double v[6];
-  const char *lng = " -1        42-1.23450E+02 2.00000E-01-3.00000E+00 4.00000E+00 5.00000E+00-6.00000E+00\n";
+  const char *lng =
+      " -1        42-1.23450E+02 2.00000E-01-3.00000E+00 4.00000E+00 5.00000E+00-6.00000E+00\n";
   ASSERT_TRUE(ccx::parse_frd_values(lng, 10, node, v, 6));
   EXPECT_EQ(node, 42);
   EXPECT_DOUBLE_EQ(v[0], -123.45);

@@ -1,10 +1,10 @@
 // ccx2krx's CalculiX runs, with small scripts standing in for CalculiX through CCX: a job that
 // succeeds, one that reports *ERROR lines, one that dies silently, and a program that is missing.
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <cstdlib>
 #include <fstream>
-#include <sys/stat.h>
 
 #include "ccx2krx.h"
 #include "testsupport.h"

@@ -21,9 +21,9 @@ struct Element {
 
 // The model part of a deck: everything before the first *STEP, with *INCLUDEs read in.
 struct Deck {
-  std::string text;               // the model part as written to model.inp
-  std::string heading;            // first line after *HEADING, trimmed; empty without one
-  bool has_steps = false;         // the deck went on past the model part
+  std::string text;        // the model part as written to model.inp
+  std::string heading;     // first line after *HEADING, trimmed; empty without one
+  bool has_steps = false;  // the deck went on past the model part
   bool has_density = false;
   std::vector<int> node_ids;      // sorted ascending, nodes of solid elements only
   std::vector<double> xyz;        // three per entry of node_ids
@@ -106,8 +106,8 @@ void close_eigen_file(EigenFile &eig);
 struct FrdReader {
   std::FILE *file = nullptr;
   std::string name;
-  int mode = 0;       // the mode of the block being read
-  int width = 10;     // characters of a node number: 10 in the long format, 5 in the short
+  int mode = 0;    // the mode of the block being read
+  int width = 10;  // characters of a node number: 10 in the long format, 5 in the short
   std::string line;
 };
 bool open_frd(const std::string &path, FrdReader &frd);
@@ -130,7 +130,7 @@ bool collect_skin(const Deck &deck, std::vector<Face> &faces);
 // What the export hands to the library, read by export.cpp through the KRX_ entries.
 struct ExportJob {
   const Deck *deck = nullptr;
-  std::string deck_name;     // the deck's file name without its directory
+  std::string deck_name;  // the deck's file name without its directory
   std::string output;
   std::string units_name;
   double units[4] = {1.0, 1.0, 1.0, 1.0};  // SI value of the model's mass, length, time, force

@@ -47,8 +47,8 @@ struct SolidType {
 
 // Reduced integration changes neither the nodes nor the faces of an element.
 const SolidType kSolidTypes[] = {
-    {"C3D4", 0, 4},  {"C3D10", 0, 10}, {"C3D6", 1, 6},   {"C3D15", 1, 15},
-    {"C3D8", 2, 8},  {"C3D8R", 2, 8},  {"C3D20", 2, 20}, {"C3D20R", 2, 20},
+    {"C3D4", 0, 4}, {"C3D10", 0, 10}, {"C3D6", 1, 6},   {"C3D15", 1, 15},
+    {"C3D8", 2, 8}, {"C3D8R", 2, 8},  {"C3D20", 2, 20}, {"C3D20R", 2, 20},
 };
 
 const int kIncludeDepth = 10;
@@ -80,7 +80,8 @@ Keyword parse_keyword(const std::string &line) {
     size_t eq = item.find('=');
     std::string key = upper_without_blanks(item.substr(0, eq));
     std::string value = eq == std::string::npos ? "" : item.substr(eq + 1);
-    while (!value.empty() && std::isspace(static_cast<unsigned char>(value.back()))) value.pop_back();
+    while (!value.empty() && std::isspace(static_cast<unsigned char>(value.back())))
+      value.pop_back();
     while (!value.empty() && std::isspace(static_cast<unsigned char>(value.front())))
       value.erase(0, 1);
     k.params.emplace_back(key, value);
@@ -94,11 +95,14 @@ std::string param(const Keyword &k, const char *key) {
   return "";
 }
 
-bool is_keyword(const std::string &line) { return line.size() > 1 && line[0] == '*' && line[1] != '*'; }
+bool is_keyword(const std::string &line) {
+  return line.size() > 1 && line[0] == '*' && line[1] != '*';
+}
 bool is_comment(const std::string &line) { return line.rfind("**", 0) == 0; }
 
 bool is_blank(const std::string &line) {
-  return std::all_of(line.begin(), line.end(), [](char c) { return std::isspace(static_cast<unsigned char>(c)); });
+  return std::all_of(line.begin(), line.end(),
+                     [](char c) { return std::isspace(static_cast<unsigned char>(c)); });
 }
 
 // Reads the numbers of a data line; a field that is not a number is skipped. A record longer than
@@ -135,7 +139,7 @@ bool read_text(const std::string &path, std::string &text) {
 // The lines seen make the model part; the parser state follows them.
 struct Parser {
   Deck &deck;
-  std::string block;           // keyword of the data lines being read
+  std::string block;  // keyword of the data lines being read
   std::string element_type;
   int element_nodes = 0;
   bool want_heading = false;
@@ -153,10 +157,11 @@ bool take_keyword(Parser &p, const std::string &line) {
     p.element_type = upper_without_blanks(param(k, "TYPE"));
     int nodes = node_count_of_type(p.element_type);
     if (nodes == 0)
-      return failed("element type %s is not supported: only the solid elements C3D4, C3D10, "
-                    "C3D6, C3D15, C3D8, C3D8R, C3D20 and C3D20R can be exported (beam, shell "
-                    "and plane elements cannot)",
-                    p.element_type.empty() ? "(none)" : p.element_type.c_str());
+      return failed(
+          "element type %s is not supported: only the solid elements C3D4, C3D10, "
+          "C3D6, C3D15, C3D8, C3D8R, C3D20 and C3D20R can be exported (beam, shell "
+          "and plane elements cannot)",
+          p.element_type.empty() ? "(none)" : p.element_type.c_str());
     p.element_nodes = nodes;
   }
   if (k.name == "HEADING") p.want_heading = true;
@@ -245,7 +250,8 @@ bool keep_element_nodes(Parser &p) {
   deck.node_ids.clear();
   deck.xyz.clear();
   for (int id : used) {
-    auto it = std::lower_bound(p.all_nodes.begin(), p.all_nodes.end(), std::make_pair(id, size_t{0}));
+    auto it =
+        std::lower_bound(p.all_nodes.begin(), p.all_nodes.end(), std::make_pair(id, size_t{0}));
     if (it == p.all_nodes.end() || it->first != id)
       return failed("node %d of an element is not defined in the deck", id);
     deck.node_ids.push_back(id);
@@ -281,8 +287,9 @@ bool parse_deck(const std::string &text, const std::string &base_dir, Deck &deck
   Parser p{deck, "", "", 0, false, false, {}, {}, {}};
   if (!walk_text(p, text, base_dir, 0)) return false;
   if (deck.elements.empty())
-    return failed("the deck holds no solid element (C3D4, C3D10, C3D6, C3D15, C3D8, C3D8R, "
-                  "C3D20, C3D20R) before its first *STEP");
+    return failed(
+        "the deck holds no solid element (C3D4, C3D10, C3D6, C3D15, C3D8, C3D8R, "
+        "C3D20, C3D20R) before its first *STEP");
   if (!deck.has_density)
     return failed("the deck has no *DENSITY: the mass matrix, and with it the modes, need one");
   return keep_element_nodes(p);

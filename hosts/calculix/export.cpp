@@ -4,8 +4,8 @@
 #include <cmath>
 #include <cstring>
 
-#include "krx/krx.h"
 #include "ccx2krx.h"
+#include "krx/krx.h"
 
 namespace ccx {
 
@@ -63,7 +63,8 @@ bool set_shape(const ExportJob &job, int mode, const std::vector<double> &vector
   by_node.assign(6 * nodes, 0.0);
   for (size_t r = 0; r < vector.size(); ++r) {
     int node = job.map->row_node[r], dir = job.map->row_dir[r];
-    if (node >= 0 && dir >= 0) by_node[6 * static_cast<size_t>(node) + static_cast<size_t>(dir)] = vector[r];
+    if (node >= 0 && dir >= 0)
+      by_node[6 * static_cast<size_t>(node) + static_cast<size_t>(dir)] = vector[r];
   }
   for (size_t i = 0; i < nodes; ++i) {
     int id = job.deck->node_ids[i];
@@ -119,8 +120,10 @@ bool set_modes(ExportJob &job) {
     // wrong place of the file.
     double own_mass = dot(phi, m_phi);
     if (!(std::fabs(own_mass - 1.0) < 1e-3))
-      return failed("%s: mode %d has generalized mass %g where CalculiX writes 1; the file's layout "
-                    "is not the one expected", eig.name.c_str(), j, own_mass);
+      return failed(
+          "%s: mode %d has generalized mass %g where CalculiX writes 1; the file's layout "
+          "is not the one expected",
+          eig.name.c_str(), j, own_mass);
     for (int i = 1; i <= j; ++i) {
       const std::vector<double> *left = &phi;
       if (i != j) {
@@ -138,7 +141,8 @@ int report_error(int level, const char *text) {
   for (const char *p = text;; ++p) {
     if (*p == '\n' || *p == 0) {
       if (!line.empty())
-        std::fprintf(stderr, "ccx2krx: krxlib %s: %s\n", level >= 3 ? "error" : "warning", line.c_str());
+        std::fprintf(stderr, "ccx2krx: krxlib %s: %s\n", level >= 3 ? "error" : "warning",
+                     line.c_str());
       line.clear();
       if (*p == 0) break;
     } else {

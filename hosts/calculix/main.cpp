@@ -1,11 +1,12 @@
 // ccx2krx MODEL.inp -o OUT.krx [--modes N] [--stress] [--units SYSTEM] [--keep DIR] [--timing]:
 // runs CalculiX on the model part of a deck and exports its modes as a KRX file.
+#include <sys/resource.h>
+#include <unistd.h>
+
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
-#include <sys/resource.h>
-#include <unistd.h>
 
 #include "ccx2krx.h"
 
@@ -38,7 +39,8 @@ struct Options {
 };
 
 void usage(std::FILE *out) {
-  std::fprintf(out,
+  std::fprintf(
+      out,
       "usage: ccx2krx MODEL.inp -o OUT.krx [--modes N] [--stress] [--units SYSTEM]\n"
       "               [--keep DIR] [--timing]\n"
       "\n"
@@ -134,7 +136,8 @@ bool make_work_dir(const Options &o, std::string &dir) {
   std::string pattern = std::string(tmp && *tmp ? tmp : "/tmp") + "/ccx2krx.XXXXXX";
   std::vector<char> name(pattern.begin(), pattern.end());
   name.push_back(0);
-  if (!mkdtemp(name.data())) return ccx::failed("cannot create a work directory in %s", pattern.c_str());
+  if (!mkdtemp(name.data()))
+    return ccx::failed("cannot create a work directory in %s", pattern.c_str());
   dir = name.data();
   return true;
 }
@@ -162,8 +165,10 @@ void note_held_rows(const ccx::DofMap &map, size_t nodes) {
   size_t free_rows = 0;
   for (int dir : map.row_dir) free_rows += dir >= 0 ? 1 : 0;
   if (free_rows < 3 * nodes)
-    ccx::note("note: %zu translations are held by *BOUNDARY; the mass they carry is left out of "
-              "the nodal masses", 3 * nodes - free_rows);
+    ccx::note(
+        "note: %zu translations are held by *BOUNDARY; the mass they carry is left out of "
+        "the nodal masses",
+        3 * nodes - free_rows);
 }
 
 bool run_and_read(const Options &o, const ccx::Deck &deck, const std::string &dir, Results &r,
@@ -185,7 +190,8 @@ bool convert(const Options &o, double &calculix_seconds) {
   if (!check_output(o.output)) return false;
   ccx::Deck deck;
   if (!ccx::read_deck(o.deck, deck)) return false;
-  if (deck.has_steps) ccx::note("note: the deck holds steps; only its model part before the first *STEP is used");
+  if (deck.has_steps)
+    ccx::note("note: the deck holds steps; only its model part before the first *STEP is used");
   std::vector<ccx::Face> faces;
   if (!ccx::collect_skin(deck, faces)) return false;
   std::string dir;
@@ -243,7 +249,7 @@ int main(int argc, char **argv) {
   }
   if (o.timing) {
     double total = std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
-    struct rusage usage{};
+    struct rusage usage {};
     getrusage(RUSAGE_SELF, &usage);
     std::fprintf(stderr, "ccx2krx: CalculiX %.2f s, own %.2f s, peak memory %.1f MB\n",
                  calculix_seconds, total - calculix_seconds, usage.ru_maxrss / 1024.0);

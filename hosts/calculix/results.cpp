@@ -97,8 +97,10 @@ bool parse_matrix(std::FILE *file, const std::string &name, bool pattern_known, 
       return failed("%s: entry %lld is not \"row column value\"", name.c_str(),
                     static_cast<long long>(k + 1));
     if (r < 1 || c < r || c > m.n || c < last_col)
-      return failed("%s: entry %lld (%ld, %ld) is outside the upper triangle of %d rows taken "
-                    "column by column", name.c_str(), static_cast<long long>(k + 1), r, c, m.n);
+      return failed(
+          "%s: entry %lld (%ld, %ld) is outside the upper triangle of %d rows taken "
+          "column by column",
+          name.c_str(), static_cast<long long>(k + 1), r, c, m.n);
     if (pattern_known) {
       if (k >= static_cast<int64_t>(m.row.size()) || m.row[k] != r - 1 ||
           k < m.start[static_cast<size_t>(c) - 1] || k >= m.start[c])
@@ -228,7 +230,8 @@ bool read_frd_stresses(FrdReader &frd, int mode, std::vector<int> &nodes,
       // The last field of the line is the format: 0 short, 1 long, 2 binary.
       size_t end = frd.line.find_last_not_of(" \r\n");
       char format = end == std::string::npos ? '1' : frd.line[end];
-      if (format == '2') return failed("%s is a binary .frd; an ASCII one is needed", frd.name.c_str());
+      if (format == '2')
+        return failed("%s is a binary .frd; an ASCII one is needed", frd.name.c_str());
       frd.width = format == '0' ? 5 : 10;
     } else if (std::strncmp(l, " -4  STRESS", 11) == 0) {
       in_block = frd.mode == mode;

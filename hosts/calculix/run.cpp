@@ -1,12 +1,13 @@
 // Running CalculiX: each job in the work directory, its messages to JOB.log, the jobs at once.
+#include <fcntl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include <cerrno>
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
-#include <fcntl.h>
 #include <fstream>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include "ccx2krx.h"
 
@@ -72,7 +73,8 @@ int show_errors(const std::string &log) {
       ++lines;
     }
   }
-  if (lines == kShown) std::fprintf(stderr, "ccx2krx:   ... (%d *ERROR lines in all; --keep DIR keeps %s)\n", errors,
+  if (lines == kShown)
+    std::fprintf(stderr, "ccx2krx:   ... (%d *ERROR lines in all; --keep DIR keeps %s)\n", errors,
                  log.substr(log.rfind('/') + 1).c_str());
   return errors;
 }
@@ -88,8 +90,8 @@ bool finish_job(const std::string &dir, const std::string &job, pid_t pid, int r
   }
   if (!speak) return false;
   if (got == static_cast<ssize_t>(sizeof err))
-    return failed("cannot run CalculiX (%s): %s; set CCX to its executable",
-                  calculix_program(), std::strerror(err));
+    return failed("cannot run CalculiX (%s): %s; set CCX to its executable", calculix_program(),
+                  std::strerror(err));
   std::string log = dir + "/" + job + ".log";
   bool bad_exit = !WIFEXITED(status) || WEXITSTATUS(status) != 0;
   std::ifstream probe(log);

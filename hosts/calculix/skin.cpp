@@ -13,7 +13,12 @@ namespace {
 // are left off: the corners alone make flat polygons, and the outline they draw is the mesh's.
 const int kFaces[3][6][4] = {
     // tetrahedron
-    {{0, 1, 2, -1}, {0, 1, 3, -1}, {1, 2, 3, -1}, {0, 2, 3, -1}, {-1, -1, -1, -1}, {-1, -1, -1, -1}},
+    {{0, 1, 2, -1},
+     {0, 1, 3, -1},
+     {1, 2, 3, -1},
+     {0, 2, 3, -1},
+     {-1, -1, -1, -1},
+     {-1, -1, -1, -1}},
     // wedge
     {{0, 1, 2, -1}, {3, 4, 5, -1}, {0, 1, 4, 3}, {1, 2, 5, 4}, {2, 0, 3, 5}, {-1, -1, -1, -1}},
     // hexahedron
@@ -86,7 +91,8 @@ bool collect_skin(const Deck &deck, std::vector<Face> &faces) {
   for (size_t i = 0; i < records.size();) {
     size_t j = i + 1;
     while (j < records.size() && records[j].key == records[i].key) ++j;
-    if (j == i + 1) faces.push_back(oriented_face(deck, deck.elements[records[i].element], records[i].face));
+    if (j == i + 1)
+      faces.push_back(oriented_face(deck, deck.elements[records[i].element], records[i].face));
     i = j;
   }
   if (faces.empty()) return failed("the mesh has no outer face");
