@@ -1,6 +1,6 @@
 // ccx2krx, a host that exports a CalculiX model: the deck reader and the step decks, the CalculiX
-// runs, the readers of CalculiX's output (.dof, .sti/.mas, .eig, .frd), the lumped masses and
-// modal products, and the skin of the mesh. Each operation reports its own failure once on
+// runs, the readers of CalculiX's output (.dof, .sti/.mas, .eig, .dat, .frd), the lumped masses
+// and modal products, the interface points, and the skin of the mesh. Each operation reports its own failure once on
 // standard error ("ccx2krx: ...") and returns false; callers only pass the failure up.
 #ifndef CCX2KRX_H
 #define CCX2KRX_H
@@ -19,15 +19,35 @@ struct Element {
   std::vector<int> nodes;
 };
 
+// A node set of the deck (*NSET, plain or GENERATE), its name in upper case, its ids as listed.
+struct NodeSet {
+  std::string name;
+  std::vector<int> ids;
+};
+
+// An interface point: a node set tied by *RIGID BODY to a new reference node (its translations)
+// and rotation node (its rotations), both at the plain mean of the set's coordinates.
+struct Interface {
+  std::string set;
+  int ref = 0;  // node ids, above every id of the deck
+  int rot = 0;
+};
+
 // The model part of a deck: everything before the first *STEP, with *INCLUDEs read in.
 struct Deck {
   std::string text;        // the model part as written to model.inp
   std::string heading;     // first line after *HEADING, trimmed; empty without one
   bool has_steps = false;  // the deck went on past the model part
   bool has_density = false;
-  std::vector<int> node_ids;      // sorted ascending, nodes of solid elements only
+  std::vector<int> node_ids;      // sorted ascending: nodes of solid elements, then the
+                                  // reference nodes of the interfaces
   std::vector<double> xyz;        // three per entry of node_ids
   std::vector<Element> elements;  // the solid elements
+  std::vector<NodeSet> sets;
+  int max_node_id = 0;            // over every node the deck defines
+  int solid_nodes = 0;            // entries of node_ids that solid elements use
+  int tied_nodes = 0;             // nodes of the solid elements in interface sets
+  std::vector<Interface> interfaces;
 };
 
 // Reads the deck at path; refuses element types it cannot use, a deck without density, a deck
@@ -50,12 +70,22 @@ bool write_file(const std::string &path, const std::string &text);
 std::string modes_deck(int modes, bool stress);
 std::string matrices_deck();
 
+// Makes each named node set an interface point: refuses a set the deck lacks, a set without
+// nodes of the solid elements and sets that share a node; appends the reference nodes to
+// node_ids and the nodes, rigid bodies and the set of all nodes to the model text.
+bool add_interfaces(Deck &deck, const std::vector<std::string> &names);
+// The component-mode job: one *STATIC step per interface degree of freedom (that one at 1, the
+// others held at 0; every node's displacement printed to the .dat), then `modes` normal modes
+// with every interface degree of freedom held (*FREQUENCY, STORAGE=YES).
+std::string component_deck(const Deck &deck, int modes, bool stress);
+
 // Runs the CalculiX executable (CCX, else ccx on PATH) on job in dir, its standard output to
 // job.log; on failure shows its *ERROR lines. Both jobs run at once; seconds is the wall time.
 bool run_calculix(const std::string &dir, const std::vector<std::string> &jobs, double &seconds);
 
 // The .dof map: row r of the matrices is node row_node[r] (index into deck.node_ids, -1 for a
-// node that is not a solid element's), direction row_dir[r] (0..2 translations, -1 for others).
+// node that is not the file's), direction row_dir[r] (0..2 translations; 3..5 rotations, which
+// the rows of an interface's rotation node are, given to its reference node; -1 for others).
 struct DofMap {
   std::vector<int> row_node;
   std::vector<int> row_dir;
@@ -102,17 +132,31 @@ bool open_eigen_file(const std::string &path, int rows, int64_t off_diagonal, Ei
 bool read_eigenvector(EigenFile &eig, int mode, std::vector<double> &vector);
 void close_eigen_file(EigenFile &eig);
 
-// The nodal stresses of an ASCII .frd, one mode after the other, as the file lists them.
+// The displacement tables that *NODE PRINT writes to the .dat, one after the other: each line a
+// node id and three values (for a rotation node its rotations). A node that is not the file's is
+// skipped; by_node gets six values per entry of deck.node_ids.
+struct DatReader {
+  std::FILE *file = nullptr;
+  std::string name;
+  int table = 0;  // tables read so far
+  std::string line;
+};
+bool open_dat(const std::string &path, DatReader &dat);
+bool read_dat_displacements(DatReader &dat, const Deck &deck, std::vector<double> &by_node);
+void close_dat(DatReader &dat);
+
+// The nodal stresses of an ASCII .frd, one stress block after the other, as the file lists them.
 struct FrdReader {
   std::FILE *file = nullptr;
   std::string name;
-  int mode = 0;    // the mode of the block being read
+  int blocks = 0;  // stress blocks seen so far
   int width = 10;  // characters of a node number: 10 in the long format, 5 in the short
   std::string line;
 };
 bool open_frd(const std::string &path, FrdReader &frd);
-// The STRESS block of the given mode: node ids and six values per node in CalculiX's order
-// SXX SYY SZZ SXY SYZ SZX. Modes must be asked in ascending order.
+// The STRESS block of the given mode (the mode-th of the file, static steps counted first): node
+// ids and six values per node in CalculiX's order SXX SYY SZZ SXY SYZ SZX. Modes must be asked
+// in ascending order.
 bool read_frd_stresses(FrdReader &frd, int mode, std::vector<int> &nodes,
                        std::vector<double> &values);
 void close_frd(FrdReader &frd);
@@ -141,6 +185,11 @@ struct ExportJob {
   const std::vector<Face> *faces = nullptr;
   EigenFile *eig = nullptr;
   FrdReader *frd = nullptr;
+  // With interfaces: the static shapes come first from the .dat, kept as rows in scratch (a file
+  // of the work directory) to be read back; the eigenvectors of the .eig leave out the interface
+  // rows of the map.
+  DatReader *dat = nullptr;
+  std::string scratch;
 };
 bool export_model(ExportJob &job);
 

@@ -145,6 +145,8 @@ struct Parser {
   bool want_heading = false;
   bool stopped = false;
   std::vector<double> record;  // the numbers of an element record spread over lines
+  NodeSet *set = nullptr;      // the set that *NSET data lines add to
+  bool generate = false;
   std::vector<std::pair<int, size_t>> all_nodes;  // node id, position in all_xyz
   std::vector<double> all_xyz;
 };
@@ -163,6 +165,19 @@ bool take_keyword(Parser &p, const std::string &line) {
           "and plane elements cannot)",
           p.element_type.empty() ? "(none)" : p.element_type.c_str());
     p.element_nodes = nodes;
+  }
+  if (k.name == "NSET") {
+    // A set named again goes on where it stopped, as in CalculiX.
+    std::string name = upper_without_blanks(param(k, "NSET"));
+    auto it = std::find_if(p.deck.sets.begin(), p.deck.sets.end(),
+                           [&](const NodeSet &s) { return s.name == name; });
+    if (it == p.deck.sets.end()) {
+      p.deck.sets.push_back(NodeSet{name, {}});
+      it = p.deck.sets.end() - 1;
+    }
+    p.set = &*it;
+    p.generate = false;
+    for (const auto &kv : k.params) p.generate = p.generate || kv.first == "GENERATE";
   }
   if (k.name == "HEADING") p.want_heading = true;
   if (k.name == "DENSITY") p.deck.has_density = true;
@@ -185,6 +200,22 @@ bool take_data(Parser &p, const std::string &line) {
     v.resize(4, 0.0);
     p.all_nodes.emplace_back(static_cast<int>(v[0]), p.all_xyz.size());
     p.all_xyz.insert(p.all_xyz.end(), v.begin() + 1, v.begin() + 4);
+    return true;
+  }
+  if (p.block == "NSET" && p.set) {
+    std::vector<double> v;
+    append_numbers(line, v);
+    if (!p.generate) {
+      for (double id : v) p.set->ids.push_back(static_cast<int>(id));
+      return true;
+    }
+    long first = v.size() > 0 ? static_cast<long>(v[0]) : 0;
+    long last = v.size() > 1 ? static_cast<long>(v[1]) : first;
+    long step = v.size() > 2 ? static_cast<long>(v[2]) : 1;
+    if (step < 1 || last < first || last - first > 100000000L)
+      return failed("*NSET, NSET=%s, GENERATE: bad range \"%s\"", p.set->name.c_str(),
+                    line.c_str());
+    for (long id = first; id <= last; id += step) p.set->ids.push_back(static_cast<int>(id));
     return true;
   }
   if (p.block == "ELEMENT") {
@@ -249,6 +280,7 @@ bool keep_element_nodes(Parser &p) {
   used.erase(std::unique(used.begin(), used.end()), used.end());
   deck.node_ids.clear();
   deck.xyz.clear();
+  deck.max_node_id = p.all_nodes.empty() ? 0 : p.all_nodes.back().first;
   for (int id : used) {
     auto it =
         std::lower_bound(p.all_nodes.begin(), p.all_nodes.end(), std::make_pair(id, size_t{0}));
@@ -258,6 +290,7 @@ bool keep_element_nodes(Parser &p) {
     deck.xyz.insert(deck.xyz.end(), p.all_xyz.begin() + static_cast<long>(it->second),
                     p.all_xyz.begin() + static_cast<long>(it->second) + 3);
   }
+  deck.solid_nodes = static_cast<int>(deck.node_ids.size());
   return true;
 }
 
@@ -284,7 +317,7 @@ int node_index(const Deck &deck, int id) {
 }
 
 bool parse_deck(const std::string &text, const std::string &base_dir, Deck &deck) {
-  Parser p{deck, "", "", 0, false, false, {}, {}, {}};
+  Parser p{deck, "", "", 0, false, false, {}, nullptr, false, {}, {}};
   if (!walk_text(p, text, base_dir, 0)) return false;
   if (deck.elements.empty())
     return failed(

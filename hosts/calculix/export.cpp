@@ -1,6 +1,7 @@
 // Hands the model to the library through the exported entries: header, units, nodes with their
-// lumped masses, the skin, then mode after mode the shape, the stresses and the generalized mass
+// lumped masses, the interface nodes, the skin, then mode after mode the shape, the stresses and the generalized mass
 // and stiffness, and last the write.
+#include <algorithm>
 #include <cmath>
 #include <cstring>
 
@@ -16,10 +17,19 @@ bool entry(int status, const char *what) {
   return true;
 }
 
+// Six static shapes per interface point come before the normal modes.
+int static_modes(const ExportJob &job) {
+  return 6 * static_cast<int>(job.deck->interfaces.size());
+}
+
 bool set_header(const ExportJob &job) {
   const std::string &title = job.deck->heading.empty() ? job.deck_name : job.deck->heading;
   const char *type = "CalculiX";
+  int statics = static_modes(job);
   std::string c1 = "ccx2krx: " + std::to_string(job.eig->modes) + " modes of CalculiX";
+  if (statics > 0)
+    c1 = "ccx2krx: " + std::to_string(statics) + " static and " + std::to_string(job.eig->modes) +
+         " fixed-interface modes of CalculiX";
   std::string c2 = "units " + job.units_name;
   const char *c3 = "";
   int status = 1;
@@ -56,22 +66,73 @@ bool set_faces(const std::vector<Face> &faces) {
   return true;
 }
 
-// Translations from the eigenvector, rotations zero: solid elements have none.
-bool set_shape(const ExportJob &job, int mode, const std::vector<double> &vector,
-               std::vector<double> &by_node) {
-  size_t nodes = job.deck->node_ids.size();
-  by_node.assign(6 * nodes, 0.0);
-  for (size_t r = 0; r < vector.size(); ++r) {
-    int node = job.map->row_node[r], dir = job.map->row_dir[r];
-    if (node >= 0 && dir >= 0)
-      by_node[6 * static_cast<size_t>(node) + static_cast<size_t>(dir)] = vector[r];
-  }
-  for (size_t i = 0; i < nodes; ++i) {
+// The six values of each node, as by_node holds them.
+bool set_shape(const ExportJob &job, int mode, const std::vector<double> &by_node) {
+  for (size_t i = 0; i < job.deck->node_ids.size(); ++i) {
     int id = job.deck->node_ids[i];
+    double values[6];
+    std::copy(&by_node[6 * i], &by_node[6 * i] + 6, values);
     int status = 1;
-    KRX_SET_MODE_SHAPE_VEC(&mode, &id, &by_node[6 * i], &status);
+    KRX_SET_MODE_SHAPE_VEC(&mode, &id, values, &status);
     if (!entry(status, "a mode shape")) return false;
   }
+  return true;
+}
+
+// Each row's value at its node and direction; nodes the rows do not reach (the nodes of an
+// interface set, held with the interface) stay zero, and so do the rotations of solid nodes.
+void rows_to_nodes(const ExportJob &job, const std::vector<double> &rows,
+                   std::vector<double> &by_node) {
+  by_node.assign(6 * job.deck->node_ids.size(), 0.0);
+  for (size_t r = 0; r < rows.size(); ++r) {
+    int node = job.map->row_node[r], dir = job.map->row_dir[r];
+    if (node >= 0 && dir >= 0)
+      by_node[6 * static_cast<size_t>(node) + static_cast<size_t>(dir)] = rows[r];
+  }
+}
+
+bool is_interface_row(const ExportJob &job, size_t r) {
+  return job.map->row_node[r] >= job.deck->solid_nodes;
+}
+
+// Mode j as rows of the matrices: a static shape from scratch, a normal mode from the .eig, whose
+// vectors leave out the interface rows when there are interfaces (they are held, so zero).
+bool read_rows(ExportJob &job, int j, std::vector<double> &rows) {
+  int statics = static_modes(job);
+  size_t n = job.map->row_node.size();
+  if (j <= statics) {
+    rows.resize(n);
+    std::FILE *file = std::fopen(job.scratch.c_str(), "rb");
+    bool ok = file && std::fseek(file, static_cast<long>(8 * n * (j - 1)), SEEK_SET) == 0 &&
+              std::fread(rows.data(), sizeof(double), n, file) == n;
+    if (file) std::fclose(file);
+    if (!ok) return failed("cannot read static shape %d back from %s", j, job.scratch.c_str());
+    return true;
+  }
+  if (statics == 0) return read_eigenvector(*job.eig, j, rows);
+  std::vector<double> held;
+  if (!read_eigenvector(*job.eig, j - statics, held)) return false;
+  rows.assign(n, 0.0);
+  size_t k = 0;
+  for (size_t r = 0; r < n && k < held.size(); ++r)
+    if (!is_interface_row(job, r)) rows[r] = held[k++];
+  return true;
+}
+
+// Static shape j from the .dat: its rows are appended to scratch for read_rows.
+bool read_static_shape(ExportJob &job, int j, std::vector<double> &rows,
+                       std::vector<double> &by_node) {
+  if (!read_dat_displacements(*job.dat, *job.deck, by_node)) return false;
+  size_t n = job.map->row_node.size();
+  rows.assign(n, 0.0);
+  for (size_t r = 0; r < n; ++r) {
+    int node = job.map->row_node[r], dir = job.map->row_dir[r];
+    if (node >= 0 && dir >= 0) rows[r] = by_node[6 * static_cast<size_t>(node) + dir];
+  }
+  std::FILE *file = std::fopen(job.scratch.c_str(), j == 1 ? "wb" : "ab");
+  bool ok = file && std::fwrite(rows.data(), sizeof(double), n, file) == n;
+  if (file && std::fclose(file) != 0) ok = false;
+  if (!ok) return failed("cannot write %s", job.scratch.c_str());
   return true;
 }
 
@@ -103,14 +164,20 @@ bool set_generalized(int i, int j, double mass, double stiffness) {
   return true;
 }
 
-// Mode j's products with M and K are formed once; the modes before it are read back from the
-// .eig file for the entries (i, j), so that only two modes are held at a time.
+// Mode j's products with M and K are formed once; the modes before it are read back (from the
+// .eig file or scratch) for the entries (i, j), so that only two modes are held at a time.
 bool set_modes(ExportJob &job) {
   EigenFile &eig = *job.eig;
+  int statics = static_modes(job), modes = statics + eig.modes;
   std::vector<double> phi, other, m_phi, k_phi, by_node;
-  for (int j = 1; j <= eig.modes; ++j) {
-    if (!read_eigenvector(eig, j, phi)) return false;
-    if (!set_shape(job, j, phi, by_node)) return false;
+  for (int j = 1; j <= modes; ++j) {
+    if (j <= statics) {
+      if (!read_static_shape(job, j, phi, by_node)) return false;
+    } else {
+      if (!read_rows(job, j, phi)) return false;
+      rows_to_nodes(job, phi, by_node);
+    }
+    if (!set_shape(job, j, by_node)) return false;
     if (job.stress && !set_stresses(job, j)) return false;
     m_phi.resize(phi.size());
     k_phi.resize(phi.size());
@@ -119,19 +186,29 @@ bool set_modes(ExportJob &job) {
     // CalculiX scales its modes to unit generalized mass: a mode far from it was read from the
     // wrong place of the file.
     double own_mass = dot(phi, m_phi);
-    if (!(std::fabs(own_mass - 1.0) < 1e-3))
+    if (j > statics && !(std::fabs(own_mass - 1.0) < 1e-3))
       return failed(
           "%s: mode %d has generalized mass %g where CalculiX writes 1; the file's layout "
           "is not the one expected",
-          eig.name.c_str(), j, own_mass);
+          eig.name.c_str(), j - statics, own_mass);
     for (int i = 1; i <= j; ++i) {
       const std::vector<double> *left = &phi;
       if (i != j) {
-        if (!read_eigenvector(eig, i, other)) return false;
+        if (!read_rows(job, i, other)) return false;
         left = &other;
       }
       if (!set_generalized(i, j, dot(*left, m_phi), dot(*left, k_phi))) return false;
     }
+  }
+  return true;
+}
+
+bool set_interface_nodes(const Deck &deck) {
+  for (const Interface &point : deck.interfaces) {
+    int id = point.ref;
+    int status = 1;
+    KRX_SET_INTERFACE_NODE(&id, &status);
+    if (!entry(status, "an interface node")) return false;
   }
   return true;
 }
@@ -157,7 +234,7 @@ int report_error(int level, const char *text) {
 bool export_model(ExportJob &job) {
   krx_register_host_callbacks(nullptr, report_error, nullptr);
   int nodes = static_cast<int>(job.deck->node_ids.size());
-  int modes = job.eig->modes;
+  int modes = static_modes(job) + job.eig->modes;
   int status = 1;
   KRX_CREATE(&nodes, &modes, &status);
   if (!entry(status, "to create a model")) return false;
@@ -167,7 +244,8 @@ bool export_model(ExportJob &job) {
     KRX_UNITS_SI_MULTIPLIERS(&u[0], &u[1], &u[2], &u[3], &status);
     ok = entry(status, "the units");
   }
-  ok = ok && set_nodes(job) && set_faces(*job.faces) && set_modes(job);
+  ok = ok && set_nodes(job) && set_interface_nodes(*job.deck) && set_faces(*job.faces) &&
+       set_modes(job);
   if (ok) {
     KRX_WRITE_KRX(job.output.c_str(), &status, static_cast<int>(job.output.size()));
     ok = entry(status, "to write the file");

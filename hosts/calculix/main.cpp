@@ -36,6 +36,7 @@ struct Options {
   const UnitSystem *units = &kUnitSystems[1];
   std::string keep;
   bool timing = false;
+  std::vector<std::string> interfaces;
 };
 
 void usage(std::FILE *out) {
@@ -79,6 +80,8 @@ int parse_options(int argc, char **argv, Options &o) {
       o.timing = true;
     } else if (a == "-o" && has_value) {
       o.output = argv[++i];
+    } else if (a == "--interface" && has_value) {
+      o.interfaces.push_back(argv[++i]);
     } else if (a == "--keep" && has_value) {
       o.keep = argv[++i];
     } else if (a == "--modes" && has_value) {
@@ -151,19 +154,24 @@ struct Results {
   double total_mass = 0.0;
   ccx::EigenFile eig;
   ccx::FrdReader frd;
+  ccx::DatReader dat;
 };
 
 bool write_jobs(const Options &o, const ccx::Deck &deck, const std::string &dir) {
+  std::string modes = o.interfaces.empty() ? ccx::modes_deck(o.modes, o.stress)
+                                           : ccx::component_deck(deck, o.modes, o.stress);
   return ccx::write_file(dir + "/model.inp", deck.text) &&
-         ccx::write_file(dir + "/modes.inp", ccx::modes_deck(o.modes, o.stress)) &&
+         ccx::write_file(dir + "/modes.inp", modes) &&
          ccx::write_file(dir + "/matrices.inp", ccx::matrices_deck());
 }
 
 // Degrees of freedom held by a *BOUNDARY of the model are not rows of CalculiX's matrices, so the
 // mass they carry cannot be lumped: say so once.
-void note_held_rows(const ccx::DofMap &map, size_t nodes) {
+// The nodes of interface sets have no rows: they follow their reference and rotation nodes.
+void note_held_rows(const ccx::DofMap &map, const ccx::Deck &deck) {
   size_t free_rows = 0;
-  for (int dir : map.row_dir) free_rows += dir >= 0 ? 1 : 0;
+  for (int dir : map.row_dir) free_rows += dir >= 0 && dir < 3 ? 1 : 0;
+  size_t nodes = static_cast<size_t>(deck.solid_nodes - deck.tied_nodes + deck.interfaces.size());
   if (free_rows < 3 * nodes)
     ccx::note(
         "note: %zu translations are held by *BOUNDARY; the mass they carry is left out of "
@@ -175,13 +183,20 @@ bool run_and_read(const Options &o, const ccx::Deck &deck, const std::string &di
                   double &calculix_seconds) {
   if (!ccx::run_calculix(dir, {"modes", "matrices"}, calculix_seconds)) return false;
   if (!ccx::read_dof_map(dir + "/matrices.dof", deck, r.map)) return false;
-  note_held_rows(r.map, deck.node_ids.size());
+  note_held_rows(r.map, deck);
   int rows = static_cast<int>(r.map.row_node.size());
   if (!ccx::read_matrices(dir + "/matrices.mas", dir + "/matrices.sti", rows, r.matrices))
     return false;
   int nodes = static_cast<int>(deck.node_ids.size());
   if (!ccx::lump_masses(r.matrices, r.map, nodes, r.nodal_mass, r.total_mass)) return false;
   int64_t off_diagonal = static_cast<int64_t>(r.matrices.row.size()) - rows;
+  if (!deck.interfaces.empty()) {
+    // The normal modes hold the interface rows fixed, which leaves them out of the eigenvectors
+    // and of the matrices stored before them.
+    for (int node : r.map.row_node) rows -= node >= deck.solid_nodes ? 1 : 0;
+    off_diagonal = 0;
+    if (!ccx::open_dat(dir + "/modes.dat", r.dat)) return false;
+  }
   if (!ccx::open_eigen_file(dir + "/modes.eig", rows, off_diagonal, r.eig)) return false;
   return !o.stress || ccx::open_frd(dir + "/modes.frd", r.frd);
 }
@@ -189,7 +204,7 @@ bool run_and_read(const Options &o, const ccx::Deck &deck, const std::string &di
 bool convert(const Options &o, double &calculix_seconds) {
   if (!check_output(o.output)) return false;
   ccx::Deck deck;
-  if (!ccx::read_deck(o.deck, deck)) return false;
+  if (!ccx::read_deck(o.deck, deck) || !ccx::add_interfaces(deck, o.interfaces)) return false;
   if (deck.has_steps)
     ccx::note("note: the deck holds steps; only its model part before the first *STEP is used");
   std::vector<ccx::Face> faces;
@@ -217,10 +232,13 @@ bool convert(const Options &o, double &calculix_seconds) {
     job.faces = &faces;
     job.eig = &r.eig;
     job.frd = &r.frd;
+    job.dat = &r.dat;
+    job.scratch = dir + "/static_shapes.bin";
     ok = ccx::export_model(job);
   }
   ccx::close_eigen_file(r.eig);
   ccx::close_frd(r.frd);
+  ccx::close_dat(r.dat);
   if (o.keep.empty()) {
     std::error_code ec;
     fs::remove_all(dir, ec);

@@ -35,7 +35,7 @@ bool lump_masses(const Matrices &m, const DofMap &map, int nodes, std::vector<do
                  double &total) {
   int rows_of[3] = {0, 0, 0};
   for (int r = 0; r < m.n; ++r)
-    if (map.row_dir[r] >= 0) ++rows_of[map.row_dir[r]];
+    if (map.row_dir[r] >= 0 && map.row_dir[r] < 3) ++rows_of[map.row_dir[r]];
   int dir = 0;
   for (int d = 1; d < 3; ++d)
     if (rows_of[d] > rows_of[dir]) dir = d;
@@ -51,7 +51,7 @@ bool lump_masses(const Matrices &m, const DofMap &map, int nodes, std::vector<do
       bool in_block = map.row_dir[r] == dir && map.row_dir[c] == dir;
       if (in_block) total += r == c ? v : 2.0 * v;
       int node = map.row_node[c];
-      if (r == c && map.row_dir[c] >= 0 && node >= 0) {
+      if (r == c && map.row_dir[c] >= 0 && map.row_dir[c] < 3 && node >= 0) {
         diagonal_sum[node] += v;
         ++diagonal_count[node];
       }

@@ -60,8 +60,16 @@ bool parse_dof_map(std::FILE *file, const std::string &name, const Deck &deck, D
       return failed("%s: line %zu is not node.direction", name.c_str(), map.row_node.size() + 1);
     long dir = std::strtol(dot + 1, nullptr, 10);
     int index = node_index(deck, static_cast<int>(node));
+    int first = 0;
+    // A rotation node's three rows are the rotations of its reference node.
+    for (const Interface &point : deck.interfaces)
+      if (node == point.rot) {
+        index = node_index(deck, point.ref);
+        first = 3;
+      }
     map.row_node.push_back(index);
-    map.row_dir.push_back(index >= 0 && dir >= 1 && dir <= 3 ? static_cast<int>(dir) - 1 : -1);
+    map.row_dir.push_back(index >= 0 && dir >= 1 && dir <= 3 ? first + static_cast<int>(dir) - 1
+                                                             : -1);
   }
   if (map.row_node.empty()) return failed("%s lists no degree of freedom", name.c_str());
   return true;
@@ -186,6 +194,61 @@ void close_eigen_file(EigenFile &eig) {
   eig.file = nullptr;
 }
 
+bool open_dat(const std::string &path, DatReader &dat) {
+  dat.name = path;
+  dat.file = open_for_reading(path);
+  return dat.file != nullptr;
+}
+
+void close_dat(DatReader &dat) {
+  if (dat.file) std::fclose(dat.file);
+  dat.file = nullptr;
+}
+
+// A table starts with a line " displacements (vx,vy,vz) for set ..." and a blank line; its rows
+// follow up to the next blank line.
+bool read_dat_displacements(DatReader &dat, const Deck &deck, std::vector<double> &by_node) {
+  by_node.assign(6 * deck.node_ids.size(), 0.0);
+  int table = dat.table + 1;
+  bool inside = false;
+  size_t rows = 0;
+  while (next_line(dat.file, dat.line)) {
+    const char *l = skip_blanks(dat.line.c_str());
+    if (!inside) {
+      inside = std::strncmp(l, "displacements (vx,vy,vz)", 24) == 0;
+      continue;
+    }
+    if (*l == '\n' || *l == '\r' || *l == 0) {
+      if (rows == 0) continue;
+      break;
+    }
+    const char *end = dat.line.c_str() + dat.line.size();
+    long id = 0;
+    double v[3];
+    auto n = std::from_chars(l, end, id);
+    const char *p = n.ptr;
+    bool ok = n.ec == std::errc();
+    for (int k = 0; ok && k < 3; ++k) {
+      auto r = std::from_chars(skip_blanks(p), end, v[k]);
+      ok = r.ec == std::errc();
+      p = r.ptr;
+    }
+    if (!ok) return failed("%s: unreadable line in displacement table %d", dat.name.c_str(), table);
+    ++rows;
+    int index = node_index(deck, static_cast<int>(id)), first = 0;
+    for (const Interface &point : deck.interfaces)
+      if (id == point.rot) {
+        index = node_index(deck, point.ref);
+        first = 3;
+      }
+    if (index < 0) continue;
+    for (int k = 0; k < 3; ++k) by_node[6 * static_cast<size_t>(index) + first + k] = v[k];
+  }
+  if (rows == 0) return failed("%s holds no displacement table %d", dat.name.c_str(), table);
+  dat.table = table;
+  return true;
+}
+
 bool open_frd(const std::string &path, FrdReader &frd) {
   frd.name = path;
   frd.file = open_for_reading(path);
@@ -223,10 +286,7 @@ bool read_frd_stresses(FrdReader &frd, int mode, std::vector<int> &nodes,
   bool in_block = false;
   while (next_line(frd.file, frd.line)) {
     const char *l = frd.line.c_str();
-    if (std::strncmp(l, "    1PMODE", 10) == 0) {
-      frd.mode = std::atoi(l + 10);
-      in_block = false;
-    } else if (std::strncmp(l, "  100CL", 7) == 0) {
+    if (std::strncmp(l, "  100CL", 7) == 0) {
       // The last field of the line is the format: 0 short, 1 long, 2 binary.
       size_t end = frd.line.find_last_not_of(" \r\n");
       char format = end == std::string::npos ? '1' : frd.line[end];
@@ -234,7 +294,7 @@ bool read_frd_stresses(FrdReader &frd, int mode, std::vector<int> &nodes,
         return failed("%s is a binary .frd; an ASCII one is needed", frd.name.c_str());
       frd.width = format == '0' ? 5 : 10;
     } else if (std::strncmp(l, " -4  STRESS", 11) == 0) {
-      in_block = frd.mode == mode;
+      in_block = ++frd.blocks == mode;
     } else if (std::strncmp(l, " -3", 3) == 0) {
       if (in_block) return true;
     } else if (in_block && std::strncmp(l, " -1", 3) == 0) {
