@@ -1,5 +1,6 @@
-// ccx2krx MODEL.inp -o OUT.krx [--modes N] [--stress] [--units SYSTEM] [--keep DIR] [--timing]:
-// runs CalculiX on the model part of a deck and exports its modes as a KRX file.
+// ccx2krx MODEL.inp -o OUT.krx [--modes N] [--stress] [--units SYSTEM] [--keep DIR] [--timing]
+// [--interface NSET ...]: runs CalculiX on the model part of a deck and exports its modes (with
+// interface points: its component modes) as a KRX file.
 #include <sys/resource.h>
 #include <unistd.h>
 
@@ -43,7 +44,7 @@ void usage(std::FILE *out) {
   std::fprintf(
       out,
       "usage: ccx2krx MODEL.inp -o OUT.krx [--modes N] [--stress] [--units SYSTEM]\n"
-      "               [--keep DIR] [--timing]\n"
+      "               [--keep DIR] [--timing] [--interface NSET ...]\n"
       "\n"
       "Runs CalculiX (the CCX environment variable, else ccx on PATH) on the model part of\n"
       "MODEL.inp (everything before its first *STEP) and writes its normal modes as a KRX file.\n"
@@ -57,12 +58,20 @@ void usage(std::FILE *out) {
       "outward). QOR_KRXWRITE_OPTIONS goes to the library.\n"
       "\n"
       "  -o OUT.krx       the file to write (its directory must exist)\n"
-      "  --modes N        normal modes, rigid-body modes among them (default 20)\n"
+      "  --modes N        normal modes, rigid-body modes among them (default 20); with\n"
+      "                   --interface, the normal modes with the interfaces held\n"
       "  --stress         also the modal stresses CalculiX computes at the nodes\n"
       "  --units SYSTEM   the deck's consistent units: m-kg-s, mm-t-s, mm-kg-ms, mm-g-ms,\n"
       "                   cm-g-s (default mm-t-s: N, mm, tonne, s)\n"
       "  --keep DIR       keep CalculiX's work directory in DIR (created if missing)\n"
-      "  --timing         print CalculiX's time, the tool's own time and its peak memory\n");
+      "  --timing         print CalculiX's time, the tool's own time and its peak memory\n"
+      "  --interface NSET make the deck's node set NSET an interface point (repeatable): a\n"
+      "                   reference node and a rotation node at the plain mean of the set's\n"
+      "                   coordinates, tied to the set by *RIGID BODY, REF NODE, ROT NODE.\n"
+      "                   The file then holds the static shape of each interface degree of\n"
+      "                   freedom (the others held) and N normal modes with all of them held,\n"
+      "                   orthonormalised by the library; the reference nodes are its\n"
+      "                   interface nodes, with rotations from the rotation nodes\n");
 }
 
 // 0 when the options are complete, 2 for a usage error, 1 after --help.
