@@ -74,16 +74,17 @@ def test_eigenvalues_are_calculix_own(export, name):
 @names
 def test_mass_centre_and_inertia(export, name):
     e = export(name)
-    body = e.read().global_body_props
+    f = e.read()
+    body = f.global_body_props
     mass = body["mass"]
     assert mass == pytest.approx(ccx.stored_total_mass(os.path.join(e.keep, "matrices")),
                                  rel=1e-9)
     totals = ccx.dat_total_effective_mass(os.path.join(e.keep, "modes.dat"))
     np.testing.assert_allclose(totals[:3], mass, rtol=6e-7)  # the .dat has seven digits
-    assert np.all(e.read().masses > 0), "a node without mass, or a negative one"
+    assert np.all(f.masses > 0), "a node without mass, or a negative one"
     volume, centre, inertia = EXACT[shape(name)]
     assert mass == pytest.approx(DENSITY * volume, rel=MODELS[name][2])
-    size = float(np.linalg.norm(np.ptp(e.read().coords, axis=0)))
+    size = float(np.linalg.norm(np.ptp(f.coords, axis=0)))
     assert np.linalg.norm(body["centre"] - centre) < 1e-3 * size
     # Block 6 holds the inertia about the origin with the products of inertia negated.
     about_origin = body["inertia"] * np.where(np.eye(3) == 1, 1.0, -1.0)
@@ -138,7 +139,7 @@ def surface(f):
 
 
 @names
-def test_faces_are_the_outer_surface(export, name):
+def test_outer_faces_and_header(export, name):
     e = export(name)
     f = e.read()
     area, volume = surface(f)
@@ -146,7 +147,7 @@ def test_faces_are_the_outer_surface(export, name):
     rel = 1e-9 if shape(name) != "bracket" else 1e-2
     assert area == pytest.approx(SURFACE[shape(name)], rel=rel)
     assert volume == pytest.approx(EXACT[shape(name)][0], rel=rel)
-    header = f.header
+    header = f.header  # title from *HEADING, the deck's file name
     assert header["title"].startswith(shape(name) + " meshed by gmsh")
     assert header["input_name"] == os.path.basename(e.deck)
     assert "calculix" in header["input_type"].lower()

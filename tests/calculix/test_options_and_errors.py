@@ -1,4 +1,5 @@
-"""The writer's options on the bracket, and the bad inputs that must leave no file behind."""
+"""The writer's options on the bracket, a deck with steps in another unit system, and the bad
+inputs, which must leave no file behind."""
 
 import os
 import subprocess
@@ -7,6 +8,7 @@ import numpy as np
 import pytest
 
 import calculix_output as ccx
+import krx
 from conftest import run_tool
 from test_against_calculix import surface
 
@@ -55,6 +57,21 @@ def test_strip_and_coarsen_keep_the_outline(export, krxdump):
     np.testing.assert_allclose(used.min(axis=0), plain.coords.min(axis=0), atol=1e-9)
     np.testing.assert_allclose(used.max(axis=0), plain.coords.max(axis=0), atol=1e-9)
     assert surface(coarse)[0] == pytest.approx(surface(plain)[0], rel=0.05)
+
+
+def test_steps_are_left_out_and_units_named(export, ccx2krx, tmp_path):
+    plain = export("bar_c3d8")
+    deck = tmp_path / "with_steps.inp"
+    with open(plain.deck) as f:
+        deck.write_text(f.read() + "*STEP\n*STATIC\n*BOUNDARY\nEND1, 1, 3\n*END STEP\n")
+    out = tmp_path / "with_steps.krx"
+    run = run_tool(ccx2krx, [str(deck), "-o", str(out), "--modes", "12", "--units", "m-kg-s"])
+    assert run.returncode == 0, run.stderr
+    assert sum("*STEP" in line for line in run.stderr.splitlines()) == 1
+    f, g = krx.read(out), plain.read()
+    np.testing.assert_allclose(f.eigenvalues[6:], g.eigenvalues[6:], rtol=1e-9)
+    assert g.units == ["MEGAGRAM", "MILLIMETER", "SECOND", "NEWTON"]
+    assert f.units == ["KILOGRAM", "METER", "SECOND", "NEWTON"]
 
 
 SHELL_DECK = """*HEADING
