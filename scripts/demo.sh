@@ -36,9 +36,9 @@ echo "== gmsh meshes the bracket: out/bracket.inp"
 /usr/bin/python3 hosts/calculix/geometry/make_deck.py hosts/calculix/geometry/bracket.geo \
   out/bracket.inp -setnumber h 5
 echo
-echo "== ccx2krx out/bracket.inp -o out/bracket.krx --modes 12 --stress --timing"
-TMP="$PWD/out" build/ccx2krx out/bracket.inp -o out/bracket.krx --modes 12 --stress --timing \
-  > out/bracket.log
+echo "== ccx2krx out/bracket.inp -o out/bracket.krx --interface HOLE1 --interface HOLE2 --modes 12 --stress --timing"
+TMP="$PWD/out" build/ccx2krx out/bracket.inp -o out/bracket.krx --interface HOLE1 \
+  --interface HOLE2 --modes 12 --stress --timing > out/bracket.log
 echo "(the library's messages are in out/bracket.log)"
 echo
 echo "== krxdump out/bracket.krx -b 7"
