@@ -12,6 +12,7 @@ import pytest
 
 import calculix_output as ccx
 from conftest import Export, run_tool
+from test_against_calculix import by_node
 
 BRACKET = "bracket_c3d10"
 FIXED = 20  # fixed-interface normal modes
@@ -66,14 +67,15 @@ def deck_set(path, name):
 
 @pytest.fixture(scope="module")
 def exports(ccx2krx, deck, tmp_path_factory):
-    """The bracket with both holes as interface points, exported twice at once: as it is, and
-    with the inertia invariants (which keep only the nodes of faces and interfaces)."""
+    """The bracket with both holes as interface points, exported twice at once: with stresses,
+    and with the inertia invariants (which keep only the nodes of faces and interfaces)."""
     where = tmp_path_factory.mktemp("component")
 
     def export(options):
         out, keep = str(where / f"{options}.krx"), str(where / f"work_{options}")
+        stress = [] if options else ["--stress"]
         run = run_tool(ccx2krx, [deck(BRACKET), "-o", out, "--interface", "HOLE1", "--interface",
-                                 "HOLE2", "--modes", str(FIXED), "--keep", keep], options)
+                                 "HOLE2", "--modes", str(FIXED), "--keep", keep, *stress], options)
         assert run.returncode == 0, run.stderr
         return Export(deck(BRACKET), out, keep, run)
 
@@ -89,13 +91,14 @@ def component(exports):
 @pytest.fixture(scope="module")
 def reference(component):
     """CalculiX on the tool's own model part (mesh and rigid bodies): free-free modes, and HOLE1
-    held with a unit force along z, then a unit moment about y, on HOLE2."""
+    held with a unit force along z, then a unit moment about y, on HOLE2 (stresses in the .frd;
+    the last step's are the moment's)."""
     points = interface_points(os.path.join(component.keep, "model.inp"))
     (ref_a, rot_a), (ref_b, rot_b) = points["HOLE1"], points["HOLE2"]
     free = calculix(component.keep, "free", "*STEP\n*FREQUENCY\n14\n*END STEP\n")
     static = calculix(component.keep, "static",
                       f"*STEP\n*STATIC\n*BOUNDARY\n{ref_a},1,3\n{rot_a},1,3\n"
-                      f"*CLOAD\n{ref_b},3,1.\n*NODE PRINT,NSET=CCX2KRXIF\nU\n*END STEP\n"
+                      f"*CLOAD\n{ref_b},3,1.\n*NODE PRINT,NSET=CCX2KRXIF\nU\n*EL FILE\nS\n*END STEP\n"
                       f"*STEP\n*STATIC\n*CLOAD,OP=NEW\n{rot_b},2,1.\n*END STEP\n")
     finish(free)
     finish(static)
@@ -133,18 +136,35 @@ def test_frequencies_bound_calculix_free_free_from_above(component, reference):
     assert np.all(ratio < 1.01 ** 2), ratio  # eigenvalues: frequencies within 1%
 
 
+def static_response(f, points, load):
+    """Modal coordinates of HOLE2's reference node loaded by load (six components) with HOLE1
+    held, from the file alone: its modes and eigenvalues, the modal stiffness condensed onto the
+    modes that leave HOLE1 at rest."""
+    phi_a, phi_b = shapes_at(f, points["HOLE1"][0]), shapes_at(f, points["HOLE2"][0])
+    null = np.linalg.svd(phi_a)[2][6:].T
+    stiffness = null.T @ np.diag(f.eigenvalues) @ null
+    return null @ np.linalg.solve(stiffness, null.T @ phi_b.T @ load)
+
+
 def test_static_response_of_one_hole_with_the_other_held_is_exact(component, reference):
     f = component.read()
     points, _, theirs = reference
-    phi_a, phi_b = shapes_at(f, points["HOLE1"][0]), shapes_at(f, points["HOLE2"][0])
-    # Modal stiffness condensed onto the modes that leave HOLE1 at rest.
-    null = np.linalg.svd(phi_a)[2][6:].T
-    stiffness = null.T @ np.diag(f.eigenvalues) @ null
+    # A unit force along z, then a unit moment about y.
     for load, expected in zip((np.eye(6)[2], np.eye(6)[4]), theirs):
-        q = null @ np.linalg.solve(stiffness, null.T @ phi_b.T @ load)
-        ours = phi_b @ q
+        ours = shapes_at(f, points["HOLE2"][0]) @ static_response(f, points, load)
         error = np.linalg.norm(ours - expected) / np.linalg.norm(expected)
         assert error < 1e-6, f"{ours} against CalculiX's {expected}: {error:.1e}"
+
+
+def test_static_stresses_follow_from_the_modal_stresses(component, reference):
+    f = component.read()
+    q = static_response(f, reference[0], np.eye(6)[4])
+    ids, modal = f.stress
+    ours = np.tensordot(q, np.asarray(modal), axes=1)
+    their_ids, theirs = ccx.frd_results(os.path.join(component.keep, "static.frd"), "STRESS")[None]
+    theirs = by_node(their_ids, theirs[:, [0, 1, 2, 3, 5, 4]], ids)
+    # Both sides carry the .frd's five digits.
+    assert np.max(np.abs(ours - theirs)) < 1e-4 * np.max(np.abs(theirs))
 
 
 def test_modes_are_mass_orthonormal_and_carry_the_mass(exports, reference):
