@@ -1,7 +1,8 @@
 // ccx2krx, a host that exports a CalculiX model: the deck reader and the step decks, the CalculiX
 // runs, the readers of CalculiX's output (.dof, .sti/.mas, .eig, .dat, .frd), the lumped masses
-// and modal products, the interface points, and the skin of the mesh. Each operation reports its own failure once on
-// standard error ("ccx2krx: ...") and returns false; callers only pass the failure up.
+// and modal products, the interface points, and the skin of the mesh. Each operation reports its
+// own failure once on standard error ("ccx2krx: ...") and returns false; callers only pass the
+// failure up.
 #ifndef CCX2KRX_H
 #define CCX2KRX_H
 
@@ -190,6 +191,7 @@ struct ExportJob {
   // rows of the map.
   DatReader *dat = nullptr;
   std::string scratch;
+  std::FILE *scratch_file = nullptr;  // open while the modes are handed over
 };
 bool export_model(ExportJob &job);
 

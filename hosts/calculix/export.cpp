@@ -1,6 +1,6 @@
 // Hands the model to the library through the exported entries: header, units, nodes with their
-// lumped masses, the interface nodes, the skin, then mode after mode the shape, the stresses and the generalized mass
-// and stiffness, and last the write.
+// lumped masses, the interface nodes, the skin, then mode after mode the shape, the stresses and
+// the generalized mass and stiffness, and last the write.
 #include <algorithm>
 #include <cmath>
 #include <cstring>
@@ -97,20 +97,17 @@ bool is_interface_row(const ExportJob &job, size_t r) {
 
 // Mode j as rows of the matrices: a static shape from scratch, a normal mode from the .eig, whose
 // vectors leave out the interface rows when there are interfaces (they are held, so zero).
-bool read_rows(ExportJob &job, int j, std::vector<double> &rows) {
+bool read_rows(ExportJob &job, int j, std::vector<double> &rows, std::vector<double> &held) {
   int statics = static_modes(job);
   size_t n = job.map->row_node.size();
   if (j <= statics) {
     rows.resize(n);
-    std::FILE *file = std::fopen(job.scratch.c_str(), "rb");
-    bool ok = file && std::fseek(file, static_cast<long>(8 * n * (j - 1)), SEEK_SET) == 0 &&
-              std::fread(rows.data(), sizeof(double), n, file) == n;
-    if (file) std::fclose(file);
-    if (!ok) return failed("cannot read static shape %d back from %s", j, job.scratch.c_str());
+    if (std::fseek(job.scratch_file, static_cast<long>(8 * n * (j - 1)), SEEK_SET) != 0 ||
+        std::fread(rows.data(), sizeof(double), n, job.scratch_file) != n)
+      return failed("cannot read static shape %d back from %s", j, job.scratch.c_str());
     return true;
   }
   if (statics == 0) return read_eigenvector(*job.eig, j, rows);
-  std::vector<double> held;
   if (!read_eigenvector(*job.eig, j - statics, held)) return false;
   rows.assign(n, 0.0);
   size_t k = 0;
@@ -129,10 +126,9 @@ bool read_static_shape(ExportJob &job, int j, std::vector<double> &rows,
     int node = job.map->row_node[r], dir = job.map->row_dir[r];
     if (node >= 0 && dir >= 0) rows[r] = by_node[6 * static_cast<size_t>(node) + dir];
   }
-  std::FILE *file = std::fopen(job.scratch.c_str(), j == 1 ? "wb" : "ab");
-  bool ok = file && std::fwrite(rows.data(), sizeof(double), n, file) == n;
-  if (file && std::fclose(file) != 0) ok = false;
-  if (!ok) return failed("cannot write %s", job.scratch.c_str());
+  if (std::fseek(job.scratch_file, static_cast<long>(8 * n * (j - 1)), SEEK_SET) != 0 ||
+      std::fwrite(rows.data(), sizeof(double), n, job.scratch_file) != n)
+    return failed("cannot write %s", job.scratch.c_str());
   return true;
 }
 
@@ -169,12 +165,14 @@ bool set_generalized(int i, int j, double mass, double stiffness) {
 bool set_modes(ExportJob &job) {
   EigenFile &eig = *job.eig;
   int statics = static_modes(job), modes = statics + eig.modes;
-  std::vector<double> phi, other, m_phi, k_phi, by_node;
+  std::vector<double> phi, other, m_phi, k_phi, by_node, held;
+  if (statics > 0 && !(job.scratch_file = std::fopen(job.scratch.c_str(), "w+b")))
+    return failed("cannot write %s", job.scratch.c_str());
   for (int j = 1; j <= modes; ++j) {
     if (j <= statics) {
       if (!read_static_shape(job, j, phi, by_node)) return false;
     } else {
-      if (!read_rows(job, j, phi)) return false;
+      if (!read_rows(job, j, phi, held)) return false;
       rows_to_nodes(job, phi, by_node);
     }
     if (!set_shape(job, j, by_node)) return false;
@@ -194,7 +192,7 @@ bool set_modes(ExportJob &job) {
     for (int i = 1; i <= j; ++i) {
       const std::vector<double> *left = &phi;
       if (i != j) {
-        if (!read_rows(job, i, other)) return false;
+        if (!read_rows(job, i, other, held)) return false;
         left = &other;
       }
       if (!set_generalized(i, j, dot(*left, m_phi), dot(*left, k_phi))) return false;
@@ -246,6 +244,8 @@ bool export_model(ExportJob &job) {
   }
   ok = ok && set_nodes(job) && set_interface_nodes(*job.deck) && set_faces(*job.faces) &&
        set_modes(job);
+  if (job.scratch_file) std::fclose(job.scratch_file);
+  job.scratch_file = nullptr;
   if (ok) {
     KRX_WRITE_KRX(job.output.c_str(), &status, static_cast<int>(job.output.size()));
     ok = entry(status, "to write the file");
