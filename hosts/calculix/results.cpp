@@ -45,6 +45,17 @@ std::FILE *open_for_reading(const std::string &path) {
   return file;
 }
 
+bool open_named(const std::string &path, std::FILE *&file, std::string &name) {
+  name = path;
+  file = open_for_reading(path);
+  return file != nullptr;
+}
+
+void close_file(std::FILE *&file) {
+  if (file) std::fclose(file);
+  file = nullptr;
+}
+
 }  // namespace
 
 bool parse_dof_map(std::FILE *file, const std::string &name, const Deck &deck, DofMap &map) {
@@ -189,21 +200,13 @@ bool read_eigenvector(EigenFile &eig, int mode, std::vector<double> &vector) {
   return true;
 }
 
-void close_eigen_file(EigenFile &eig) {
-  if (eig.file) std::fclose(eig.file);
-  eig.file = nullptr;
-}
+void close_eigen_file(EigenFile &eig) { close_file(eig.file); }
 
 bool open_dat(const std::string &path, DatReader &dat) {
-  dat.name = path;
-  dat.file = open_for_reading(path);
-  return dat.file != nullptr;
+  return open_named(path, dat.file, dat.name);
 }
 
-void close_dat(DatReader &dat) {
-  if (dat.file) std::fclose(dat.file);
-  dat.file = nullptr;
-}
+void close_dat(DatReader &dat) { close_file(dat.file); }
 
 // A table starts with a line " displacements (vx,vy,vz) for set ..." and a blank line; its rows
 // follow up to the next blank line.
@@ -250,15 +253,10 @@ bool read_dat_displacements(DatReader &dat, const Deck &deck, std::vector<double
 }
 
 bool open_frd(const std::string &path, FrdReader &frd) {
-  frd.name = path;
-  frd.file = open_for_reading(path);
-  return frd.file != nullptr;
+  return open_named(path, frd.file, frd.name);
 }
 
-void close_frd(FrdReader &frd) {
-  if (frd.file) std::fclose(frd.file);
-  frd.file = nullptr;
-}
+void close_frd(FrdReader &frd) { close_file(frd.file); }
 
 // Values are fixed-width fields of 12 characters that may touch ("-1.23450E+02-2.00000E-01").
 bool parse_frd_values(const char *line, int node_width, int &node, double *values, int count) {
