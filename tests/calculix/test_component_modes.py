@@ -58,8 +58,8 @@ def deck_set(path, name):
     with open(path) as f:
         for line in f:
             if line.startswith("*"):
-                inside = line.replace(" ", "").upper().startswith(f"*NSET,NSET={name},") or \
-                    line.replace(" ", "").upper().rstrip() == f"*NSET,NSET={name}"
+                card = line.replace(" ", "").upper().rstrip() + ","
+                inside = card.startswith(f"*NSET,NSET={name},")
             elif inside:
                 ids += [int(t) for t in line.split(",") if t.strip()]
     return np.array(sorted(set(ids)))
@@ -72,7 +72,8 @@ def exports(ccx2krx, deck, tmp_path_factory):
     where = tmp_path_factory.mktemp("component")
 
     def export(options):
-        out, keep = str(where / f"{options}.krx"), str(where / f"work_{options}")
+        label = options or "plain"
+        out, keep = str(where / f"{label}.krx"), str(where / f"work_{label}")
         stress = [] if options else ["--stress"]
         run = run_tool(ccx2krx, [deck(BRACKET), "-o", out, "--interface", "HOLE1", "--interface",
                                  "HOLE2", "--modes", str(FIXED), "--keep", keep, *stress], options)
