@@ -14,7 +14,8 @@ trap 'rm -rf "$work"' EXIT
 /usr/bin/python3 hosts/calculix/geometry/make_deck.py hosts/calculix/geometry/bracket.geo \
   "$work/bracket.inp" -setnumber h "$size"
 nodes=$(awk '/^\*NODE/ {on = 1; next} /^\*/ {on = 0} on' "$work/bracket.inp" | wc -l)
-echo "bracket: element size $size mm, $nodes nodes, 30 modes, --stress ${options[*]}, OMP_NUM_THREADS=${OMP_NUM_THREADS:-unset}"
+echo "bracket: element size $size mm, $nodes nodes, 30 modes, --stress ${options[*]}," \
+  "OMP_NUM_THREADS=${OMP_NUM_THREADS:-unset}"
 start=$(date +%s.%N)
 TMP="$work" "$build/ccx2krx" "$work/bracket.inp" -o "$work/bracket.krx" --modes 30 --stress \
   --timing "${options[@]}" 2> "$work/stderr" > /dev/null || { cat "$work/stderr" >&2; exit 1; }

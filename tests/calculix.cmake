@@ -3,6 +3,7 @@
 # ccx and gmsh are required: without them the test fails.
 add_test(NAME calculix.pytest
          COMMAND /usr/bin/python3 -m pytest -q -p no:cacheprovider
-                 --basetemp=${CMAKE_CURRENT_BINARY_DIR}/calculix ${CMAKE_CURRENT_SOURCE_DIR}/calculix)
-set_tests_properties(calculix.pytest PROPERTIES TIMEOUT 600
-                     ENVIRONMENT "PYTHONDONTWRITEBYTECODE=1;CCX2KRX=$<TARGET_FILE:ccx2krx>;KRXDUMP=$<TARGET_FILE:krxdump>;TMP=${CMAKE_CURRENT_BINARY_DIR}")
+                 --basetemp=${CMAKE_CURRENT_BINARY_DIR}/calculix
+                 ${CMAKE_CURRENT_SOURCE_DIR}/calculix)
+set_tests_properties(calculix.pytest PROPERTIES TIMEOUT 600 ENVIRONMENT
+  "PYTHONDONTWRITEBYTECODE=1;CCX2KRX=$<TARGET_FILE:ccx2krx>;KRXDUMP=$<TARGET_FILE:krxdump>;TMP=${CMAKE_CURRENT_BINARY_DIR}")

@@ -9,18 +9,21 @@ import numpy as np
 
 def box(corner, size):
     v = float(np.prod(size))
-    return v, np.asarray(corner, float) + np.asarray(size, float) / 2, np.diag(v * np.square(size) / 12)
+    centre = np.asarray(corner, float) + np.asarray(size, float) / 2
+    return v, centre, np.diag(v * np.square(size) / 12)
 
 
 def z_cylinder(x, y, z0, radius, height):
     v = math.pi * radius**2 * height
-    return v, np.array([x, y, z0 + height / 2]), np.diag([v * radius**2 / 4] * 2 + [v * height**2 / 12])
+    s = np.diag([radius**2 / 4, radius**2 / 4, height**2 / 12])
+    return v, np.array([x, y, z0 + height / 2]), v * s
 
 
 def right_prism(a, b, length):
     """Legs a along x and b along y from the origin, extruded from z = 0 to length."""
     v = a * b / 2 * length
-    s = np.array([[a * a / 18, -a * b / 36, 0], [-a * b / 36, b * b / 18, 0], [0, 0, length**2 / 12]])
+    s = np.array([[a * a / 18, -a * b / 36, 0], [-a * b / 36, b * b / 18, 0],
+                  [0, 0, length**2 / 12]])
     return v, np.array([a / 3, b / 3, length / 2]), v * s
 
 

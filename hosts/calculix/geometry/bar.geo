@@ -20,7 +20,8 @@ Transfinite Volume{1};
 
 e = 0.01;
 Physical Surface("END1") = {Surface In BoundingBox{-e, -e, -e, e, wide + e, deep + e}};
-Physical Surface("END2") = {Surface In BoundingBox{length - e, -e, -e, length + e, wide + e, deep + e}};
+Physical Surface("END2") = {Surface In BoundingBox{length - e, -e, -e,
+                                                   length + e, wide + e, deep + e}};
 Physical Volume("BAR") = {1};
 
 Mesh.ElementOrder = order;
