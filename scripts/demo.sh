@@ -3,12 +3,15 @@
 # host and krxdump, lets the example host write the closed-form chain model through the exported
 # entries, and lists the file with krxdump (contents and the eigenvalue block; the full listing is
 # `build/krxdump out/sample.krx`); then the Python reader writes out/sample.vtu for ParaView and
-# out/mode7.png, a picture of mode 7.
+# out/mode7.png, a picture of mode 7. Then the real path: gmsh meshes the bracket of
+# hosts/calculix/geometry in quadratic tetrahedra, ccx2krx has CalculiX compute its modes and
+# stresses and exports out/bracket.krx, krxdump lists its eigenvalues, and the Python reader writes
+# out/bracket.vtu and out/bracket_mode7.png, the first bending mode.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bash scripts/install-deps.sh
 cmake -S . -B build -G Ninja >/dev/null
-cmake --build build --target krxlib example_host krxdump
+cmake --build build --target krxlib example_host krxdump ccx2krx
 mkdir -p out
 echo
 echo "== The example host writes out/sample.krx"
@@ -28,3 +31,19 @@ export PYTHONPATH=python MPLBACKEND=Agg
 /usr/bin/python3 -m krx info out/sample.krx
 /usr/bin/python3 -m krx vtu out/sample.krx out/sample.vtu
 /usr/bin/python3 -m krx plot out/sample.krx --mode 7 -o out/mode7.png
+echo
+echo "== gmsh meshes the bracket: out/bracket.inp"
+/usr/bin/python3 hosts/calculix/geometry/make_deck.py hosts/calculix/geometry/bracket.geo \
+  out/bracket.inp -setnumber h 5
+echo
+echo "== ccx2krx out/bracket.inp -o out/bracket.krx --interface HOLE1 --interface HOLE2 --modes 12 --stress --timing"
+TMP="$PWD/out" build/ccx2krx out/bracket.inp -o out/bracket.krx --interface HOLE1 \
+  --interface HOLE2 --modes 12 --stress --timing > out/bracket.log
+echo "(the library's messages are in out/bracket.log)"
+echo
+echo "== krxdump out/bracket.krx -b 7"
+build/krxdump out/bracket.krx -b 7
+echo
+echo "== python3 -m krx: out/bracket.vtu and out/bracket_mode7.png"
+/usr/bin/python3 -m krx vtu out/bracket.krx out/bracket.vtu
+/usr/bin/python3 -m krx plot out/bracket.krx --mode 7 -o out/bracket_mode7.png --scale 0.2

@@ -31,6 +31,19 @@ def default_scale(f, disp):
     return 0.1 * (size if size > 0.0 else 1.0) / largest
 
 
+def view_angles(disp):
+    """Elevation and azimuth (degrees) of a view across the plane in which the mode moves most:
+    along the axis of least displacement, from the side of matplotlib's default view, turned a
+    little off that axis so that the body still reads as a solid."""
+    _, axes = np.linalg.eigh(disp.T @ disp)
+    towards = axes[:, 0]
+    if towards @ np.array([0.43, -0.75, 0.5]) < 0.0:
+        towards = -towards
+    elevation = np.degrees(np.arcsin(np.clip(towards[2], -1.0, 1.0)))
+    azimuth = np.degrees(np.arctan2(towards[1], towards[0]))
+    return elevation + 15.0, azimuth + 15.0
+
+
 def plot_mode(f, number, out, scale=None):
     """Writes the picture of mode `number` of the read file f to out; returns the scale used."""
     import matplotlib
@@ -51,12 +64,16 @@ def plot_mode(f, number, out, scale=None):
     fig = plt.figure(figsize=(8, 6), dpi=100)
     ax = fig.add_subplot(projection="3d")
     edges = _segments(f)
+    shown = np.arange(len(f.coords))
     if edges is not None:
-        ax.add_collection3d(Line3DCollection(f.coords[edges], colors="0.65", linewidths=1.0))
+        shown = np.unique(edges)  # the nodes on the faces: a solid's inner nodes would hide them
+        ax.add_collection3d(Line3DCollection(f.coords[edges], colors="0.7", linewidths=0.6))
         colours = cmap(norm(magnitude[edges].mean(axis=1)))
-        ax.add_collection3d(Line3DCollection(moved[edges], colors=colours, linewidths=2.0))
-    ax.scatter(*f.coords.T, s=2, c="0.65", depthshade=False)
-    ax.scatter(*moved.T, s=6, c=magnitude, cmap=cmap, norm=norm, depthshade=False)
+        ax.add_collection3d(Line3DCollection(moved[edges], colors=colours, linewidths=1.5))
+    ax.scatter(*f.coords[shown].T, s=2, c="0.7", depthshade=False)
+    ax.scatter(*moved[shown].T, s=6, c=magnitude[shown], cmap=cmap, norm=norm, depthshade=False)
+    if len(disp) > 1:
+        ax.view_init(*view_angles(disp))
     both = np.concatenate([f.coords, moved])
     lo, hi = both.min(axis=0), both.max(axis=0)
     half = max(float((hi - lo).max()) / 2.0, 1e-12)

@@ -1,0 +1,204 @@
+// ccx2krx, a host that exports a CalculiX model: the deck reader and the step decks, the CalculiX
+// runs, the readers of CalculiX's output (.dof, .sti/.mas, .eig, .dat, .frd), the lumped masses
+// and modal products, the interface points, and the skin of the mesh. Each operation reports its
+// own failure once on standard error ("ccx2krx: ...") and returns false; callers only pass the
+// failure up.
+#ifndef CCX2KRX_H
+#define CCX2KRX_H
+
+#include <cstdint>
+#include <cstdio>
+#include <string>
+#include <vector>
+
+namespace ccx {
+
+// One solid element: its CalculiX type and its node ids in CalculiX's order.
+struct Element {
+  int id = 0;
+  int shape = 0;  // index into the shape table of skin.cpp (tetrahedron, wedge, hexahedron)
+  std::vector<int> nodes;
+};
+
+// A node set of the deck (*NSET, plain or GENERATE), its name in upper case, its ids as listed.
+struct NodeSet {
+  std::string name;
+  std::vector<int> ids;
+};
+
+// An interface point: a node set tied by *RIGID BODY to a new reference node (its translations)
+// and rotation node (its rotations), both at the plain mean of the set's coordinates.
+struct Interface {
+  std::string set;
+  int ref = 0;  // node ids, above every id of the deck
+  int rot = 0;
+};
+
+// The model part of a deck: everything before the first *STEP, with *INCLUDEs read in.
+struct Deck {
+  std::string text;        // the model part as written to model.inp
+  std::string heading;     // first line after *HEADING, trimmed; empty without one
+  bool has_steps = false;  // the deck went on past the model part
+  bool has_density = false;
+  std::vector<int> node_ids;      // sorted ascending: nodes of solid elements, then the
+                                  // reference nodes of the interfaces
+  std::vector<double> xyz;        // three per entry of node_ids
+  std::vector<Element> elements;  // the solid elements
+  std::vector<NodeSet> sets;
+  int max_node_id = 0;            // over every node the deck defines
+  int solid_nodes = 0;            // entries of node_ids that solid elements use
+  int tied_nodes = 0;             // nodes of the solid elements in interface sets
+  std::vector<Interface> interfaces;
+};
+
+// Reads the deck at path; refuses element types it cannot use, a deck without density, a deck
+// without solid elements.
+bool read_deck(const std::string &path, Deck &deck);
+// Reads deck text (no file): the part of read_deck that tests can feed by hand. base_dir resolves
+// *INCLUDE names.
+bool parse_deck(const std::string &text, const std::string &base_dir, Deck &deck);
+// Position of a node id in deck.node_ids, -1 when the node is not used by a solid element.
+int node_index(const Deck &deck, int id);
+
+// The shape of a CalculiX element type: 0 tetrahedron, 1 wedge, 2 hexahedron; -1 for a type that
+// is not a supported solid.
+int element_shape(const std::string &type);
+int corner_count(int shape);
+int node_count_of_type(const std::string &type);
+
+// Step decks written beside model.inp.
+bool write_file(const std::string &path, const std::string &text);
+std::string modes_deck(int modes, bool stress);
+std::string matrices_deck();
+
+// Makes each named node set an interface point: refuses a set the deck lacks, a set without
+// nodes of the solid elements and sets that share a node; appends the reference nodes to
+// node_ids and the nodes, rigid bodies and the set of all nodes to the model text.
+bool add_interfaces(Deck &deck, const std::vector<std::string> &names);
+// The component-mode job: one *STATIC step per interface degree of freedom (that one at 1, the
+// others held at 0; every node's displacement printed to the .dat), then `modes` normal modes
+// with every interface degree of freedom held (*FREQUENCY, STORAGE=YES).
+std::string component_deck(const Deck &deck, int modes, bool stress);
+
+// Runs the CalculiX executable (CCX, else ccx on PATH) on job in dir, its standard output to
+// job.log; on failure shows its *ERROR lines. Both jobs run at once; seconds is the wall time.
+bool run_calculix(const std::string &dir, const std::vector<std::string> &jobs, double &seconds);
+
+// The .dof map: row r of the matrices is node row_node[r] (index into deck.node_ids, -1 for a
+// node that is not the file's), direction row_dir[r] (0..2 translations; 3..5 rotations, which
+// the rows of an interface's rotation node are, given to its reference node; -1 for others).
+struct DofMap {
+  std::vector<int> row_node;
+  std::vector<int> row_dir;
+};
+bool read_dof_map(const std::string &path, const Deck &deck, DofMap &map);
+bool parse_dof_map(std::FILE *file, const std::string &name, const Deck &deck, DofMap &map);
+
+// The stiffness and mass matrices of the matrix run, which share one pattern: the upper
+// triangle, column by column as CalculiX lists it. Column c holds rows row[start[c]] ..
+// row[start[c+1]-1], 0-based, its diagonal among them.
+struct Matrices {
+  int n = 0;
+  std::vector<int64_t> start;
+  std::vector<int> row;
+  std::vector<double> stiffness;
+  std::vector<double> mass;
+};
+// Reads the .mas and the .sti files of the matrix run (n rows each, n from the .dof map).
+bool read_matrices(const std::string &mas, const std::string &sti, int n, Matrices &m);
+bool parse_matrix(std::FILE *file, const std::string &name, bool pattern_known, Matrices &m,
+                  std::vector<double> &values);
+
+// y = A x over the whole symmetric matrix, A being m.stiffness or m.mass.
+void multiply(const Matrices &m, const std::vector<double> &a, const double *x, double *y);
+double dot(const std::vector<double> &a, const std::vector<double> &b);
+
+// Lumped nodal masses: each node's translational diagonal entries of the consistent mass, scaled
+// so that their sum is the total mass (the sum of one direction's block of M). Every mass is
+// positive where the diagonal is.
+bool lump_masses(const Matrices &m, const DofMap &map, int nodes, std::vector<double> &nodal,
+                 double &total);
+
+// The eigenvectors CalculiX stores in double precision (*FREQUENCY, STORAGE=YES): read one mode at
+// a time; the file is checked against the counts of the matrix run first.
+struct EigenFile {
+  std::FILE *file = nullptr;
+  std::string name;
+  int modes = 0;
+  int rows = 0;
+  int64_t vectors_at = 0;  // byte offset of the first eigenvector
+  std::vector<double> eigenvalues;
+};
+bool open_eigen_file(const std::string &path, int rows, int64_t off_diagonal, EigenFile &eig);
+bool read_eigenvector(EigenFile &eig, int mode, std::vector<double> &vector);
+void close_eigen_file(EigenFile &eig);
+
+// The displacement tables that *NODE PRINT writes to the .dat, one after the other: each line a
+// node id and three values (for a rotation node its rotations). A node that is not the file's is
+// skipped; by_node gets six values per entry of deck.node_ids.
+struct DatReader {
+  std::FILE *file = nullptr;
+  std::string name;
+  int table = 0;  // tables read so far
+  std::string line;
+};
+bool open_dat(const std::string &path, DatReader &dat);
+bool read_dat_displacements(DatReader &dat, const Deck &deck, std::vector<double> &by_node);
+void close_dat(DatReader &dat);
+
+// The nodal stresses of an ASCII .frd, one stress block after the other, as the file lists them.
+struct FrdReader {
+  std::FILE *file = nullptr;
+  std::string name;
+  int blocks = 0;  // stress blocks seen so far
+  int width = 10;  // characters of a node number: 10 in the long format, 5 in the short
+  std::string line;
+};
+bool open_frd(const std::string &path, FrdReader &frd);
+// The STRESS block of the given mode (the mode-th of the file, static steps counted first): node
+// ids and six values per node in CalculiX's order SXX SYY SZZ SXY SYZ SZX. Modes must be asked
+// in ascending order.
+bool read_frd_stresses(FrdReader &frd, int mode, std::vector<int> &nodes,
+                       std::vector<double> &values);
+void close_frd(FrdReader &frd);
+// One " -1" record of a result block: the node and count values of 12 characters each.
+bool parse_frd_values(const char *line, int node_width, int &node, double *values, int count);
+
+// The skin: element faces used by one element only, each as its corner nodes (node ids), ordered
+// so that the normal points out of the element.
+struct Face {
+  int count = 0;
+  int ids[4] = {0, 0, 0, 0};
+};
+bool collect_skin(const Deck &deck, std::vector<Face> &faces);
+
+// What the export hands to the library, read by export.cpp through the KRX_ entries.
+struct ExportJob {
+  const Deck *deck = nullptr;
+  std::string deck_name;  // the deck's file name without its directory
+  std::string output;
+  std::string units_name;
+  double units[4] = {1.0, 1.0, 1.0, 1.0};  // SI value of the model's mass, length, time, force
+  bool stress = false;
+  const DofMap *map = nullptr;
+  const Matrices *matrices = nullptr;
+  const std::vector<double> *nodal_mass = nullptr;
+  const std::vector<Face> *faces = nullptr;
+  EigenFile *eig = nullptr;
+  FrdReader *frd = nullptr;
+  // With interfaces: the static shapes come first from the .dat, kept as rows in scratch (a file
+  // of the work directory) to be read back; the eigenvectors of the .eig leave out the interface
+  // rows of the map.
+  DatReader *dat = nullptr;
+  std::string scratch;
+  std::FILE *scratch_file = nullptr;  // open while the modes are handed over
+};
+bool export_model(ExportJob &job);
+
+// Messages: "ccx2krx: " and the text on standard error; failed() returns false for the caller.
+void note(const char *format, ...) __attribute__((format(printf, 1, 2)));
+bool failed(const char *format, ...) __attribute__((format(printf, 1, 2)));
+
+}  // namespace ccx
+
+#endif

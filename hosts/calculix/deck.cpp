@@ -1,0 +1,359 @@
+// The deck: the model part of a CalculiX input (up to the first *STEP, *INCLUDEs read in), its
+// nodes, solid elements, heading and density; and the two step decks written around it.
+#include <algorithm>
+#include <cctype>
+#include <cstdarg>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <sstream>
+
+#include "ccx2krx.h"
+
+namespace ccx {
+
+namespace {
+
+void report(const char *format, std::va_list args) {
+  std::fputs("ccx2krx: ", stderr);
+  std::vfprintf(stderr, format, args);
+  std::fputc('\n', stderr);
+}
+
+}  // namespace
+
+void note(const char *format, ...) {
+  std::va_list args;
+  va_start(args, format);
+  report(format, args);
+  va_end(args);
+}
+
+bool failed(const char *format, ...) {
+  std::va_list args;
+  va_start(args, format);
+  report(format, args);
+  va_end(args);
+  return false;
+}
+
+namespace {
+
+struct SolidType {
+  const char *name;
+  int shape;
+  int nodes;
+};
+
+// Reduced integration changes neither the nodes nor the faces of an element.
+const SolidType kSolidTypes[] = {
+    {"C3D4", 0, 4}, {"C3D10", 0, 10}, {"C3D6", 1, 6},   {"C3D15", 1, 15},
+    {"C3D8", 2, 8}, {"C3D8R", 2, 8},  {"C3D20", 2, 20}, {"C3D20R", 2, 20},
+};
+
+const int kIncludeDepth = 10;
+
+// A keyword line split into its upper-case name (blanks removed) and its parameters.
+struct Keyword {
+  std::string name;
+  std::vector<std::pair<std::string, std::string>> params;
+};
+
+std::string upper_without_blanks(const std::string &s) {
+  std::string out;
+  for (char c : s)
+    if (c != ' ' && c != '\t' && c != '\r') out += static_cast<char>(std::toupper(c));
+  return out;
+}
+
+Keyword parse_keyword(const std::string &line) {
+  Keyword k;
+  std::stringstream in(line.substr(1));
+  std::string item;
+  bool first = true;
+  while (std::getline(in, item, ',')) {
+    if (first) {
+      k.name = upper_without_blanks(item);
+      first = false;
+      continue;
+    }
+    size_t eq = item.find('=');
+    std::string key = upper_without_blanks(item.substr(0, eq));
+    std::string value = eq == std::string::npos ? "" : item.substr(eq + 1);
+    while (!value.empty() && std::isspace(static_cast<unsigned char>(value.back())))
+      value.pop_back();
+    while (!value.empty() && std::isspace(static_cast<unsigned char>(value.front())))
+      value.erase(0, 1);
+    k.params.emplace_back(key, value);
+  }
+  return k;
+}
+
+std::string param(const Keyword &k, const char *key) {
+  for (const auto &p : k.params)
+    if (p.first == key) return p.second;
+  return "";
+}
+
+bool is_keyword(const std::string &line) {
+  return line.size() > 1 && line[0] == '*' && line[1] != '*';
+}
+bool is_comment(const std::string &line) { return line.rfind("**", 0) == 0; }
+
+bool is_blank(const std::string &line) {
+  return std::all_of(line.begin(), line.end(),
+                     [](char c) { return std::isspace(static_cast<unsigned char>(c)); });
+}
+
+// Reads the numbers of a data line; a field that is not a number is skipped. A record longer than
+// a line (a trailing comma) is gathered by the caller.
+void append_numbers(const std::string &line, std::vector<double> &out) {
+  const char *p = line.c_str();
+  while (*p) {
+    char *end = nullptr;
+    double v = std::strtod(p, &end);
+    if (end != p) {
+      out.push_back(v);
+      p = end;
+    }
+    while (*p && *p != ',') ++p;
+    if (*p == ',') ++p;
+  }
+}
+
+std::string dir_of(const std::string &path) {
+  size_t slash = path.rfind('/');
+  return slash == std::string::npos ? std::string(".") : path.substr(0, slash);
+}
+
+bool read_text(const std::string &path, std::string &text) {
+  std::ifstream in(path, std::ios::binary);
+  if (!in) return failed("cannot read %s", path.c_str());
+  std::ostringstream all;
+  all << in.rdbuf();
+  text = all.str();
+  return true;
+}
+
+// Walks the deck line by line, reading *INCLUDE files in place, and stops at the first *STEP.
+// The lines seen make the model part; the parser state follows them.
+struct Parser {
+  Deck &deck;
+  std::string block;  // keyword of the data lines being read
+  std::string element_type;
+  int element_nodes = 0;
+  bool want_heading = false;
+  bool stopped = false;
+  std::vector<double> record;  // the numbers of an element record spread over lines
+  NodeSet *set = nullptr;      // the set that *NSET data lines add to
+  bool generate = false;
+  std::vector<std::pair<int, size_t>> all_nodes;  // node id, position in all_xyz
+  std::vector<double> all_xyz;
+};
+
+bool take_keyword(Parser &p, const std::string &line) {
+  Keyword k = parse_keyword(line);
+  p.block = k.name;
+  p.record.clear();
+  if (k.name == "ELEMENT") {
+    p.element_type = upper_without_blanks(param(k, "TYPE"));
+    int nodes = node_count_of_type(p.element_type);
+    if (nodes == 0)
+      return failed(
+          "element type %s is not supported: only the solid elements C3D4, C3D10, "
+          "C3D6, C3D15, C3D8, C3D8R, C3D20 and C3D20R can be exported (beam, shell "
+          "and plane elements cannot)",
+          p.element_type.empty() ? "(none)" : p.element_type.c_str());
+    p.element_nodes = nodes;
+  }
+  if (k.name == "NSET") {
+    // A set named again goes on where it stopped, as in CalculiX.
+    std::string name = upper_without_blanks(param(k, "NSET"));
+    auto it = std::find_if(p.deck.sets.begin(), p.deck.sets.end(),
+                           [&](const NodeSet &s) { return s.name == name; });
+    if (it == p.deck.sets.end()) {
+      p.deck.sets.push_back(NodeSet{name, {}});
+      it = p.deck.sets.end() - 1;
+    }
+    p.set = &*it;
+    p.generate = false;
+    for (const auto &kv : k.params) p.generate = p.generate || kv.first == "GENERATE";
+  }
+  if (k.name == "HEADING") p.want_heading = true;
+  if (k.name == "DENSITY") p.deck.has_density = true;
+  return true;
+}
+
+bool take_data(Parser &p, const std::string &line) {
+  if (p.want_heading) {
+    std::string h = line;
+    while (!h.empty() && std::isspace(static_cast<unsigned char>(h.back()))) h.pop_back();
+    size_t lead = h.find_first_not_of(" \t");
+    p.deck.heading = lead == std::string::npos ? "" : h.substr(lead);
+    p.want_heading = false;
+    return true;
+  }
+  if (p.block == "NODE") {
+    std::vector<double> v;
+    append_numbers(line, v);
+    if (v.empty()) return true;
+    v.resize(4, 0.0);
+    p.all_nodes.emplace_back(static_cast<int>(v[0]), p.all_xyz.size());
+    p.all_xyz.insert(p.all_xyz.end(), v.begin() + 1, v.begin() + 4);
+    return true;
+  }
+  if (p.block == "NSET" && p.set) {
+    std::vector<double> v;
+    append_numbers(line, v);
+    if (!p.generate) {
+      for (double id : v) p.set->ids.push_back(static_cast<int>(id));
+      return true;
+    }
+    long first = v.size() > 0 ? static_cast<long>(v[0]) : 0;
+    long last = v.size() > 1 ? static_cast<long>(v[1]) : first;
+    long step = v.size() > 2 ? static_cast<long>(v[2]) : 1;
+    if (step < 1 || last < first || last - first > 100000000L)
+      return failed("*NSET, NSET=%s, GENERATE: bad range \"%s\"", p.set->name.c_str(),
+                    line.c_str());
+    for (long id = first; id <= last; id += step) p.set->ids.push_back(static_cast<int>(id));
+    return true;
+  }
+  if (p.block == "ELEMENT") {
+    append_numbers(line, p.record);
+    if (static_cast<int>(p.record.size()) < p.element_nodes + 1) return true;
+    Element e;
+    e.id = static_cast<int>(p.record[0]);
+    e.shape = element_shape(p.element_type);
+    for (int k = 1; k <= p.element_nodes; ++k) e.nodes.push_back(static_cast<int>(p.record[k]));
+    p.deck.elements.push_back(std::move(e));
+    p.record.clear();
+  }
+  return true;
+}
+
+bool walk_text(Parser &p, const std::string &text, const std::string &base, int depth) {
+  std::istringstream in(text);
+  std::string line;
+  while (!p.stopped && std::getline(in, line)) {
+    if (!line.empty() && line.back() == '\r') line.pop_back();
+    if (is_comment(line) || is_blank(line)) {
+      p.deck.text += line + "\n";
+      continue;
+    }
+    if (!is_keyword(line)) {
+      p.deck.text += line + "\n";
+      if (!take_data(p, line)) return false;
+      continue;
+    }
+    Keyword k = parse_keyword(line);
+    if (k.name == "STEP") {
+      p.deck.has_steps = true;
+      p.stopped = true;
+      break;
+    }
+    if (k.name == "INCLUDE") {
+      std::string name = param(k, "INPUT");
+      if (name.size() > 1 && (name.front() == '"' || name.front() == '\''))
+        name = name.substr(1, name.size() - 2);
+      if (name.empty()) return failed("*INCLUDE without INPUT= in the deck");
+      if (depth >= kIncludeDepth) return failed("*INCLUDE nested too deeply at %s", name.c_str());
+      std::string path = name[0] == '/' ? name : base + "/" + name;
+      std::string included;
+      if (!read_text(path, included)) return false;
+      // The included lines continue the block they stand in, as if written in its place.
+      if (!walk_text(p, included, dir_of(path), depth + 1)) return false;
+      continue;
+    }
+    p.deck.text += line + "\n";
+    if (!take_keyword(p, line)) return false;
+  }
+  return true;
+}
+
+// Keeps the nodes that solid elements use, sorted by id; refuses an element naming an unknown node.
+bool keep_element_nodes(Parser &p) {
+  Deck &deck = p.deck;
+  std::sort(p.all_nodes.begin(), p.all_nodes.end());
+  std::vector<int> used;
+  for (const Element &e : deck.elements) used.insert(used.end(), e.nodes.begin(), e.nodes.end());
+  std::sort(used.begin(), used.end());
+  used.erase(std::unique(used.begin(), used.end()), used.end());
+  deck.node_ids.clear();
+  deck.xyz.clear();
+  deck.max_node_id = p.all_nodes.empty() ? 0 : p.all_nodes.back().first;
+  for (int id : used) {
+    auto it =
+        std::lower_bound(p.all_nodes.begin(), p.all_nodes.end(), std::make_pair(id, size_t{0}));
+    if (it == p.all_nodes.end() || it->first != id)
+      return failed("node %d of an element is not defined in the deck", id);
+    deck.node_ids.push_back(id);
+    deck.xyz.insert(deck.xyz.end(), p.all_xyz.begin() + static_cast<long>(it->second),
+                    p.all_xyz.begin() + static_cast<long>(it->second) + 3);
+  }
+  deck.solid_nodes = static_cast<int>(deck.node_ids.size());
+  return true;
+}
+
+}  // namespace
+
+int element_shape(const std::string &type) {
+  for (const SolidType &t : kSolidTypes)
+    if (type == t.name) return t.shape;
+  return -1;
+}
+
+int node_count_of_type(const std::string &type) {
+  for (const SolidType &t : kSolidTypes)
+    if (type == t.name) return t.nodes;
+  return 0;
+}
+
+int corner_count(int shape) { return shape == 0 ? 4 : shape == 1 ? 6 : 8; }
+
+int node_index(const Deck &deck, int id) {
+  auto it = std::lower_bound(deck.node_ids.begin(), deck.node_ids.end(), id);
+  if (it == deck.node_ids.end() || *it != id) return -1;
+  return static_cast<int>(it - deck.node_ids.begin());
+}
+
+bool parse_deck(const std::string &text, const std::string &base_dir, Deck &deck) {
+  Parser p{deck, "", "", 0, false, false, {}, nullptr, false, {}, {}};
+  if (!walk_text(p, text, base_dir, 0)) return false;
+  if (deck.elements.empty())
+    return failed(
+        "the deck holds no solid element (C3D4, C3D10, C3D6, C3D15, C3D8, C3D8R, "
+        "C3D20, C3D20R) before its first *STEP");
+  if (!deck.has_density)
+    return failed("the deck has no *DENSITY: the mass matrix, and with it the modes, need one");
+  return keep_element_nodes(p);
+}
+
+bool read_deck(const std::string &path, Deck &deck) {
+  std::string text;
+  if (!read_text(path, text)) return false;
+  return parse_deck(text, dir_of(path), deck);
+}
+
+bool write_file(const std::string &path, const std::string &text) {
+  std::ofstream out(path, std::ios::binary);
+  out << text;
+  out.close();
+  if (!out) return failed("cannot write %s", path.c_str());
+  return true;
+}
+
+// STORAGE=YES keeps the eigenvectors in double precision in modes.eig; the ASCII .frd holds the
+// same shapes to five digits, and the stresses.
+std::string modes_deck(int modes, bool stress) {
+  std::string s = "*INCLUDE,INPUT=model.inp\n*STEP\n*FREQUENCY,STORAGE=YES\n" +
+                  std::to_string(modes) + "\n*NODE FILE\nU\n";
+  if (stress) s += "*EL FILE\nS\n";
+  return s + "*END STEP\n";
+}
+
+// CalculiX stops after writing the matrices, so this job has a step of its own.
+std::string matrices_deck() {
+  return "*INCLUDE,INPUT=model.inp\n*STEP\n*FREQUENCY,SOLVER=MATRIXSTORAGE\n1\n*END STEP\n";
+}
+
+}  // namespace ccx

@@ -1,0 +1,285 @@
+// ccx2krx MODEL.inp -o OUT.krx [--modes N] [--stress] [--units SYSTEM] [--keep DIR] [--timing]
+// [--interface NSET ...]: runs CalculiX on the model part of a deck and exports its modes (with
+// interface points: its component modes) as a KRX file.
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+
+#include "ccx2krx.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+struct UnitSystem {
+  const char *name;
+  double mass, length, time, force;  // SI value of one unit
+};
+
+// Consistent systems only: force = mass x length / time^2.
+const UnitSystem kUnitSystems[] = {
+    {"m-kg-s", 1.0, 1.0, 1.0, 1.0},
+    {"mm-t-s", 1000.0, 0.001, 1.0, 1.0},
+    {"mm-kg-ms", 1.0, 0.001, 0.001, 1000.0},
+    {"mm-g-ms", 0.001, 0.001, 0.001, 1.0},
+    {"cm-g-s", 0.001, 0.01, 1.0, 1e-5},
+};
+
+struct Options {
+  std::string deck;
+  std::string output;
+  int modes = 20;
+  bool stress = false;
+  const UnitSystem *units = &kUnitSystems[1];
+  std::string keep;
+  bool timing = false;
+  std::vector<std::string> interfaces;
+};
+
+void usage(std::FILE *out) {
+  std::fprintf(
+      out,
+      "usage: ccx2krx MODEL.inp -o OUT.krx [--modes N] [--stress] [--units SYSTEM]\n"
+      "               [--keep DIR] [--timing] [--interface NSET ...]\n"
+      "\n"
+      "Runs CalculiX (the CCX environment variable, else ccx on PATH) on the model part of\n"
+      "MODEL.inp (everything before its first *STEP) and writes its normal modes as a KRX file.\n"
+      "Solid elements C3D4, C3D10, C3D6, C3D15, C3D8, C3D8R, C3D20, C3D20R; the deck needs a\n"
+      "*DENSITY. Two CalculiX jobs run at once: *FREQUENCY, STORAGE=YES for the modes (their\n"
+      "double-precision eigenvectors) and *FREQUENCY, SOLVER=MATRIXSTORAGE for the stiffness and\n"
+      "mass matrices. The file holds every node of the solid elements, nodal masses lumped by\n"
+      "diagonal scaling of the consistent mass (total mass exact, none negative), the mode\n"
+      "shapes, the full generalized mass and stiffness computed from the matrices (mode by\n"
+      "mode, two modes in memory at a time), and the outer faces of the mesh (corner nodes,\n"
+      "outward). QOR_KRXWRITE_OPTIONS goes to the library.\n"
+      "\n"
+      "  -o OUT.krx       the file to write (its directory must exist)\n"
+      "  --modes N        normal modes, rigid-body modes among them (default 20); with\n"
+      "                   --interface, the normal modes with the interfaces held\n"
+      "  --stress         also the modal stresses CalculiX computes at the nodes\n"
+      "  --units SYSTEM   the deck's consistent units: m-kg-s, mm-t-s, mm-kg-ms, mm-g-ms,\n"
+      "                   cm-g-s (default mm-t-s: N, mm, tonne, s)\n"
+      "  --keep DIR       keep CalculiX's work directory in DIR (created if missing)\n"
+      "  --timing         print CalculiX's time, the tool's own time and its peak memory\n"
+      "  --interface NSET make the deck's node set NSET an interface point (repeatable): a\n"
+      "                   reference node and a rotation node at the plain mean of the set's\n"
+      "                   coordinates, tied to the set by *RIGID BODY, REF NODE, ROT NODE.\n"
+      "                   The file then holds the static shape of each interface degree of\n"
+      "                   freedom (the others held) and N normal modes with all of them held,\n"
+      "                   orthonormalised by the library; the reference nodes are its\n"
+      "                   interface nodes, with rotations from the rotation nodes\n");
+}
+
+// 0 when the options are complete, 2 for a usage error, 1 after --help.
+int parse_options(int argc, char **argv, Options &o) {
+  for (int i = 1; i < argc; ++i) {
+    std::string a = argv[i];
+    bool has_value = i + 1 < argc;
+    if (a == "-h" || a == "--help") {
+      usage(stdout);
+      return 1;
+    }
+    if (a == "--stress") {
+      o.stress = true;
+    } else if (a == "--timing") {
+      o.timing = true;
+    } else if (a == "-o" && has_value) {
+      o.output = argv[++i];
+    } else if (a == "--interface" && has_value) {
+      o.interfaces.push_back(argv[++i]);
+    } else if (a == "--keep" && has_value) {
+      o.keep = argv[++i];
+    } else if (a == "--modes" && has_value) {
+      char *end = nullptr;
+      long n = std::strtol(argv[++i], &end, 10);
+      if (*end || n < 1 || n > 100000) {
+        std::fprintf(stderr, "ccx2krx: --modes wants a positive count, not %s\n", argv[i]);
+        return 2;
+      }
+      o.modes = static_cast<int>(n);
+    } else if (a == "--units" && has_value) {
+      o.units = nullptr;
+      for (const UnitSystem &u : kUnitSystems)
+        if (u.name == std::string(argv[i + 1])) o.units = &u;
+      if (!o.units) {
+        std::fprintf(stderr, "ccx2krx: unknown unit system %s (see --help)\n", argv[i + 1]);
+        return 2;
+      }
+      ++i;
+    } else if (a[0] != '-' && o.deck.empty()) {
+      o.deck = a;
+    } else {
+      std::fprintf(stderr, "ccx2krx: unexpected argument %s\n", a.c_str());
+      usage(stderr);
+      return 2;
+    }
+  }
+  if (o.deck.empty() || o.output.empty()) {
+    usage(stderr);
+    return 2;
+  }
+  return 0;
+}
+
+bool check_output(const std::string &output) {
+  if (output.size() > 1023) return ccx::failed("the output name is longer than 1023 characters");
+  fs::path dir = fs::path(output).parent_path();
+  if (dir.empty()) dir = ".";
+  std::error_code ec;
+  if (!fs::is_directory(dir, ec))
+    return ccx::failed("the output directory %s does not exist", dir.c_str());
+  return true;
+}
+
+bool make_work_dir(const Options &o, std::string &dir) {
+  if (!o.keep.empty()) {
+    std::error_code ec;
+    fs::create_directories(o.keep, ec);
+    if (!fs::is_directory(o.keep, ec))
+      return ccx::failed("cannot create the directory %s", o.keep.c_str());
+    dir = o.keep;
+    return true;
+  }
+  const char *tmp = std::getenv("TMPDIR");
+  std::string pattern = std::string(tmp && *tmp ? tmp : "/tmp") + "/ccx2krx.XXXXXX";
+  std::vector<char> name(pattern.begin(), pattern.end());
+  name.push_back(0);
+  if (!mkdtemp(name.data()))
+    return ccx::failed("cannot create a work directory in %s", pattern.c_str());
+  dir = name.data();
+  return true;
+}
+
+// The CalculiX side: the jobs, then the row map, the matrices, the lumped masses and the
+// eigenvector file.
+struct Results {
+  ccx::DofMap map;
+  ccx::Matrices matrices;
+  std::vector<double> nodal_mass;
+  double total_mass = 0.0;
+  ccx::EigenFile eig;
+  ccx::FrdReader frd;
+  ccx::DatReader dat;
+};
+
+bool write_jobs(const Options &o, const ccx::Deck &deck, const std::string &dir) {
+  std::string modes = o.interfaces.empty() ? ccx::modes_deck(o.modes, o.stress)
+                                           : ccx::component_deck(deck, o.modes, o.stress);
+  return ccx::write_file(dir + "/model.inp", deck.text) &&
+         ccx::write_file(dir + "/modes.inp", modes) &&
+         ccx::write_file(dir + "/matrices.inp", ccx::matrices_deck());
+}
+
+// Degrees of freedom held by a *BOUNDARY of the model are not rows of CalculiX's matrices, so the
+// mass they carry cannot be lumped: say so once.
+// The nodes of interface sets have no rows: they follow their reference and rotation nodes.
+void note_held_rows(const ccx::DofMap &map, const ccx::Deck &deck) {
+  size_t free_rows = 0;
+  for (int dir : map.row_dir) free_rows += dir >= 0 && dir < 3 ? 1 : 0;
+  size_t nodes = static_cast<size_t>(deck.solid_nodes - deck.tied_nodes + deck.interfaces.size());
+  if (free_rows < 3 * nodes)
+    ccx::note(
+        "note: %zu translations are held by *BOUNDARY; the mass they carry is left out of "
+        "the nodal masses",
+        3 * nodes - free_rows);
+}
+
+bool run_and_read(const Options &o, const ccx::Deck &deck, const std::string &dir, Results &r,
+                  double &calculix_seconds) {
+  if (!ccx::run_calculix(dir, {"modes", "matrices"}, calculix_seconds)) return false;
+  if (!ccx::read_dof_map(dir + "/matrices.dof", deck, r.map)) return false;
+  note_held_rows(r.map, deck);
+  int rows = static_cast<int>(r.map.row_node.size());
+  if (!ccx::read_matrices(dir + "/matrices.mas", dir + "/matrices.sti", rows, r.matrices))
+    return false;
+  int nodes = static_cast<int>(deck.node_ids.size());
+  if (!ccx::lump_masses(r.matrices, r.map, nodes, r.nodal_mass, r.total_mass)) return false;
+  int64_t off_diagonal = static_cast<int64_t>(r.matrices.row.size()) - rows;
+  if (!deck.interfaces.empty()) {
+    // The normal modes hold the interface rows fixed, which leaves them out of the eigenvectors
+    // and of the matrices stored before them.
+    for (int node : r.map.row_node) rows -= node >= deck.solid_nodes ? 1 : 0;
+    off_diagonal = 0;
+    if (!ccx::open_dat(dir + "/modes.dat", r.dat)) return false;
+  }
+  if (!ccx::open_eigen_file(dir + "/modes.eig", rows, off_diagonal, r.eig)) return false;
+  return !o.stress || ccx::open_frd(dir + "/modes.frd", r.frd);
+}
+
+bool convert(const Options &o, double &calculix_seconds) {
+  if (!check_output(o.output)) return false;
+  ccx::Deck deck;
+  if (!ccx::read_deck(o.deck, deck) || !ccx::add_interfaces(deck, o.interfaces)) return false;
+  if (deck.has_steps)
+    ccx::note("note: the deck holds steps; only its model part before the first *STEP is used");
+  std::vector<ccx::Face> faces;
+  if (!ccx::collect_skin(deck, faces)) return false;
+  std::string dir;
+  if (!make_work_dir(o, dir)) return false;
+  Results r;
+  bool ok = write_jobs(o, deck, dir);
+  // The deck's text and elements have served: the model part is written and the skin is known.
+  std::string().swap(deck.text);
+  std::vector<ccx::Element>().swap(deck.elements);
+  ok = ok && run_and_read(o, deck, dir, r, calculix_seconds);
+  if (ok) {
+    ccx::ExportJob job;
+    job.deck = &deck;
+    job.deck_name = fs::path(o.deck).filename().string();
+    job.output = o.output;
+    job.units_name = o.units->name;
+    double u[4] = {o.units->mass, o.units->length, o.units->time, o.units->force};
+    std::copy(u, u + 4, job.units);
+    job.stress = o.stress;
+    job.map = &r.map;
+    job.matrices = &r.matrices;
+    job.nodal_mass = &r.nodal_mass;
+    job.faces = &faces;
+    job.eig = &r.eig;
+    job.frd = &r.frd;
+    job.dat = &r.dat;
+    job.scratch = dir + "/static_shapes.bin";
+    ok = ccx::export_model(job);
+  }
+  ccx::close_eigen_file(r.eig);
+  ccx::close_frd(r.frd);
+  ccx::close_dat(r.dat);
+  if (o.keep.empty()) {
+    std::error_code ec;
+    fs::remove_all(dir, ec);
+  }
+  return ok;
+}
+
+}  // namespace
+
+int main(int argc, char **argv) {
+  auto begin = std::chrono::steady_clock::now();
+  Options o;
+  int parsed = parse_options(argc, argv, o);
+  if (parsed == 1) return 0;
+  if (parsed == 2) return 2;
+  double calculix_seconds = 0.0;
+  bool ok = false;
+  try {
+    ok = convert(o, calculix_seconds);
+  } catch (const std::bad_alloc &) {
+    ok = ccx::failed("out of memory");
+  }
+  if (!ok) {
+    std::error_code ec;
+    fs::remove(o.output, ec);
+  }
+  if (o.timing) {
+    double total = std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
+    struct rusage usage {};
+    getrusage(RUSAGE_SELF, &usage);
+    std::fprintf(stderr, "ccx2krx: CalculiX %.2f s, own %.2f s, peak memory %.1f MB\n",
+                 calculix_seconds, total - calculix_seconds, usage.ru_maxrss / 1024.0);
+  }
+  return ok ? 0 : 1;
+}

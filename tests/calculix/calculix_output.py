@@ -1,0 +1,83 @@
+"""Readers of CalculiX's own output files: the eigenvalue and total-mass tables of the .dat, the
+result blocks of an ASCII .frd, and the matrices of a SOLVER=MATRIXSTORAGE run."""
+
+import re
+
+import numpy as np
+
+_NUMBER = r"[-+]?\d*\.\d+(?:[EeDd][-+]?\d+)?"
+
+
+def _floats(line):
+    return [float(t.replace("D", "E")) for t in re.findall(_NUMBER, line)]
+
+
+def dat_eigenvalues(path):
+    """The eigenvalue column of the .dat's eigenvalue table, in mode order."""
+    values, inside = [], False
+    with open(path) as f:
+        for line in f:
+            if "E I G E N V A L U E   O U T P U T" in line:
+                inside, values = True, []
+            elif inside and re.match(r"\s*\d+\s+" + _NUMBER, line):
+                values.append(_floats(line)[0])
+            elif inside and values and not line.strip():
+                inside = False
+    return np.array(values)
+
+
+def dat_total_effective_mass(path):
+    """The six totals (x, y, z translation, x, y, z rotation) under TOTAL EFFECTIVE MASS."""
+    with open(path) as f:
+        lines = f.readlines()
+    at = max(i for i, line in enumerate(lines) if "T O T A L   E F F E C T I V E" in line)
+    for line in lines[at + 1:]:
+        numbers = _floats(line)
+        if len(numbers) == 6:
+            return np.array(numbers)
+    raise ValueError(f"{path}: no total effective mass")
+
+
+def frd_results(path, name):
+    """{mode: (node ids, values)} of the result blocks called name (DISP, STRESS) in an ASCII
+    .frd; values has one row per node and one column per component."""
+    out, mode, rows = {}, None, None
+    with open(path) as f:
+        for line in f:
+            if line.startswith("    1PMODE"):
+                mode = int(line.split()[-1])
+            elif line.startswith(" -4  "):
+                rows = [] if line.split()[1] == name else None
+            elif rows is not None and line.startswith(" -1"):
+                rest = line[13:].rstrip("\n")
+                rows.append((int(line[3:13]),
+                             [float(rest[i:i + 12]) for i in range(0, len(rest), 12)]))
+            elif rows is not None and line.startswith(" -3"):
+                ids = np.array([r[0] for r in rows])
+                out[mode] = (ids, np.array([r[1] for r in rows]))
+                rows = None
+    return out
+
+
+def stored_total_mass(prefix):
+    """1^T M 1 over the x-direction rows of prefix.mas (the upper triangle as 1-based row, column,
+    value triplets; prefix.dof holds node.direction per row): the mass of the model."""
+    with open(prefix + ".dof") as f:
+        x_row = np.array([line.strip().endswith(".1") for line in f if line.strip()])
+    data = np.loadtxt(prefix + ".mas", ndmin=2)
+    rows, cols, values = data[:, 0].astype(int) - 1, data[:, 1].astype(int) - 1, data[:, 2]
+    both = x_row[rows] & x_row[cols]
+    return float(np.sum(values[both] * np.where(rows[both] == cols[both], 1.0, 2.0)))
+
+
+def deck_nodes(path):
+    """Node ids (increasing) and coordinates of the *NODE cards of a deck."""
+    rows, inside = [], False
+    with open(path) as f:
+        for line in f:
+            if line.startswith("*"):
+                inside = line.split(",")[0].strip().upper() == "*NODE"
+            elif inside and line.strip():
+                rows.append([float(t) for t in line.split(",")[:4]])
+    rows = np.array(sorted(rows))
+    return rows[:, 0].astype(np.int64), rows[:, 1:4]

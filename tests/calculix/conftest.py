@@ -1,0 +1,109 @@
+"""Shared set-up of the CalculiX tests: the tools under test, the gmsh meshes (built once per
+session) and the exports of each mesh by ccx2krx (run once per session and set of options).
+
+CCX2KRX and KRXDUMP name the tools (CTest passes the build's); ccx and gmsh must be on PATH (or
+named by CCX and GMSH): a machine without them fails these tests rather than skipping them."""
+
+import os
+import shutil
+import subprocess
+import sys
+from dataclasses import dataclass
+
+import pytest
+
+HERE = os.path.dirname(os.path.abspath(__file__))
+ROOT = os.path.dirname(os.path.dirname(HERE))
+GEOMETRY = os.path.join(ROOT, "hosts", "calculix", "geometry")
+sys.path[:0] = [os.path.join(ROOT, "python"), GEOMETRY, HERE]
+
+import krx  # noqa: E402
+from make_deck import make_deck  # noqa: E402
+
+# name: geometry script, its parameters, and how close density x volume comes with this mesh
+# (exact for plane-faced solids, a curved hole wall is approximated by the quadratic tetrahedra).
+MODELS = {
+    "bracket_c3d10": ("bracket.geo", {"h": 6}, 1e-4),
+    "bar_c3d8": ("bar.geo", {"n": 6, "order": 1}, 1e-12),
+    "bar_c3d20": ("bar.geo", {"n": 4, "order": 2}, 1e-12),
+    "wedge_c3d6": ("wedge.geo", {"h": 5, "order": 1}, 1e-12),
+    "wedge_c3d15": ("wedge.geo", {"h": 6, "order": 2}, 1e-12),
+}
+MODES = 12
+
+
+@dataclass
+class Export:
+    deck: str       # the CalculiX deck handed to ccx2krx
+    out: str        # the KRX file
+    keep: str       # CalculiX's work directory (--keep)
+    run: subprocess.CompletedProcess
+
+    def read(self):
+        return krx.read(self.out)
+
+
+def _tool(variable):
+    path = os.environ.get(variable)
+    if not path or not os.access(path, os.X_OK):
+        pytest.fail(f"{variable} must name the built tool (got {path!r})")
+    return path
+
+
+@pytest.fixture(scope="session")
+def ccx2krx():
+    for program in (os.environ.get("CCX", "ccx"), os.environ.get("GMSH", "gmsh")):
+        if not shutil.which(program):
+            pytest.fail(f"{program} is not installed (scripts/install-deps.sh installs it)")
+    return _tool("CCX2KRX")
+
+
+@pytest.fixture(scope="session")
+def krxdump():
+    return _tool("KRXDUMP")
+
+
+@pytest.fixture(scope="session")
+def deck(tmp_path_factory):
+    """deck(name) -> the path of the model's deck, meshed on first use."""
+    made = {}
+    where = tmp_path_factory.mktemp("decks")
+
+    def get(name, density=True):
+        key = (name, density)
+        if key not in made:
+            geometry, numbers, _ = MODELS[name]
+            path = str(where / (name + ("" if density else "_no_density") + ".inp"))
+            made[key] = make_deck(os.path.join(GEOMETRY, geometry), path, numbers.items(), density)
+        return made[key]
+
+    return get
+
+
+def run_tool(tool, args, options=None, env=None):
+    environment = dict(os.environ, OMP_NUM_THREADS="1", **(env or {}))
+    environment.pop("QOR_KRXWRITE_OPTIONS", None)
+    if options is not None:
+        environment["QOR_KRXWRITE_OPTIONS"] = options
+    return subprocess.run([tool, *args], capture_output=True, text=True, env=environment,
+                          timeout=300)
+
+
+@pytest.fixture(scope="session")
+def export(ccx2krx, deck, tmp_path_factory):
+    """export(name, options=None) -> Export of the model with MODES modes and stresses, run once
+    per session for each name and option string."""
+    done = {}
+
+    def get(name, options=None):
+        key = (name, options)
+        if key not in done:
+            where = tmp_path_factory.mktemp(name)
+            out, keep = str(where / (name + ".krx")), str(where / "work")
+            run = run_tool(ccx2krx, [deck(name), "-o", out, "--modes", str(MODES), "--stress",
+                                     "--keep", keep], options)
+            assert run.returncode == 0, f"ccx2krx failed on {name}:\n{run.stderr}"
+            done[key] = Export(deck(name), out, keep, run)
+        return done[key]
+
+    return get

@@ -1,0 +1,153 @@
+"""Each gmsh mesh exported by ccx2krx against CalculiX's own output in the kept work directory
+and against the exact volume, centre and inertia of the geometry."""
+
+import math
+import os
+
+import numpy as np
+import pytest
+
+import calculix_output as ccx
+import solids
+from conftest import MODELS, MODES
+
+DENSITY = 7.85e-9
+EXACT = {"bracket": solids.BRACKET, "bar": solids.BAR, "wedge": solids.WEDGE}
+# Outer surface areas: the bracket's L profile (area 775, perimeter 320) 40 deep; each bolt hole
+# removes two discs of radius 5 from the plate's faces and adds a wall of the same area.
+SURFACE = {"bracket": 2 * 775 + 320 * 40, "bar": 2 * (24 * 16 + 200 * 24 + 200 * 16),
+           "wedge": 2 * 900 + 80 * (90 + math.hypot(60, 30))}
+
+names = pytest.mark.parametrize("name", list(MODELS))
+
+
+def shape(name):
+    return name.split("_")[0]
+
+
+def elastic_separated(eigenvalues, gap=0.01):
+    """Indices of the elastic modes (after the six rigid-body ones) whose eigenvalue lies at least
+    gap (relative) from both neighbours in the list."""
+    picked = []
+    for k in range(6, len(eigenvalues)):
+        near = [eigenvalues[j] for j in (k - 1, k + 1) if 6 <= j < len(eigenvalues)]
+        if all(abs(eigenvalues[k] - e) > gap * eigenvalues[k] for e in near):
+            picked.append(k)
+    return picked
+
+
+def by_node(ids, values, wanted):
+    """Rows of values reordered to the node ids wanted (every one must be there)."""
+    order = np.argsort(ids)
+    at = np.searchsorted(ids, wanted, sorter=order)
+    at = order[np.clip(at, 0, len(ids) - 1)]
+    assert np.array_equal(ids[at], wanted), "the node sets differ"
+    return values[at]
+
+
+def assert_same_up_to_sign(ours, theirs, what):
+    """ours equals theirs or -theirs to what CalculiX's vectors are worth: each value has six
+    significant digits in the .frd, and CalculiX's eigenvectors are converged to about 1e-5, so
+    the library's solution in the span of the modes mixes neighbours by up to 4e-5 of the
+    largest value (linear wedges, modes 2.8% apart)."""
+    sign = 1.0 if np.sum(ours * theirs) >= 0 else -1.0
+    scale = np.max(np.abs(theirs))
+    worst = np.max(np.abs(ours - sign * theirs)) / scale
+    assert worst < 1e-4, f"{what}: differs from CalculiX by {worst:.2e} of its largest value"
+
+
+@names
+def test_eigenvalues_are_calculix_own(export, name):
+    e = export(name)
+    f = e.read()
+    theirs = ccx.dat_eigenvalues(os.path.join(e.keep, "modes.dat"))
+    assert len(theirs) == MODES and len(f.eigenvalues) == MODES
+    elastic = slice(6, None)
+    # Six significant digits: CalculiX's table differs from the Rayleigh quotients of its own
+    # eigenvectors, which the file holds, by up to 6e-6 (linear wedges).
+    np.testing.assert_allclose(f.eigenvalues[elastic], theirs[elastic], rtol=1e-5)
+    # The six rigid-body modes of the free body stay near zero against the elastic ones.
+    assert np.all(np.abs(f.eigenvalues[:6]) < 1e-5 * theirs[6])
+    np.testing.assert_allclose(f.gen_mass, 1.0, atol=1e-9)
+
+
+@names
+def test_mass_centre_and_inertia(export, name):
+    e = export(name)
+    f = e.read()
+    body = f.global_body_props
+    mass = body["mass"]
+    assert mass == pytest.approx(ccx.stored_total_mass(os.path.join(e.keep, "matrices")),
+                                 rel=1e-9)
+    totals = ccx.dat_total_effective_mass(os.path.join(e.keep, "modes.dat"))
+    np.testing.assert_allclose(totals[:3], mass, rtol=6e-7)  # the .dat has seven digits
+    assert np.all(f.masses > 0), "a node without mass, or a negative one"
+    volume, centre, inertia = EXACT[shape(name)]
+    assert mass == pytest.approx(DENSITY * volume, rel=MODELS[name][2])
+    size = float(np.linalg.norm(np.ptp(f.coords, axis=0)))
+    assert np.linalg.norm(body["centre"] - centre) < 1e-3 * size
+    # Block 6 holds the inertia about the origin with the products of inertia negated.
+    about_origin = body["inertia"] * np.where(np.eye(3) == 1, 1.0, -1.0)
+    c = body["centre"]
+    about_centre = about_origin - mass * (np.dot(c, c) * np.eye(3) - np.outer(c, c))
+    exact = DENSITY * inertia
+    assert np.max(np.abs(about_centre - exact)) < 0.01 * np.max(np.abs(exact))
+
+
+@names
+def test_nodes_and_mode_shapes_are_calculix_own(export, name):
+    e = export(name)
+    f = e.read()
+    disp = ccx.frd_results(os.path.join(e.keep, "modes.frd"), "DISP")
+    ids, coords = ccx.deck_nodes(e.deck)
+    assert np.array_equal(np.sort(f.node_ids), ids)
+    np.testing.assert_allclose(by_node(f.node_ids, f.coords, ids), coords, rtol=0, atol=1e-9)
+    picked = elastic_separated(f.eigenvalues)
+    assert len(picked) >= 3
+    for k in picked:
+        ours = by_node(f.mode_shape_node_ids, np.asarray(f.mode_shapes[k]), ids)
+        theirs = by_node(*disp[k + 1], ids)
+        assert not np.any(ours[:, 3:]), "solid elements have no rotations"
+        assert_same_up_to_sign(ours[:, :3], theirs, f"{name} mode {k + 1}")
+
+
+@names
+def test_stresses_are_calculix_own(export, name):
+    e = export(name)
+    f = e.read()
+    stress = ccx.frd_results(os.path.join(e.keep, "modes.frd"), "STRESS")
+    ids, values = f.stress
+    for k in elastic_separated(f.eigenvalues):
+        their_ids, theirs = stress[k + 1]
+        # CalculiX writes xx yy zz xy yz zx; the file holds xx yy zz xy xz yz.
+        theirs = theirs[:, [0, 1, 2, 3, 5, 4]]
+        assert_same_up_to_sign(by_node(ids, np.asarray(values[k]), their_ids), theirs,
+                               f"{name} stress of mode {k + 1}")
+
+
+def surface(f):
+    """The area of the face polygons of the file and the volume they enclose, positive when they
+    all face outwards (the divergence theorem over each polygon's vector area)."""
+    counts = np.array([len(face) for face in f.faces])
+    area = volume = 0.0
+    for n in np.unique(counts):
+        p = f.coords[f.node_positions(np.array([face for face in f.faces if len(face) == n]))]
+        vector_area = 0.5 * np.cross(p, np.roll(p, -1, axis=1)).sum(axis=1)
+        area += np.linalg.norm(vector_area, axis=1).sum()
+        volume += np.einsum("ij,ij->", p.mean(axis=1), vector_area) / 3
+    return area, volume
+
+
+@names
+def test_outer_faces_and_header(export, name):
+    e = export(name)
+    f = e.read()
+    area, volume = surface(f)
+    # Plane faces are covered exactly; the tetrahedra only approach the hole walls.
+    rel = 1e-9 if shape(name) != "bracket" else 1e-2
+    assert area == pytest.approx(SURFACE[shape(name)], rel=rel)
+    assert volume == pytest.approx(EXACT[shape(name)][0], rel=rel)
+    header = f.header  # title from *HEADING, the deck's file name
+    assert header["title"].startswith(shape(name) + " meshed by gmsh")
+    assert header["input_name"] == os.path.basename(e.deck)
+    assert "calculix" in header["input_type"].lower()

@@ -1,0 +1,131 @@
+// ccx2krx's interface points on a deck written by hand: node sets, the reference and rotation
+// nodes and their rigid bodies, the component-mode job, and the rows and displacement tables that
+// CalculiX gives back for those nodes.
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <fstream>
+
+#include "ccx2krx.h"
+#include "testsupport.h"
+
+namespace {
+
+// Two bricks side by side (x from 0 to 2); node 99 belongs to no element.
+const char *kDeck =
+    "*NODE\n"
+    "1,0,0,0\n2,1,0,0\n3,1,1,0\n4,0,1,0\n5,0,0,1\n6,1,0,1\n7,1,1,1\n8,0,1,1\n"
+    "9,2,0,0\n10,2,1,0\n11,2,0,1\n12,2,1,1\n99,5,5,5\n"
+    "*ELEMENT, TYPE=C3D8, ELSET=E\n1,1,2,3,4,5,6,7,8\n2,2,9,10,3,6,11,12,7\n"
+    "*NSET, NSET=Left\n1,4,\n*NSET,NSET=RIGHT,GENERATE\n9,12\n*NSET,NSET=LONE\n99\n"
+    "*NSET,NSET=left\n5,8,4\n*NSET,NSET=MIDDLE\n2,3,6,7,9\n"
+    "*MATERIAL,NAME=S\n*DENSITY\n7.85e-9\n*SOLID SECTION,ELSET=E,MATERIAL=S\n";
+
+ccx::Deck parsed() {
+  ccx::Deck deck;
+  EXPECT_TRUE(ccx::parse_deck(kDeck, ".", deck));
+  return deck;
+}
+
+TEST(CcxInterface, TiesEachSetToNodesAtItsMeanAfterTheLargestId) {
+  ccx::Deck deck = parsed();
+  ASSERT_TRUE(ccx::add_interfaces(deck, {"left", "Right"}));
+  // Node 99 is the deck's largest id: the new nodes follow it, reference before rotation.
+  ASSERT_EQ(deck.interfaces.size(), 2u);
+  EXPECT_EQ(deck.interfaces[0].ref, 100);
+  EXPECT_EQ(deck.interfaces[0].rot, 101);
+  EXPECT_EQ(deck.interfaces[1].ref, 102);
+  EXPECT_EQ(deck.solid_nodes, 12);
+  EXPECT_EQ(deck.tied_nodes, 8);  // LEFT's second card adds 5 and 8, and 4 again
+  EXPECT_EQ(deck.node_ids.back(), 102);
+  EXPECT_EQ(ccx::node_index(deck, 100), 12);
+  std::vector<double> centres(deck.xyz.end() - 6, deck.xyz.end());
+  EXPECT_EQ(centres, (std::vector<double>{0, 0.5, 0.5, 2, 0.5, 0.5}));
+  EXPECT_NE(deck.text.find("*RIGID BODY,NSET=LEFT,REF NODE=100,ROT NODE=101\n"), std::string::npos);
+  EXPECT_NE(deck.text.find("*NODE\n102,2,0.5,0.5\n103,2,0.5,0.5\n"), std::string::npos);
+}
+
+TEST(CcxInterface, RefusesUnknownEmptyAndSharedSets) {
+  for (auto names : std::vector<std::vector<std::string>>{
+           {"NOWHERE"}, {"LONE"}, {"MIDDLE", "RIGHT"}, {"LEFT", "LEFT"}}) {
+    ccx::Deck deck = parsed();
+    testing::internal::CaptureStderr();
+    EXPECT_FALSE(ccx::add_interfaces(deck, names)) << names[0];
+    std::string text = testing::internal::GetCapturedStderr();
+    EXPECT_NE(text.find("ccx2krx: --interface"), std::string::npos) << text;
+    EXPECT_EQ(text.find('\n'), text.size() - 1) << "one message: " << text;
+  }
+}
+
+TEST(CcxInterface, StaticStepsMoveOneDegreeOfFreedomEachThenTheModesHoldAll) {
+  ccx::Deck deck = parsed();
+  ASSERT_TRUE(ccx::add_interfaces(deck, {"LEFT"}));
+  std::string job = ccx::component_deck(deck, 7, false);
+  const char *units[] = {"100,1,1,1.", "100,2,2,1.", "100,3,3,1.",
+                         "101,1,1,1.", "101,2,2,1.", "101,3,3,1."};
+  size_t at = 0;
+  for (const char *unit : units) {
+    size_t step = job.find("*STATIC", at), next = job.find("*END STEP", step);
+    ASSERT_NE(step, std::string::npos);
+    std::string body = job.substr(step, next - step);
+    EXPECT_NE(body.find(unit), std::string::npos) << body;
+    EXPECT_EQ(body.find("1."), body.rfind("1.")) << "one unit value: " << body;
+    at = next;
+  }
+  size_t modes = job.find("*FREQUENCY,STORAGE=YES\n7\n", at);
+  ASSERT_NE(modes, std::string::npos);
+  std::string last = job.substr(modes);
+  EXPECT_EQ(last.find(",1."), std::string::npos);
+  EXPECT_NE(last.find("101,3,3,0."), std::string::npos);
+}
+
+std::FILE *snippet(const std::string &text) {
+  std::FILE *f = std::tmpfile();
+  std::fputs(text.c_str(), f);
+  std::rewind(f);
+  return f;
+}
+
+TEST(CcxInterface, RotationNodeRowsAreTheReferenceNodeRotations) {
+  ccx::Deck deck = parsed();
+  ASSERT_TRUE(ccx::add_interfaces(deck, {"LEFT"}));
+  ccx::DofMap map;
+  std::FILE *f = snippet("2.1\n100.1\n100.3\n101.1\n101.3\n99.2\n");
+  ASSERT_TRUE(ccx::parse_dof_map(f, "dof", deck, map));
+  std::fclose(f);
+  EXPECT_EQ(map.row_node, (std::vector<int>{1, 12, 12, 12, 12, -1}));
+  EXPECT_EQ(map.row_dir, (std::vector<int>{0, 0, 2, 3, 5, -1}));
+}
+
+TEST(CcxInterface, ReadsDisplacementTablesOneAfterTheOther) {
+  ccx::Deck deck = parsed();
+  ASSERT_TRUE(ccx::add_interfaces(deck, {"LEFT"}));
+  krxtest::TempDir dir;
+  std::ofstream(dir.file("m.dat"))
+      << "\n displacements (vx,vy,vz) for set CCX2KRXALL and time  0.1000000E+01\n\n"
+         "         2  1.000000E+00 -2.500000E-01  0.000000E+00\n"
+         "        99  9.000000E+00  9.000000E+00  9.000000E+00\n"
+         "       100  1.000000E+00  0.000000E+00  0.000000E+00\n"
+         "       101  0.000000E+00  0.000000E+00  3.000000E-01\n"
+         "\n displacements (vx,vy,vz) for set CCX2KRXALL and time  0.2000000E+01\n\n"
+         "        12  0.000000E+00  0.000000E+00  7.000000E-07\n\n"
+         "     E I G E N V A L U E   O U T P U T\n";
+  ccx::DatReader dat;
+  ASSERT_TRUE(ccx::open_dat(dir.file("m.dat"), dat));
+  std::vector<double> by_node;
+  ASSERT_TRUE(ccx::read_dat_displacements(dat, deck, by_node));
+  ASSERT_EQ(by_node.size(), 6u * 13);
+  EXPECT_EQ(by_node[6 * 1 + 1], -0.25);
+  EXPECT_EQ(std::vector<double>(by_node.begin() + 72, by_node.end()),
+            (std::vector<double>{1, 0, 0, 0, 0, 0.3}));
+  ASSERT_TRUE(ccx::read_dat_displacements(dat, deck, by_node));
+  EXPECT_EQ(by_node[6 * 11 + 2], 7e-7);
+  EXPECT_EQ(by_node[6 * 1 + 1], 0.0);
+  testing::internal::CaptureStderr();
+  EXPECT_FALSE(ccx::read_dat_displacements(dat, deck, by_node));
+  std::string text = testing::internal::GetCapturedStderr();
+  EXPECT_NE(text.find("no displacement table 3"), std::string::npos) << text;
+  ccx::close_dat(dat);
+}
+
+}  // namespace
