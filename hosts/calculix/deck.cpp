@@ -278,6 +278,8 @@ bool keep_element_nodes(Parser &p) {
   for (const Element &e : deck.elements) used.insert(used.end(), e.nodes.begin(), e.nodes.end());
   std::sort(used.begin(), used.end());
   used.erase(std::unique(used.begin(), used.end()), used.end());
+  if (!used.empty() && used.front() < 1)
+    return failed("node %d of an element is not a positive node number", used.front());
   deck.node_ids.clear();
   deck.xyz.clear();
   deck.max_node_id = p.all_nodes.empty() ? 0 : p.all_nodes.back().first;

@@ -80,9 +80,9 @@ bool collect_skin(const Deck &deck, std::vector<Face> &faces) {
       FaceRecord r{{-1, -1, -1, -1}, static_cast<int>(i), f};
       int n = face_size(e.shape, f);
       for (int k = 0; k < n; ++k) r.key[k] = e.nodes[kFaces[e.shape][f][k]];
-      std::sort(r.key.begin(), r.key.begin() + n);
-      // A triangle sorts before every quadrilateral of the same smallest nodes and never meets one.
-      if (n == 3) r.key = {-1, r.key[0], r.key[1], r.key[2]};
+      // Node ids are positive, so a triangle's unused slot sorts first: a triangle sorts before
+      // every quadrilateral of the same smallest nodes and never meets one.
+      std::sort(r.key.begin(), r.key.end());
       records.push_back(r);
     }
   }
