@@ -301,6 +301,21 @@ int get_reals(KRXDATA &model, double *values, std::size_t n) {
   return get_reals(model.own, model.scratch, values, n);
 }
 
+void decode_values_in_place(double *values, std::size_t n, bool xdr, bool single) {
+  if (!single) {
+    if (xdr) swap_words<uint64_t>(values, values, n);
+    return;
+  }
+  float *floats = reinterpret_cast<float *>(values) + n;
+  if (xdr) swap_words<uint32_t>(floats, floats, n);
+  // Widening runs forwards: value i is written below float i + 1, which is still to be read.
+  for (std::size_t i = 0; i < n; ++i) {
+    float v;
+    std::memcpy(&v, floats + i, sizeof v);
+    values[i] = double(v);
+  }
+}
+
 int prepare_scratch(KRXDATA &model, const char *source) {
   std::size_t want = std::max<std::size_t>(512, 6 * model.nodes.size());
   if (model.scratch.size() >= want) return 1;

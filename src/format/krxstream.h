@@ -65,6 +65,10 @@ int get_reals(FileSlot &io, std::vector<float> &scratch, double *values, std::si
 int put_reals(KRXDATA &model, const double *values, std::size_t n);
 int get_reals(KRXDATA &model, double *values, std::size_t n);
 
+// n reals of a file, read as raw bytes into values (doubles) or into its upper half (floats of a
+// single-precision file), made native doubles in place.
+void decode_values_in_place(double *values, std::size_t n, bool xdr, bool single);
+
 // Sizes the model's scratch array for a single-precision file: zero-filled, at least 512 values
 // and six per node. Reports the allocation failure with source.
 int prepare_scratch(KRXDATA &model, const char *source);
