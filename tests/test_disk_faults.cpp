@@ -181,6 +181,26 @@ TEST_F(DiskFaults, DiskFillingWhileReplacingAnOutputKeepsTheEarlierFile) {
   EXPECT_EQ(listing(out_dir), std::set<std::string>{"part.krx"});
 }
 
+// A small native file fits the stream's buffer: every block succeeds, and the disk fills only
+// when the finished file is flushed.
+TEST_F(DiskFaults, DiskFillingAtTheFinalFlushIsReportedAndKeepsTheEarlierFile) {
+  krxtest::OptionsGuard options("no_ortho no_xdr");
+  ASSERT_EQ(0, set_one_mode(4, 1));
+  const std::string out = dir.file("small.krx");
+  ASSERT_EQ(0, krxtest::write_krx(out));
+  const std::vector<char> before = krxtest::file_bytes(out);
+  ASSERT_LT(before.size(), 4096u);
+  EXPECT_EQ(0, in_child([&] {
+    krxtest::RecordingHost child{1};
+    rlimit r{64, 64};
+    setrlimit(RLIMIT_FSIZE, &r);
+    int status = krxtest::write_krx(out);
+    return status == 1 && child.has(3, "Problem writing " + out + ": File too large") ? 0 : 1;
+  }));
+  EXPECT_EQ(krxtest::file_bytes(out), before);
+  for (const std::string &name : listing(dir.path)) EXPECT_NE(name.rfind(".small.krx", 0), 0u) << name;
+}
+
 // A directory that may not be written, and an existing file that may not be written in a
 // directory that may: the open-failure message, nothing made, the file as it was. A root user
 // writes anything; its child drops to the unprivileged user to be refused.

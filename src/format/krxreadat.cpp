@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <algorithm>
 #include <cstring>
 #include <memory>
 #include <new>
@@ -166,6 +167,28 @@ int locate_blocks(PositionedFile &f, std::string &problem) {
   return 1;
 }
 
+// Counts that size no bytes of their own must still be what the file can justify, since callers
+// allocate from them: the order of the generalized matrices (their entries are sparse), and the
+// records of a generation-10 mode block over no nodes.
+int check_unsized_counts(PositionedFile &f, std::string &problem) {
+  int64_t known = std::max(f.has(7) ? f.counts[7].n[0] : 0, f.has(16) ? f.counts[16].n[0] : 0);
+  for (int number : {8, 18, 29})
+    if (f.has(number) && f.counts[number].n[0] > f.size) {
+      problem = at_block(f, number) + ": more modes than the file has bytes";
+      return 0;
+    }
+  known = std::max(known, f.has(8) ? f.counts[8].n[0] : 0);
+  for (int number : {12, 13, 15}) {
+    int64_t order = f.has(number) ? f.counts[number].n[1] : 0;
+    if (order < 0 || (order > known && order * order > f.size)) {
+      problem = at_block(f, number) + ": matrix order " + std::to_string(order) +
+                " is more than the file can justify";
+      return 0;
+    }
+  }
+  return 1;
+}
+
 }  // namespace
 
 int open_positioned(const char *path, PositionedFile &f, std::string &problem) {
@@ -180,7 +203,8 @@ int open_positioned(const char *path, PositionedFile &f, std::string &problem) {
     problem = "cannot read " + f.path + ": " + std::strerror(errno);
   } else if (f.size = int64_t(st.st_size), f.size < 4 || !read_version(f)) {
     problem = f.path + ": not a KRX file (no version code at byte 0)";
-  } else if (read_front(f, problem) && locate_blocks(f, problem)) {
+  } else if (read_front(f, problem) && locate_blocks(f, problem) &&
+             check_unsized_counts(f, problem)) {
     return 1;
   }
   close_positioned(f);

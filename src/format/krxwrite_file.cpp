@@ -10,6 +10,7 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <new>
 
 #include "base/krxmsg.h"
@@ -155,9 +156,19 @@ int open_output_file(WriteState &state, const char *path) {
 }
 
 int close_output_file(WriteState &state, int ok) {
+  // Every block may have gone to the stream's buffer and still fail on its way to the disk: the
+  // flush, the sync and the close are the write's last steps and report like any other.
+  const int blocks_written = ok;
+  errno = 0;
   if (ok && !state.temporary.empty()) ok = sync_file(state.out.file);
+  int reason = errno;
   // An XDR stream over standard I/O keeps no buffer of its own, so the close sees every byte.
-  ok = close_stream(state.out) && ok;
+  if (!close_stream(state.out) && ok) {
+    ok = 0;
+    reason = errno;
+  }
+  if (blocks_written && !ok)
+    error("Problem writing %s: %s", state.path.c_str(), std::strerror(reason ? reason : EIO));
   if (state.temporary.empty()) {
     if (!ok) remove_partial_file(state.path);
     return ok;
