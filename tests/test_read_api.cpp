@@ -1,0 +1,168 @@
+// The public read API (krx_read.h) on small files laid out block by block: every encoding and
+// precision, broken files and bad requests with their codes and texts, and one handle read from
+// several threads at once.
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+#include <thread>
+
+#include "krx/krx_read.h"
+#include "krxsample.h"
+#include "testsupport.h"
+
+namespace {
+
+struct Handle {
+  krx_file *file = nullptr;
+  int code;
+  explicit Handle(const std::string &path) : code(krx_open(path.c_str(), &file)) {}
+  ~Handle() { krx_close(file); }
+  int64_t count(int which) const {
+    int64_t n = -1;
+    EXPECT_EQ(KRX_OK, krx_count(file, which, &n)) << krx_error_message(file);
+    return n;
+  }
+};
+
+// Every mode of kind at its expected values: shape_value by the position in the record, plus
+// 100 for stresses.
+void expect_modes(const Handle &h, int kind, const std::vector<int32_t> &ids,
+                  const std::vector<int32_t> &numbers) {
+  std::vector<int32_t> read(ids.size());
+  ASSERT_EQ(KRX_OK, krx_read_mode_node_ids(h.file, kind, read.data()));
+  EXPECT_EQ(read, ids);
+  std::vector<double> values(6 * ids.size());
+  for (std::size_t r = 0; r < numbers.size(); ++r) {
+    int32_t number = 0;
+    ASSERT_EQ(KRX_OK, krx_read_mode(h.file, kind, int64_t(r), &number, values.data()));
+    EXPECT_EQ(number, numbers[r]);
+    for (std::size_t i = 0; i < ids.size(); ++i) {
+      for (int c = 0; c < 6; ++c)
+        EXPECT_EQ(values[6 * i + c], krxtest::shape_value(int(r), int(i), c) + 100 * kind)
+            << "kind " << kind << " mode " << r << " node " << ids[i] << " component " << c;
+    }
+  }
+}
+
+TEST(ReadApi, ReadsEveryGenerationEncodingAndPrecision) {
+  krxtest::TempDir dir;
+  // Native and XDR, double and single, and the old generations without per-mode numbers or
+  // with the old element block.
+  for (int32_t version : {60, 316, 572, 828, 41, 51, 10, 20}) {
+    SCOPED_TRACE(version);
+    krxtest::Sample s;
+    s.version = version;
+    const std::string path = dir.file(std::to_string(version) + ".krx");
+    ASSERT_TRUE(krxtest::write_sample(path, s));
+    Handle h(path);
+    ASSERT_EQ(KRX_OK, h.code) << krx_error_message(h.file);
+    int generation, xdr, real_bytes;
+    krx_read_version(h.file, &generation, &xdr, &real_bytes);
+    EXPECT_EQ(generation, version & 0xff);
+    EXPECT_EQ(xdr, krx::version_is_xdr(version) ? 1 : 0);
+    EXPECT_EQ(real_bytes, krx::version_is_single(version) ? 4 : 8);
+    char title[8];
+    ASSERT_EQ(KRX_OK, krx_read_header(h.file, KRX_HEADER_TITLE, title, sizeof title));
+    EXPECT_STREQ(title, "Bracket");  // trailing blanks go
+    ASSERT_EQ(h.count(KRX_COUNT_NODES), 3);
+    ASSERT_EQ(h.count(KRX_COUNT_MODES), 2);
+    std::vector<double> xyz(9);
+    ASSERT_EQ(KRX_OK, krx_read_coordinates(h.file, xyz.data()));
+    EXPECT_EQ(xyz, (std::vector<double>{0, 0.5, 1, 1, 1.5, 2, 2, 2.5, 3}));
+    std::vector<int32_t> numbers = version == 10 ? std::vector<int32_t>{1, 2} : s.mode_numbers;
+    expect_modes(h, KRX_MODE_SHAPE, s.ids, numbers);
+    expect_modes(h, KRX_MODE_STRESS, s.stress_ids, numbers);
+    // One face of three vertices, as positions in the node order whichever block holds it.
+    ASSERT_EQ(h.count(KRX_COUNT_FACE_WORDS), 4);
+    std::vector<int32_t> face(4);
+    ASSERT_EQ(KRX_OK, krx_read_faces(h.file, face.data())) << krx_error_message(h.file);
+    EXPECT_EQ(face, (std::vector<int32_t>{3, 2, 0, 1}));
+  }
+}
+
+TEST(ReadApi, RefusesBrokenFilesWithACodeAndTheReason) {
+  krxtest::TempDir dir;
+  const std::string good = dir.file("good.krx");
+  ASSERT_TRUE(krxtest::write_sample(good, krxtest::Sample{}));
+  std::vector<char> bytes = krxtest::file_bytes(good);
+  struct {
+    const char *name;
+    std::vector<char> bytes;  // empty name: the file is not made
+    int code;
+    std::string message;
+  } const cases[] = {
+      {"", {}, KRX_ERROR_OPEN, "cannot open " + dir.file("missing.krx") + ": No such file"},
+      {"short.krx", {0, 0, 1}, KRX_ERROR_FORMAT, "not a KRX file"},
+      {"zero.krx", std::vector<char>(700, 0), KRX_ERROR_FORMAT, "not a KRX file"},
+      {"cut.krx", std::vector<char>(bytes.begin(), bytes.end() - 700), KRX_ERROR_FORMAT,
+       "its counts call for more bytes than the file holds"},
+      {"front.krx", std::vector<char>(bytes.begin(), bytes.begin() + 1000), KRX_ERROR_FORMAT,
+       "the header or the content summary cannot be read"},
+  };
+  for (const auto &c : cases) {
+    SCOPED_TRACE(c.message);
+    std::string path = dir.file(*c.name ? c.name : "missing.krx");
+    if (*c.name) std::ofstream(path, std::ios::binary).write(c.bytes.data(), std::streamsize(c.bytes.size()));
+    Handle h(path);
+    EXPECT_EQ(h.code, c.code);
+    EXPECT_NE(std::string(krx_error_message(h.file)).find(c.message), std::string::npos)
+        << krx_error_message(h.file);
+  }
+}
+
+TEST(ReadApi, AnswersBadRequestsWithCodesAndKeepsServing) {
+  krxtest::TempDir dir;
+  krxtest::Sample s;
+  s.eigenvalues = false;
+  const std::string path = dir.file("no_eigen.krx");
+  ASSERT_TRUE(krxtest::write_sample(path, s));
+  Handle h(path);
+  ASSERT_EQ(KRX_OK, h.code);
+  int64_t n;
+  std::vector<double> values(100);
+  EXPECT_EQ(KRX_ERROR_ARGUMENT, krx_count(nullptr, KRX_COUNT_NODES, &n));
+  EXPECT_EQ(KRX_ERROR_ARGUMENT, krx_count(h.file, 99, &n));
+  EXPECT_EQ(KRX_ERROR_ARGUMENT, krx_read_mode(h.file, KRX_MODE_SHAPE, 2, nullptr, values.data()));
+  EXPECT_EQ(KRX_ERROR_ARGUMENT, krx_read_mode(h.file, 3, 0, nullptr, values.data()));
+  EXPECT_EQ(KRX_ERROR_ARGUMENT, krx_read_invariant(h.file, 6, values.data()));
+  EXPECT_EQ(KRX_ERROR_ABSENT, krx_read_eigenvalues(h.file, nullptr, values.data()));
+  EXPECT_EQ(krx_error_message(h.file), path + " holds no eigenvalues block");
+  // The mode count comes from the mode shapes; the message is the calling thread's own.
+  EXPECT_EQ(h.count(KRX_COUNT_MODES), 2);
+  std::thread([&] { EXPECT_STREQ(krx_error_message(h.file), ""); }).join();
+  EXPECT_EQ(KRX_OK, krx_read_mode(h.file, KRX_MODE_STRAIN, 1, nullptr, values.data()));
+}
+
+TEST(ReadApi, OneHandleServesSeveralThreadsAndManyHandlesStayOpen) {
+  krxtest::TempDir dir;
+  krxtest::Sample s;
+  s.version = 828;  // XDR single: the widest decoding path
+  s.ids.clear();
+  for (int32_t id = 1; id <= 2000; ++id) s.ids.push_back(id * 7);
+  s.stress_ids = {7};
+  const std::string path = dir.file("many.krx");
+  ASSERT_TRUE(krxtest::write_sample(path, s));
+  std::vector<std::unique_ptr<Handle>> handles;
+  for (int k = 0; k < 64; ++k) handles.push_back(std::make_unique<Handle>(path));
+  for (const auto &h : handles) ASSERT_EQ(KRX_OK, h->code);
+  const Handle &shared = *handles.front();
+  std::vector<std::thread> threads;
+  std::atomic<int> wrong{0};
+  for (int t = 0; t < 4; ++t)
+    threads.emplace_back([&, t] {
+      const Handle &mine = *handles[std::size_t(t + 1)];
+      std::vector<double> values(6 * s.ids.size());
+      for (int round = 0; round < 50; ++round)
+        for (int64_t r = 0; r < 2; ++r) {
+          const Handle &h = round % 2 ? mine : shared;
+          if (krx_read_mode(h.file, KRX_MODE_SHAPE, r, nullptr, values.data()) != KRX_OK) ++wrong;
+          for (std::size_t i = 0; i < s.ids.size(); i += 97)
+            if (values[6 * i + 5] != krxtest::shape_value(int(r), int(i), 5)) ++wrong;
+        }
+    });
+  for (auto &t : threads) t.join();
+  EXPECT_EQ(wrong.load(), 0);
+}
+
+}  // namespace
