@@ -1,9 +1,26 @@
 /* A C program built against an installed krxlib through `pkg-config krxlib` only. It writes a
- * four-node plate with two modes to the file named by its argument; usage: c_consumer <out.krx>. */
+ * four-node plate with two modes to the file named by its argument and reads it back through
+ * krx_read.h; usage: c_consumer <out.krx>. */
 #include <stdio.h>
 #include <string.h>
 
 #include <krx/krx.h>
+#include <krx/krx_read.h>
+
+/* The file just written: its counts, its title and its second mode. */
+static int read_back(const char *path) {
+  krx_file *file;
+  int64_t nodes = 0, modes = 0;
+  char title[32] = "";
+  double values[6 * 4];
+  int ok = krx_open(path, &file) == KRX_OK && krx_count(file, KRX_COUNT_NODES, &nodes) == KRX_OK &&
+           krx_count(file, KRX_COUNT_MODES, &modes) == KRX_OK &&
+           krx_read_header(file, KRX_HEADER_TITLE, title, sizeof title) == KRX_OK &&
+           krx_read_mode(file, KRX_MODE_SHAPE, 1, NULL, values) == KRX_OK;
+  if (!ok) fprintf(stderr, "c consumer: %s\n", krx_error_message(file));
+  krx_close(file);
+  return ok && nodes == 4 && modes == 2 && strcmp(title, "C consumer") == 0;
+}
 
 static int check(const char *entry, int status) {
   if (status != 0) fprintf(stderr, "c consumer: %s failed\n", entry);
@@ -48,5 +65,6 @@ int main(int argc, char **argv) {
   ok = ok && check("KRX_WRITE_KRX", status);
   KRX_TERMINATE(&status);
   ok = ok && check("KRX_TERMINATE", status);
+  ok = ok && check("reading back", !read_back(argv[1]));
   return ok ? 0 : 1;
 }

@@ -58,4 +58,35 @@ program fortran_consumer
     print '(a)', 'fortran consumer: an entry failed'
     error stop 1
   end if
+  call read_back(trim(path))
+
+contains
+
+  ! The file just written, through the read API: counts, title, coordinates and a mode.
+  subroutine read_back(name)
+    use, intrinsic :: iso_c_binding, only: c_ptr, c_int, c_int32_t, c_int64_t
+    character(len=*), intent(in) :: name
+    type(c_ptr) :: file
+    integer(c_int64_t) :: nodes, modes
+    integer(c_int32_t) :: number
+    real(8) :: values(6, 4)
+    character(len=64) :: title
+    integer(c_int) :: codes(4)
+    if (krx_open(name, file) /= KRX_OK) then
+      print '(a)', 'fortran consumer: ' // krx_error_message(file)
+      error stop 1
+    end if
+    ! Functions are called one by one: inside .and. the compiler may skip one.
+    codes(1) = krx_count(file, KRX_COUNT_NODES, nodes)
+    codes(2) = krx_count(file, KRX_COUNT_MODES, modes)
+    codes(3) = krx_read_header(file, KRX_HEADER_TITLE, title)
+    codes(4) = krx_read_mode(file, KRX_MODE_SHAPE, 1_c_int64_t, number, values)
+    ok = all(codes == KRX_OK) .and. nodes == 4 .and. modes == 2 .and. title == 'Fortran consumer'
+    ok = ok .and. number == 2
+    call krx_close(file)
+    if (.not. ok) then
+      print '(a)', 'fortran consumer: the file does not read back'
+      error stop 1
+    end if
+  end subroutine
 end program

@@ -1,4 +1,5 @@
-# Compares the dynamic symbol table of the shared library with the entries a host may call.
+# Compares the dynamic symbol table of the shared library with the entries a host may call and
+# the read entries of krx_read.h.
 # Usage: cmake -DNM=<nm> -DLIBRARY=<libkrxlib.so> -P check_exports.cmake
 set(expected
   KRX_CREATE
@@ -18,6 +19,27 @@ set(expected
   KRX_WRITE_KRX
   KRX_WRITE_VELOX_KRX
   krx_register_host_callbacks
+  krx_close
+  krx_count
+  krx_error_message
+  krx_has_block
+  krx_open
+  krx_read_body_properties
+  krx_read_coordinates
+  krx_read_eigenvalues
+  krx_read_faces
+  krx_read_generalized_matrix
+  krx_read_header
+  krx_read_interface_nodes
+  krx_read_invariant
+  krx_read_mode
+  krx_read_mode_node_ids
+  krx_read_nodal_inertias
+  krx_read_nodal_masses
+  krx_read_node_ids
+  krx_read_transformation
+  krx_read_units
+  krx_read_version
 )
 
 execute_process(COMMAND ${NM} -D --defined-only ${LIBRARY} OUTPUT_VARIABLE table
