@@ -137,9 +137,9 @@ TEST(ReadApi, AnswersBadRequestsWithCodesAndKeepsServing) {
 TEST(ReadApi, OneHandleServesSeveralThreadsAndManyHandlesStayOpen) {
   krxtest::TempDir dir;
   krxtest::Sample s;
-  s.version = 828;  // XDR single: the widest decoding path
+  s.version = 828;  // XDR single: swapped, then widened in place
   s.ids.clear();
-  for (int32_t id = 1; id <= 2000; ++id) s.ids.push_back(id * 7);
+  for (int32_t id = 1; id <= 12000; ++id) s.ids.push_back(id * 7);  // three pieces of a record
   s.stress_ids = {7};
   const std::string path = dir.file("many.krx");
   ASSERT_TRUE(krxtest::write_sample(path, s));
