@@ -100,10 +100,13 @@ int faces_from_topology(const krx_file *file, int32_t *words) {
   if (code != KRX_OK) return code;
   auto groups = t.groups;
   std::sort(groups.begin(), groups.end());
+  // The caller's list was sized from the face count: the groups must hold exactly that many.
   int64_t faces = 0, out = 0;
+  for (const auto &g : groups) faces += g[1];
+  if (faces != t.face_count) return format_error(file, 5, "the groups do not hold the face count");
   std::size_t in = 0;
   for (const auto &g : groups) {
-    for (int32_t e = 0; e < g[1]; ++e, ++faces) {
+    for (int32_t e = 0; e < g[1]; ++e) {
       words[out++] = g[2];
       in += 2;  // two ints that readers skip
       for (int32_t v = 0; v < g[2]; ++v) {
@@ -113,7 +116,6 @@ int faces_from_topology(const krx_file *file, int32_t *words) {
       }
     }
   }
-  if (faces != t.face_count) return format_error(file, 5, "the groups do not hold the face count");
   return KRX_OK;
 }
 
