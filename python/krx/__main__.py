@@ -2,6 +2,7 @@
 [--scale S] | html IN.krx -o OUT.html | info IN.krx"""
 
 import argparse
+import os
 import sys
 
 import numpy as np
@@ -84,6 +85,12 @@ def main(argv=None):
             from ._plot import plot_mode
             scale = plot_mode(f, args.mode, args.output, args.scale)
             print(f"wrote {args.output}: mode {args.mode}, scale {scale:.6g}")
+        sys.stdout.flush()
+    except BrokenPipeError:
+        # The reader of the output has gone (| head): end quietly, like any shell tool. What
+        # is still buffered goes nowhere, so that the flush at exit does not fail again.
+        os.dup2(os.open(os.devnull, os.O_WRONLY), sys.stdout.fileno())
+        return 1
     except (KrxError, ValueError, OSError) as e:
         print(f"krx: error: {e}", file=sys.stderr)
         return 1
