@@ -347,6 +347,7 @@
     status.dataset.modes = String(meta.mode_count);
     status.dataset.triangles = String(meta.triangles);
     status.dataset.ms = performance.now().toFixed(0);
+    status.dataset.at = String(Date.now());
     status.textContent = "ready: " + meta.mode_count + " modes, " +
       meta.shown_nodes.toLocaleString("en") + " nodes shown, " +
       meta.triangles.toLocaleString("en") + " triangles";
