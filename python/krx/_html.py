@@ -140,7 +140,7 @@ def page_data(f):
     meta = {"header": _header(f), "units": f.units, "node_count": len(f.node_ids),
             "mode_count": len(modes), "face_count": len(f.faces) if f.faces is not None else 0,
             "shown_nodes": len(shown), "triangles": len(triangles), "lines": len(lines),
-            "size": float(np.linalg.norm(hi - lo)), "start_amplitude": START_AMPLITUDE,
+            "size": _finite(np.linalg.norm(hi - lo)) or 0.0, "start_amplitude": START_AMPLITUDE,
             "stress": stress_at is not None, "modes": modes, "interface": interface}
     return meta, blobs
 

@@ -22,7 +22,7 @@
     return new Type(bytes.buffer);
   }
 
-  // Page parameters after '#', for links to one view: mode=7&play=0&amplitude=5
+  // Page parameters after '#', for links to one view: mode=7&play=0&amplitude=5&colour=stress&outline=1
   function parameters() {
     var out = {};
     location.hash.replace(/^#/, "").split("&").forEach(function (pair) {
@@ -333,6 +333,7 @@
   meta.modes.forEach(function (m, k) { if (String(m.number) === params.mode) first = k; });
   if (params.amplitude && isFinite(Number(params.amplitude))) state.amplitude = Number(params.amplitude);
   if (params.colour === "stress" && meta.stress) { state.stress = true; $("colour-stress").checked = true; }
+  if (params.outline === "1") { outline.visible = true; $("outline").checked = true; }
   $("amplitude").value = String(state.amplitude);
   setPlaying(state.playing);
   updateAmplitude();
