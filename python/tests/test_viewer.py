@@ -30,7 +30,8 @@ HOSTILE = ('<script>document.body.dataset.pwned=1</script></textarea>'
 
 def hand_file(path, faces, stress=False, interface=()):
     """A small file laid out by hand: a 2 x 2 x 2 block of 27 nodes 10, 11, ... (x fastest), two
-    modes whose values tell node and mode apart, faces given as lists of node positions."""
+    modes whose values tell node and mode apart, faces given as lists of node positions. The
+    mode shapes and stresses list the nodes backwards, so only their ids place them."""
     enc = kb.Enc(60)
     grid = np.array([[x, y, z] for z in range(3) for y in range(3) for x in range(3)], float)
     ids = list(range(10, 37))
@@ -38,13 +39,13 @@ def hand_file(path, faces, stress=False, interface=()):
     shapes[:, :, :3] = (np.arange(1, 3)[:, None, None] * 0.01 * (grid + 1.0))
     blocks = {4: kb.records(enc, [27, 3], ids, grid),
               7: kb.records(enc, [2], [7, 8], [[4.0, 3.0, 2.0, 1.0, 4.0], [9.0, 5.0, 3.0, 1.0, 9.0]]),
-              8: kb.per_mode_block(enc, [7, 8], ids, shapes)}
+              8: kb.per_mode_block(enc, [7, 8], ids[::-1], shapes[:, ::-1])}
     if faces:
         blocks[14] = kb.faces_block(enc, faces)
-    if stress:  # uniaxial sigma_x of node position + mode number: von Mises equals it
+    if stress:  # sigma_x alone, the node's position + 100 x (mode index + 1): von Mises too
         values = np.zeros((2, 27, 6))
         values[:, :, 0] = np.arange(27) + np.arange(1, 3)[:, None] * 100.0
-        blocks[18] = kb.per_mode_block(enc, [7, 8], ids, values)
+        blocks[18] = kb.per_mode_block(enc, [7, 8], ids[::-1], values[:, ::-1])
     if interface:
         blocks[17] = enc.i(len(interface), *interface)
     path.write_bytes(kb.krx_file(enc, blocks, title=HOSTILE))
