@@ -174,18 +174,21 @@
 
   // ---- view ---------------------------------------------------------------------------------
 
+  // z up, the usual axis of a finite-element model; the controls take their orbit's axis from
+  // the camera's up when they are made.
+  camera.up.set(0, 0, 1);
   var controls = new THREE.OrbitControls(camera, renderer.domElement);
   controls.enableDamping = false;
   controls.screenSpacePanning = true;
   var radius = Math.max(meta.size / 2, 1e-9);
 
   function fitView() {
-    // From the front, right and above, z up: the usual axes of a finite-element model.
-    camera.up.set(0, 0, 1);
+    // From the front, right and above.
     var distance = radius / Math.sin(THREE.Math.degToRad(camera.fov / 2)) * 1.3;
     camera.position.set(0.55, -1.0, 0.6).normalize().multiplyScalar(distance);
     camera.near = distance / 100;
     camera.far = distance * 10;
+    controls.maxDistance = distance * 5;
     controls.target.set(0, 0, 0);
     camera.updateProjectionMatrix();
     controls.update();
