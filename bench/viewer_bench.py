@@ -53,7 +53,8 @@ def write_plate(lib, path, nx=317, ny=316, modes=30):
     status = ctypes.c_int(0)
     s = ctypes.addressof(status)
     p = lambda array, k=0: array.ctypes.data + k * array.itemsize * (array.size // len(array))
-    lib.KRX_CREATE(ctypes.byref(ctypes.c_int(n)), ctypes.byref(ctypes.c_int(modes)), ctypes.byref(status))
+    lib.KRX_CREATE(ctypes.byref(ctypes.c_int(n)), ctypes.byref(ctypes.c_int(modes)),
+                   ctypes.byref(status))
     texts = [t.encode() for t in ("Plate of 100,172 nodes, 30 bending modes", "plate.dat", "BENCH",
                                   "", "", "")]
     lib.KRX_SET_HEADER(*texts, ctypes.byref(status), *[ctypes.c_int(len(t)) for t in texts])

@@ -38,7 +38,8 @@ def hand_file(path, faces, stress=False, interface=()):
     shapes = np.zeros((2, 27, 6))
     shapes[:, :, :3] = (np.arange(1, 3)[:, None, None] * 0.01 * (grid + 1.0))
     blocks = {4: kb.records(enc, [27, 3], ids, grid),
-              7: kb.records(enc, [2], [7, 8], [[4.0, 3.0, 2.0, 1.0, 4.0], [9.0, 5.0, 3.0, 1.0, 9.0]]),
+              7: kb.records(enc, [2], [7, 8], [[4.0, 3.0, 2.0, 1.0, 4.0],
+                                               [9.0, 5.0, 3.0, 1.0, 9.0]]),
               8: kb.per_mode_block(enc, [7, 8], ids[::-1], shapes[:, ::-1])}
     if faces:
         blocks[14] = kb.faces_block(enc, faces)
@@ -206,7 +207,8 @@ def test_page_is_ready_and_shows_the_body(chromium, pages, doms, name):
     modes, triangles, stress, share = CASES[name]
     dom = doms[name]
     status = status_of(dom)
-    assert status["state"] == "ready" and status["errors"] == "0", re.search(r"<p id=\"status\".*?</p>", dom).group(0)
+    line = re.search(r'<p id="status".*?</p>', dom).group(0)
+    assert status["state"] == "ready" and status["errors"] == "0", line
     assert status["modes"] == str(modes)
     assert (status["triangles"] == str(triangles)) if triangles is not None else \
         int(status["triangles"]) > 100

@@ -22,7 +22,8 @@
     return new Type(bytes.buffer);
   }
 
-  // Page parameters after '#', for links to one view: mode=7&play=0&amplitude=5&colour=stress&outline=1
+  // Page parameters after '#', for links to one view:
+  // mode=7&play=0&amplitude=5&colour=stress&outline=1
   function parameters() {
     var out = {};
     location.hash.replace(/^#/, "").split("&").forEach(function (pair) {
@@ -67,7 +68,9 @@
       $("note").hidden = false;
       $("note").textContent = "The file holds no faces: its nodes are shown.";
     }
-    var width = Math.max.apply(null, meta.modes.map(function (m) { return String(m.number).length; }));
+    var width = Math.max.apply(null, meta.modes.map(function (m) {
+      return String(m.number).length;
+    }));
     meta.modes.forEach(function (m, k) {
       var option = document.createElement("option");
       option.value = String(k);
@@ -226,7 +229,8 @@
       magnitude[i] = Math.sqrt(x * x + y * y + z * z);
     }
     shapeColours = colourAll(magnitude, m.largest);
-    stressColours = meta.stress ? colourAll(blob("stress" + k, Float32Array), m.largest_stress) : null;
+    stressColours = meta.stress
+      ? colourAll(blob("stress" + k, Float32Array), m.largest_stress) : null;
     $("modes").value = String(k);
     applyColouring();
   }
@@ -242,7 +246,8 @@
         (units[1] && units[3] ? " (" + units[3] + "/" + units[1] + "\u00b2)" : "");
       $("legend-high").textContent = format(m.largest_stress);
     } else {
-      $("legend-title").textContent = "displacement magnitude" + (units[1] ? " (" + units[1] + ")" : "");
+      $("legend-title").textContent = "displacement magnitude" +
+        (units[1] ? " (" + units[1] + ")" : "");
       $("legend-high").textContent = format(m.largest);
     }
     $("legend-low").textContent = "0";
@@ -322,9 +327,15 @@
       applyColouring();
     });
   });
-  $("outline").addEventListener("change", function () { outline.visible = this.checked; dirty = true; });
+  $("outline").addEventListener("change", function () {
+    outline.visible = this.checked;
+    dirty = true;
+  });
   if (markers) {
-    $("markers").addEventListener("change", function () { markers.visible = this.checked; dirty = true; });
+    $("markers").addEventListener("change", function () {
+      markers.visible = this.checked;
+      dirty = true;
+    });
   }
   controls.addEventListener("change", function () { dirty = true; });
   window.addEventListener("resize", resize);
@@ -332,10 +343,17 @@
   // The first mode shown is the one the link names, else the first that is not a rigid-body
   // mode: its frequency stands out from the near-zero ones.
   var top = Math.max.apply(null, meta.modes.map(function (m) { return Math.abs(m.hertz || 0); }));
-  var first = Math.max(0, meta.modes.findIndex(function (m) { return Math.abs(m.hertz || 0) > 1e-3 * top; }));
+  var first = Math.max(0, meta.modes.findIndex(function (m) {
+    return Math.abs(m.hertz || 0) > 1e-3 * top;
+  }));
   meta.modes.forEach(function (m, k) { if (String(m.number) === params.mode) first = k; });
-  if (params.amplitude && isFinite(Number(params.amplitude))) state.amplitude = Number(params.amplitude);
-  if (params.colour === "stress" && meta.stress) { state.stress = true; $("colour-stress").checked = true; }
+  if (params.amplitude && isFinite(Number(params.amplitude))) {
+    state.amplitude = Number(params.amplitude);
+  }
+  if (params.colour === "stress" && meta.stress) {
+    state.stress = true;
+    $("colour-stress").checked = true;
+  }
   if (params.outline === "1") { outline.visible = true; $("outline").checked = true; }
   $("amplitude").value = String(state.amplitude);
   setPlaying(state.playing);
