@@ -6,7 +6,8 @@
 # out/mode7.png, a picture of mode 7. Then the real path: gmsh meshes the bracket of
 # hosts/calculix/geometry in quadratic tetrahedra, ccx2krx has CalculiX compute its modes and
 # stresses and exports out/bracket.krx, krxdump lists its eigenvalues, and the Python reader writes
-# out/bracket.vtu and out/bracket_mode7.png, the first bending mode.
+# out/bracket.vtu, out/bracket_mode7.png, the first bending mode, and out/bracket.html, a page
+# that animates every mode in a browser.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bash scripts/install-deps.sh
@@ -44,6 +45,8 @@ echo
 echo "== krxdump out/bracket.krx -b 7"
 build/krxdump out/bracket.krx -b 7
 echo
-echo "== python3 -m krx: out/bracket.vtu and out/bracket_mode7.png"
+echo "== python3 -m krx: out/bracket.vtu, out/bracket_mode7.png and out/bracket.html"
 /usr/bin/python3 -m krx vtu out/bracket.krx out/bracket.vtu
 /usr/bin/python3 -m krx plot out/bracket.krx --mode 7 -o out/bracket_mode7.png --scale 0.2
+/usr/bin/python3 -m krx html out/bracket.krx -o out/bracket.html
+echo "(open out/bracket.html in a browser: file://$PWD/out/bracket.html)"

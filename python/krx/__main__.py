@@ -1,7 +1,8 @@
 """python3 -m krx vtu IN.krx OUT.vtu [--modes 7,8] | plot IN.krx --mode 7 -o mode7.png
-[--scale S] | info IN.krx"""
+[--scale S] | html IN.krx -o OUT.html | info IN.krx"""
 
 import argparse
+import os
 import sys
 
 import numpy as np
@@ -58,6 +59,9 @@ def main(argv=None):
     p.add_argument("-o", "--output", required=True)
     p.add_argument("--scale", type=float, help="displacement scale (default: largest "
                    "displacement a tenth of the body's size)")
+    p = sub.add_parser("html", help="write a page that animates the modes in a browser")
+    p.add_argument("krx")
+    p.add_argument("-o", "--output", required=True)
     p = sub.add_parser("info", help="print a one-screen summary")
     p.add_argument("krx")
     args = parser.parse_args(argv)
@@ -72,10 +76,21 @@ def main(argv=None):
             print(f"wrote {args.vtu}: {len(mesh.points)} points, "
                   f"{sum(len(c.data) for c in mesh.cells)} cells, "
                   f"{sum(k.startswith('mode_') for k in mesh.point_data)} modes")
+        elif args.command == "html":
+            from ._html import write_page
+            meta = write_page(f, args.output)
+            print(f"wrote {args.output}: {meta['mode_count']} modes, {meta['shown_nodes']} "
+                  f"nodes shown, {meta['triangles']} triangles, {meta['lines']} lines")
         else:
             from ._plot import plot_mode
             scale = plot_mode(f, args.mode, args.output, args.scale)
             print(f"wrote {args.output}: mode {args.mode}, scale {scale:.6g}")
+        sys.stdout.flush()
+    except BrokenPipeError:
+        # The reader of the output has gone (| head): end quietly, like any shell tool. What
+        # is still buffered goes nowhere, so that the flush at exit does not fail again.
+        os.dup2(os.open(os.devnull, os.O_WRONLY), sys.stdout.fileno())
+        return 1
     except (KrxError, ValueError, OSError) as e:
         print(f"krx: error: {e}", file=sys.stderr)
         return 1

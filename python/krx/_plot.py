@@ -1,5 +1,5 @@
-"""A picture of one mode: the outline undeformed in grey and deformed, coloured by the
-displacement magnitude, in 3D."""
+"""A picture of one mode in 3D, with equal scales on the three axes: the deformed outline,
+coloured by the displacement magnitude, over the undeformed one drawn thin and light."""
 
 import numpy as np
 
@@ -44,6 +44,19 @@ def view_angles(disp):
     return elevation + 15.0, azimuth + 15.0
 
 
+def _equal_scales(ax, points):
+    """Axis limits around the points and a box shaped like them, so that a millimetre is as
+    long on every axis; a flat body keeps a sliver of depth."""
+    lo, hi = points.min(axis=0), points.max(axis=0)
+    span = hi - lo
+    floor = max(float(span.max()), 1e-12) * 0.02
+    margin = np.maximum(span, floor) * 0.02
+    lo, hi = lo - margin, hi + margin
+    for a, b, setter in zip(lo, hi, (ax.set_xlim, ax.set_ylim, ax.set_zlim)):
+        setter(a, b)
+    ax.set_box_aspect(hi - lo)
+
+
 def plot_mode(f, number, out, scale=None):
     """Writes the picture of mode `number` of the read file f to out; returns the scale used."""
     import matplotlib
@@ -63,22 +76,22 @@ def plot_mode(f, number, out, scale=None):
 
     fig = plt.figure(figsize=(8, 6), dpi=100)
     ax = fig.add_subplot(projection="3d")
+    ax.computed_zorder = False  # the undeformed mesh stays behind, whatever the view
     edges = _segments(f)
     shown = np.arange(len(f.coords))
     if edges is not None:
         shown = np.unique(edges)  # the nodes on the faces: a solid's inner nodes would hide them
-        ax.add_collection3d(Line3DCollection(f.coords[edges], colors="0.7", linewidths=0.6))
+        ax.add_collection3d(Line3DCollection(f.coords[edges], colors="0.82", linewidths=0.4,
+                                             zorder=1))
         colours = cmap(norm(magnitude[edges].mean(axis=1)))
-        ax.add_collection3d(Line3DCollection(moved[edges], colors=colours, linewidths=1.5))
-    ax.scatter(*f.coords[shown].T, s=2, c="0.7", depthshade=False)
-    ax.scatter(*moved[shown].T, s=6, c=magnitude[shown], cmap=cmap, norm=norm, depthshade=False)
+        ax.add_collection3d(Line3DCollection(moved[edges], colors=colours, linewidths=1.5,
+                                             zorder=2))
+    ax.scatter(*f.coords[shown].T, s=1, c="0.82", depthshade=False, zorder=1)
+    ax.scatter(*moved[shown].T, s=6, c=magnitude[shown], cmap=cmap, norm=norm, depthshade=False,
+               zorder=3)
     if len(disp) > 1:
         ax.view_init(*view_angles(disp))
-    both = np.concatenate([f.coords, moved])
-    lo, hi = both.min(axis=0), both.max(axis=0)
-    half = max(float((hi - lo).max()) / 2.0, 1e-12)
-    for centre, setter in zip((lo + hi) / 2.0, (ax.set_xlim, ax.set_ylim, ax.set_zlim)):
-        setter(centre - half, centre + half)
+    _equal_scales(ax, np.concatenate([f.coords, moved]))
     ax.set_xlabel("x")
     ax.set_ylabel("y")
     ax.set_zlabel("z")

@@ -57,6 +57,12 @@ def test_plot_of_a_mode_is_a_picture(example_file, tmp_path):
 def test_info_and_refusals_on_the_command_line(example_file, tmp_path):
     r = run_krx("info", example_file)
     assert r.returncode == 0
+    # A reader that has gone (| head) ends the listing without a word.
+    env = dict(os.environ, PYTHONPATH=os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
+    p = subprocess.Popen([sys.executable, "-m", "krx", "info", example_file], env=env,
+                         stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+    p.stdout.close()
+    assert p.stderr.read() == b"" and p.wait() == 1
     assert "version code 316 (generation 6.0, XDR, double precision)" in r.stdout
     assert "300 nodes, 20 modes, 299 faces, 2 interface nodes" in r.stdout
     assert "1.66665905e+00" in r.stdout
