@@ -1,9 +1,12 @@
 # ccx2krx against CalculiX itself: gmsh meshes of a bracket, a hexahedral bar and a wedge prism,
 # exported and checked against CalculiX's output files and the geometries' exact mass properties.
-# ccx and gmsh are required: without them the test fails.
+# ccx and gmsh are required: without them the test fails. read_api_dump reads a file through the
+# C read API for the comparison with the Python reader.
+add_executable(read_api_dump ${CMAKE_CURRENT_SOURCE_DIR}/hosts/read_api_dump.c)
+target_link_libraries(read_api_dump PRIVATE krxlib)
 add_test(NAME calculix.pytest
          COMMAND /usr/bin/python3 -m pytest -q -p no:cacheprovider
                  --basetemp=${CMAKE_CURRENT_BINARY_DIR}/calculix
                  ${CMAKE_CURRENT_SOURCE_DIR}/calculix)
 set_tests_properties(calculix.pytest PROPERTIES TIMEOUT 600 ENVIRONMENT
-  "PYTHONDONTWRITEBYTECODE=1;CCX2KRX=$<TARGET_FILE:ccx2krx>;KRXDUMP=$<TARGET_FILE:krxdump>;MOUNTED_BODY=$<TARGET_FILE:mounted_body>;KRXLIB=$<TARGET_FILE:krxlib>;TMP=${CMAKE_CURRENT_BINARY_DIR}")
+  "PYTHONDONTWRITEBYTECODE=1;CCX2KRX=$<TARGET_FILE:ccx2krx>;KRXDUMP=$<TARGET_FILE:krxdump>;MOUNTED_BODY=$<TARGET_FILE:mounted_body>;READ_API_DUMP=$<TARGET_FILE:read_api_dump>;TMP=${CMAKE_CURRENT_BINARY_DIR}")
