@@ -23,7 +23,8 @@ SHOWN = 6  # frequencies compared
 
 @pytest.fixture(scope="module")
 def exports(ccx2krx, deck, tmp_path_factory):
-    """The bracket with both holes as interface points: with stresses, and with the invariants."""
+    """The bracket with both holes as interface points: with stresses, with the invariants, and
+    with the full generalized matrices of CalculiX's modes instead of orthonormal modes."""
     where = tmp_path_factory.mktemp("mounted")
 
     def export(options):
@@ -36,7 +37,7 @@ def exports(ccx2krx, deck, tmp_path_factory):
         return Export(deck(BRACKET), out, keep, run)
 
     with ThreadPoolExecutor(2) as pool:
-        return list(pool.map(export, ["", "full_invar"]))
+        return list(pool.map(export, ["", "full_invar", "no_ortho"]))
 
 
 def mounted(path, fixed, mass=None):
@@ -81,6 +82,14 @@ def test_mounted_frequencies_match_calculix(frequencies, case):
     ours, theirs = frequencies[0][case], frequencies[1][case]
     assert len(ours) == SHOWN and len(theirs) == SHOWN
     np.testing.assert_allclose(ours, theirs, rtol=5e-3)
+
+
+def test_full_generalized_matrices_mount_to_the_same_body(exports, frequencies):
+    # The file of CalculiX's own modes holds the full modal mass and stiffness (no eigenvalues).
+    component = exports[2]
+    points = interface_points(os.path.join(component.keep, "model.inp"))
+    ours = mounted(component.out, points["HOLE1"][0])
+    np.testing.assert_allclose(ours, frequencies[0][0], rtol=1e-7)
 
 
 def test_point_mass_lowers_the_frequencies(frequencies):
