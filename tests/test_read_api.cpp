@@ -111,6 +111,30 @@ TEST(ReadApi, RefusesBrokenFilesWithACodeAndTheReason) {
   }
 }
 
+// Inputs the fuzzer found, or that stand for what it found, each with the refusal it must get.
+TEST(ReadApi, RefusesEveryRegressionInputAtOpen) {
+  const std::string corpus = std::string(KRX_TEST_DATA) + "/../fuzz/corpus/read_api/regress-";
+  struct {
+    const char *name, *message;
+  } const cases[] = {
+      {"face-block-size-not-its-list", "block 14 (element_faces) at byte 648"},
+      {"gen10-seven-million-modes-no-nodes", "more modes than the file has bytes"},
+      {"invariants-of-different-mode-counts", "its mode count differs from block 21's"},
+      {"matrix-order-beyond-file", "matrix order 1073741824 is more than the file can justify"},
+      {"mode-block-past-end", "its counts call for more bytes than the file holds (704)"},
+      {"nodal-masses-no-values-per-node", "matrix order 1073217536 is more than"},
+      {"topology-more-faces-than-groups", "block 5 (element_topology) at byte 684"},
+      {"topology-words-overflow", "its leading counts cannot be read or contradict each other"},
+  };
+  for (const auto &c : cases) {
+    SCOPED_TRACE(c.name);
+    Handle h(corpus + c.name + ".krx");
+    EXPECT_EQ(h.code, KRX_ERROR_FORMAT);
+    EXPECT_NE(std::string(krx_error_message(h.file)).find(c.message), std::string::npos)
+        << krx_error_message(h.file);
+  }
+}
+
 TEST(ReadApi, AnswersBadRequestsWithCodesAndKeepsServing) {
   krxtest::TempDir dir;
   krxtest::Sample s;

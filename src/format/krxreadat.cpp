@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <algorithm>
 #include <cstring>
+#include <limits>
 #include <memory>
 #include <new>
 
@@ -119,6 +120,24 @@ int read_front(PositionedFile &f, std::string &problem) {
   return 1;
 }
 
+// The old element block: its face count, group count and words, from the group headers. The
+// face count must be what the groups hold, since callers size the face list from it.
+int read_topology_counts(BlockIo &b, BlockCounts &counts) {
+  int32_t lead[2];
+  if (!get_ints(b.io, lead, 2) || lead[0] < 0 || lead[1] < 0) return 0;
+  int64_t words = 0, faces = 0;
+  for (int32_t g = 0; g < lead[1]; ++g) {
+    int32_t header[3];
+    if (!get_ints(b.io, header, 3) || header[1] < 0 || header[2] < 0) return 0;
+    faces += header[1];
+    words += int64_t(header[1]) * (int64_t(header[2]) + 2);  // below 2^62 a group
+    if (words > std::numeric_limits<int64_t>::max() / 8) return 0;
+  }
+  if (faces != lead[0]) return 0;
+  counts.n = {lead[0], lead[1], words};
+  return 1;
+}
+
 // The leading counts of a present block; the old element block is sized by its group headers.
 int read_counts(PositionedFile &f, int number, int64_t at) {
   const BlockInfo *info = block_info(number);
@@ -137,8 +156,12 @@ int read_counts(PositionedFile &f, int number, int64_t at) {
   bool memory;
   int32_t faces[4] = {0, 0, 0, 0};
   return decode_range(f, at, want, want, [&](BlockIo &b) {
+    if (number == 5) return read_topology_counts(b, f.counts[number]);
     if (number != 14) return read_block_counts(b, number, f.counts[number]);
-    if (!get_ints(b.io, faces, 4)) return 0;
+    // The block states its own size, which must be that of its face list.
+    if (!get_ints(b.io, faces, 4) || faces[2] < 0 || faces[3] < 0 || faces[2] > faces[3] ||
+        int64_t(faces[0]) != 4 * int64_t(faces[3]) + 16)
+      return 0;
     f.counts[number].n = {faces[0], faces[2], faces[3]};
     return 1;
   }, memory);
@@ -150,7 +173,8 @@ int locate_blocks(PositionedFile &f, std::string &problem) {
     f.start[number] = at;
     if (!f.flags[std::size_t(block_info(number)->flag)]) continue;
     if (!read_counts(f, number, at)) {
-      problem = at_block(f, number) + ": its counts cannot be read";
+      problem = at_block(f, number) +
+                ": its leading counts cannot be read or contradict each other";
       return 0;
     }
     BlockCounts sizing = f.counts[number];
@@ -189,6 +213,30 @@ int check_unsized_counts(PositionedFile &f, std::string &problem) {
   return 1;
 }
 
+// One count serves a family of blocks (the generalized matrices' order, the invariants' mode
+// count), so callers size every array of the family from it: the blocks must agree on it.
+int check_families(PositionedFile &f, std::string &problem) {
+  struct Family {
+    std::initializer_list<int> blocks;
+    int slot;
+    const char *what;
+  };
+  for (const Family &family : {Family{{12, 13, 15}, 1, "matrix order"},
+                               Family{{21, 22, 23, 25, 26}, 0, "mode count"}}) {
+    int first = 0;
+    for (int number : family.blocks) {
+      if (!f.has(number)) continue;
+      if (!first) first = number;
+      if (f.counts[number].n[std::size_t(family.slot)] == f.counts[first].n[std::size_t(family.slot)])
+        continue;
+      problem = at_block(f, number) + ": its " + family.what + " differs from block " +
+                std::to_string(first) + "'s";
+      return 0;
+    }
+  }
+  return 1;
+}
+
 }  // namespace
 
 int open_positioned(const char *path, PositionedFile &f, std::string &problem) {
@@ -204,7 +252,7 @@ int open_positioned(const char *path, PositionedFile &f, std::string &problem) {
   } else if (f.size = int64_t(st.st_size), f.size < 4 || !read_version(f)) {
     problem = f.path + ": not a KRX file (no version code at byte 0)";
   } else if (read_front(f, problem) && locate_blocks(f, problem) &&
-             check_unsized_counts(f, problem)) {
+             check_unsized_counts(f, problem) && check_families(f, problem)) {
     return 1;
   }
   close_positioned(f);
