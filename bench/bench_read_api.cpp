@@ -55,7 +55,10 @@ bool generate(const std::string &path, int32_t nodes, int32_t modes) {
   for (int i = 0; i < 544; ++i) o.word(i < int(std::strlen(title)) ? uint32_t(title[i]) : 0);
   for (int flag = 0; flag < 100; ++flag) o.word(flag == 0 || flag == 3 || flag == 4 || flag == 16);
   o.word(uint32_t(nodes)), o.word(3);
-  for (int32_t n = 0; n < nodes; ++n) o.word(uint32_t(n + 1)), o.real(n), o.real(0.5 * n), o.real(1.0);
+  for (int32_t n = 0; n < nodes; ++n) {
+    o.word(uint32_t(n + 1));
+    o.real(n), o.real(0.5 * n), o.real(1.0);
+  }
   o.word(uint32_t(modes));
   for (int32_t m = 0; m < modes; ++m) {
     o.word(uint32_t(m + 1));
@@ -97,10 +100,12 @@ void read_modes(const krx_file *file, std::vector<double> &values, int64_t from,
 int main(int argc, char **argv) {
   const char *tmp = std::getenv("TMP");
   std::string path = argc > 1 ? argv[1] : std::string(tmp ? tmp : "/tmp") + "/bench_read_api.krx";
-  int32_t nodes = argc > 2 ? std::atoi(argv[2]) : 1000000, modes = argc > 3 ? std::atoi(argv[3]) : 20;
+  int32_t nodes = argc > 2 ? std::atoi(argv[2]) : 1000000;
+  int32_t modes = argc > 3 ? std::atoi(argv[3]) : 20;
   auto t = Clock::now();
   if (!generate(path, nodes, modes)) return 1;
-  std::printf("generated %s (%d nodes, %d modes) in %.0f ms\n", path.c_str(), nodes, modes, ms_since(t));
+  std::printf("generated %s (%d nodes, %d modes) in %.0f ms\n", path.c_str(), nodes, modes,
+              ms_since(t));
 
   krx_file *file = nullptr;
   int64_t counts[3];
@@ -118,7 +123,9 @@ int main(int argc, char **argv) {
   std::vector<double> values(std::size_t(6 * int64_t(nodes))), second(values.size());
   read_modes(file, values, 0, modes, 1);  // into the page cache
   read_modes(file, second, 0, 1, 1);
-  double one_ms = best_of(10, [&] { krx_read_mode(file, KRX_MODE_SHAPE, modes / 2, nullptr, values.data()); });
+  double one_ms = best_of(10, [&] {
+    krx_read_mode(file, KRX_MODE_SHAPE, modes / 2, nullptr, values.data());
+  });
   double single_ms = best_of(5, [&] { read_modes(file, values, 0, modes, 1); });
   double cpu = 0.0;
   double dual_ms = best_of(5, [&] {
@@ -149,8 +156,9 @@ int main(int argc, char **argv) {
               modes, single_ms, dual_ms, single_ms / dual_ms);
   // Processor time over elapsed time of the last two-thread run: near 2 when both threads had a
   // core of their own, near 1 when the machine gave them one between them.
-  std::printf("two threads: processor time %.1f ms over %.1f ms elapsed in the last run\n", cpu, dual_ms);
-  std::printf("yardstick, memcpy of the same bytes: one thread %.1f ms; two threads %.1f ms (%.2fx)\n",
-              copy_one, copy_two, copy_one / copy_two);
+  std::printf("two threads: processor time %.1f ms over %.1f ms elapsed in the last run\n", cpu,
+              dual_ms);
+  std::printf("yardstick, memcpy of the same bytes: one thread %.1f ms; two threads %.1f ms "
+              "(%.2fx)\n", copy_one, copy_two, copy_one / copy_two);
   return 0;
 }

@@ -115,7 +115,8 @@ int main(int argc, char **argv) {
   int count = 6;
   for (int i = 1; i < argc; ++i) {
     if (!strcmp(argv[i], "--fix") && i + 1 < argc) fixed = atoi(argv[++i]);
-    else if (!strcmp(argv[i], "--mass") && i + 2 < argc) loaded = atoi(argv[++i]), mass = atof(argv[++i]);
+    else if (!strcmp(argv[i], "--mass") && i + 2 < argc)
+      loaded = atoi(argv[++i]), mass = atof(argv[++i]);
     else if (!strcmp(argv[i], "--count") && i + 1 < argc) count = atoi(argv[++i]);
     else path = argv[i];
   }
@@ -143,7 +144,10 @@ int main(int argc, char **argv) {
     double *records = malloc(sizeof *records * 5 * n);
     if (krx_read_eigenvalues(file, NULL, records) != KRX_OK)
       return fail(file, "cannot read the eigenvalues");
-    for (int j = 0; j < n; ++j) mm[j * n + j] = records[5 * j + 3], kk[j * n + j] = records[5 * j + 4];
+    for (int j = 0; j < n; ++j) {
+      mm[j * n + j] = records[5 * j + 3];
+      kk[j * n + j] = records[5 * j + 4];
+    }
     free(records);
   }
 

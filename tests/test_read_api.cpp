@@ -103,7 +103,8 @@ TEST(ReadApi, RefusesBrokenFilesWithACodeAndTheReason) {
   for (const auto &c : cases) {
     SCOPED_TRACE(c.message);
     std::string path = dir.file(*c.name ? c.name : "missing.krx");
-    if (*c.name) std::ofstream(path, std::ios::binary).write(c.bytes.data(), std::streamsize(c.bytes.size()));
+    if (*c.name)
+      std::ofstream(path, std::ios::binary).write(c.bytes.data(), std::streamsize(c.bytes.size()));
     Handle h(path);
     EXPECT_EQ(h.code, c.code);
     EXPECT_NE(std::string(krx_error_message(h.file)).find(c.message), std::string::npos)

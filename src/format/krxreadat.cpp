@@ -76,7 +76,8 @@ int read_version(PositionedFile &f) {
   if (low == 10 || low == 20 || low == 30 || low == 40 || low == 50 || (low >= 60 && !odd)) {
     f.code = code;
   } else {
-    code = int32_t(uint32_t(raw[0]) << 24 | uint32_t(raw[1]) << 16 | uint32_t(raw[2]) << 8 | raw[3]);
+    uint32_t big = uint32_t(raw[0]) << 24 | uint32_t(raw[1]) << 16 | uint32_t(raw[2]) << 8 | raw[3];
+    code = int32_t(big);
     low = version_generation(code);
     if (!(low == 31 || low == 41 || low == 51 || (low >= 60 && version_is_xdr(code)))) return 0;
     f.code = code;
@@ -227,8 +228,8 @@ int check_families(PositionedFile &f, std::string &problem) {
     for (int number : family.blocks) {
       if (!f.has(number)) continue;
       if (!first) first = number;
-      if (f.counts[number].n[std::size_t(family.slot)] == f.counts[first].n[std::size_t(family.slot)])
-        continue;
+      std::size_t slot = std::size_t(family.slot);
+      if (f.counts[number].n[slot] == f.counts[first].n[slot]) continue;
       problem = at_block(f, number) + ": its " + family.what + " differs from block " +
                 std::to_string(first) + "'s";
       return 0;

@@ -330,7 +330,8 @@ int krx_read_eigenvalues(const krx_file *file, int32_t *numbers, double *records
 
 int krx_read_generalized_matrix(const krx_file *file, int block, double *matrix) {
   return entry(file, [&](const PositionedFile &f) {
-    if (block != 12 && block != 13 && block != 15) return argument(file, "not a generalized matrix");
+    if (block != 12 && block != 13 && block != 15)
+      return argument(file, "not a generalized matrix");
     if (!matrix) return argument(file, "no matrix to fill");
     MatrixBlock read;
     int code = decode(file, block, [&](BlockIo &b) { return read_matrix_block(b, read); });
