@@ -7,6 +7,7 @@
 
 #include "ccx2krx.h"
 #include "krx/krx.h"
+#include "solver.h"
 
 namespace ccx {
 
@@ -134,11 +135,28 @@ bool read_static_shape(ExportJob &job, int j, std::vector<double> &rows,
   return true;
 }
 
+// Stresses of every node of an element, recovered from the shape.
+void recovered_stresses(const ExportJob &job, const std::vector<double> &by_node,
+                        std::vector<int> &nodes, std::vector<double> &values) {
+  std::vector<double> all;
+  recover_stresses(*job.stress_model, *job.deck, by_node, all);
+  nodes.clear();
+  values.clear();
+  for (size_t i = 0; i < job.stress_model->sharing.size(); ++i)
+    if (job.stress_model->sharing[i] > 0) {
+      nodes.push_back(job.deck->node_ids[i]);
+      values.insert(values.end(), &all[6 * i], &all[6 * i] + 6);
+    }
+}
+
 // CalculiX lists SXX SYY SZZ SXY SYZ SZX; the library takes sigma x, y, z, tau xy, xz, yz.
-bool set_stresses(ExportJob &job, int mode) {
+bool set_stresses(ExportJob &job, int mode, const std::vector<double> &by_node) {
   std::vector<int> nodes;
   std::vector<double> values;
-  if (!read_frd_stresses(*job.frd, mode, nodes, values)) return false;
+  if (job.stress_model)
+    recovered_stresses(job, by_node, nodes, values);
+  else if (!read_frd_stresses(*job.frd, mode, nodes, values))
+    return false;
   for (size_t k = 0; k < nodes.size(); ++k) {
     if (node_index(*job.deck, nodes[k]) < 0) continue;
     const double *s = &values[6 * k];
@@ -179,7 +197,7 @@ bool set_modes(ExportJob &job) {
       rows_to_nodes(job, phi, by_node);
     }
     if (!set_shape(job, j, by_node)) return false;
-    if (job.stress && !set_stresses(job, j)) return false;
+    if (job.stress && !set_stresses(job, j, by_node)) return false;
     m_phi.resize(phi.size());
     k_phi.resize(phi.size());
     multiply(*job.matrices, job.matrices->mass, phi.data(), m_phi.data());

@@ -98,6 +98,24 @@ struct OwnJob {
 };
 bool solve_own(const OwnJob &job, EigenFile &eig);
 
+// Nodal stresses recovered from displacements as CalculiX recovers them, for the deck's one
+// isotropic linear elastic material: prepare once (the elements, their integration rules and
+// extrapolations), then recover mode by mode. stresses gets six values per entry of
+// deck.node_ids in CalculiX's order xx yy zz xy yz zx; nodes of no element get zeros.
+struct StressKind;
+struct StressModel {
+  double lambda = 0.0, mu = 0.0;  // Lame's constants
+  std::vector<int> kind;          // per element, into kinds
+  std::vector<int64_t> first;     // per element, its first entry of nodes
+  std::vector<int> nodes;         // node indices into deck.node_ids
+  std::vector<std::shared_ptr<StressKind>> kinds;
+  std::vector<int> kind_rule;
+  std::vector<int> sharing;       // per node, the elements that share it
+};
+bool prepare_stresses(const Deck &deck, StressModel &model);
+void recover_stresses(const StressModel &model, const Deck &deck,
+                      const std::vector<double> &by_node, std::vector<double> &stresses);
+
 }  // namespace ccx
 
 #endif
