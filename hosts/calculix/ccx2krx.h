@@ -212,6 +212,13 @@ struct ExportJob {
 };
 bool export_model(ExportJob &job);
 
+// Progress on standard error (progress.cpp): a stage, a count within it (on a terminal only),
+// and the end of the terminal's line, which every message ends first.
+void start_progress(bool quiet);
+void show_stage(const char *stage);
+void show_count(const char *what, int count, int total);
+void end_progress_line();
+
 // Messages: "ccx2krx: " and the text on standard error; failed() returns false for the caller.
 void note(const char *format, ...) __attribute__((format(printf, 1, 2)));
 bool failed(const char *format, ...) __attribute__((format(printf, 1, 2)));

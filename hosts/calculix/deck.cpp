@@ -15,6 +15,7 @@ namespace ccx {
 namespace {
 
 void report(const char *format, std::va_list args) {
+  end_progress_line();
   std::fputs("ccx2krx: ", stderr);
   std::vfprintf(stderr, format, args);
   std::fputc('\n', stderr);

@@ -189,7 +189,9 @@ bool set_modes(ExportJob &job) {
   const char *mode = job.own_solver ? "rb" : "w+b";
   if (statics > 0 && !(job.scratch_file = std::fopen(job.scratch.c_str(), mode)))
     return failed("cannot open %s", job.scratch.c_str());
+  show_stage("handing the modes to the library");
   for (int j = 1; j <= modes; ++j) {
+    show_count("mode", j, modes);
     if (j <= statics && !job.own_solver) {
       if (!read_static_shape(job, j, phi, by_node)) return false;
     } else {
@@ -233,6 +235,7 @@ bool set_interface_nodes(const Deck &deck) {
 }
 
 int report_error(int level, const char *text) {
+  end_progress_line();
   std::string line;
   for (const char *p = text;; ++p) {
     if (*p == '\n' || *p == 0) {
@@ -268,6 +271,7 @@ bool export_model(ExportJob &job) {
   if (job.scratch_file) std::fclose(job.scratch_file);
   job.scratch_file = nullptr;
   if (ok) {
+    show_stage("writing the file");
     KRX_WRITE_KRX(job.output.c_str(), &status, static_cast<int>(job.output.size()));
     ok = entry(status, "to write the file");
   }

@@ -39,6 +39,7 @@ struct Options {
   const UnitSystem *units = &kUnitSystems[1];
   std::string keep;
   bool timing = false;
+  bool quiet = false;
   std::vector<std::string> interfaces;
   enum Solver { kAny, kOwn, kCalculix } solver = kAny;
 };
@@ -47,7 +48,8 @@ void usage(std::FILE *out) {
   std::fprintf(
       out,
       "usage: ccx2krx MODEL.inp -o OUT.krx [--modes N] [--stress] [--units SYSTEM]\n"
-      "               [--keep DIR] [--timing] [--interface NSET ...] [--solver own|calculix]\n"
+      "               [--keep DIR] [--timing] [--quiet] [--interface NSET ...]\n"
+      "               [--solver own|calculix]\n"
       "\n"
       "Runs CalculiX (the CCX environment variable, else ccx on PATH) on the model part of\n"
       "MODEL.inp (everything before its first *STEP) and writes its normal modes as a KRX file.\n"
@@ -73,6 +75,9 @@ void usage(std::FILE *out) {
       "                   cm-g-s (default mm-t-s: N, mm, tonne, s)\n"
       "  --keep DIR       keep CalculiX's work directory in DIR (created if missing)\n"
       "  --timing         print CalculiX's time, the tool's own time and its peak memory\n"
+      "                   (with the own solver, the time of each of its stages)\n"
+      "  --quiet          no progress (on a terminal one updating line, else a line per\n"
+      "                   stage, on standard error)\n"
       "  --interface NSET make the deck's node set NSET an interface point (repeatable): a\n"
       "                   reference node and a rotation node at the plain mean of the set's\n"
       "                   coordinates, tied to the set by *RIGID BODY, REF NODE, ROT NODE.\n"
@@ -98,6 +103,8 @@ int parse_options(int argc, char **argv, Options &o) {
       o.stress = true;
     } else if (a == "--timing") {
       o.timing = true;
+    } else if (a == "--quiet") {
+      o.quiet = true;
     } else if (a == "-o" && has_value) {
       o.output = argv[++i];
     } else if (a == "--interface" && has_value) {
@@ -237,7 +244,9 @@ bool run_and_read(const Options &o, const ccx::Deck &deck, const std::string &di
                   Results &r, double &calculix_seconds) {
   std::vector<std::string> jobs = {"matrices"};
   if (!own) jobs.insert(jobs.begin(), "modes");
+  ccx::show_stage(own ? "CalculiX assembles the matrices" : "CalculiX solves the model");
   if (!ccx::run_calculix(dir, jobs, calculix_seconds)) return false;
+  ccx::show_stage("reading the matrices");
   if (!ccx::read_dof_map(dir + "/matrices.dof", deck, r.map)) return false;
   note_held_rows(r.map, deck);
   int rows = static_cast<int>(r.map.row_node.size());
@@ -333,21 +342,27 @@ int main(int argc, char **argv) {
   if (parsed == 2) return 2;
   double calculix_seconds = 0.0;
   bool ok = false;
+  ccx::start_progress(o.quiet);
   try {
     ok = convert(o, calculix_seconds);
   } catch (const std::bad_alloc &) {
     ok = ccx::failed("out of memory");
   }
+  ccx::end_progress_line();
   if (!ok) {
     std::error_code ec;
     fs::remove(o.output, ec);
   }
   if (o.timing) {
     double total = std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
-    struct rusage usage {};
+    struct rusage usage {}, children {};
     getrusage(RUSAGE_SELF, &usage);
-    std::fprintf(stderr, "ccx2krx: CalculiX %.2f s, own %.2f s, peak memory %.1f MB\n",
-                 calculix_seconds, total - calculix_seconds, usage.ru_maxrss / 1024.0);
+    getrusage(RUSAGE_CHILDREN, &children);
+    std::fprintf(stderr,
+                 "ccx2krx: CalculiX %.2f s, own %.2f s, peak memory %.1f MB (CalculiX's largest "
+                 "job %.1f MB)\n",
+                 calculix_seconds, total - calculix_seconds, usage.ru_maxrss / 1024.0,
+                 children.ru_maxrss / 1024.0);
   }
   return ok ? 0 : 1;
 }

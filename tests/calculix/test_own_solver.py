@@ -130,3 +130,15 @@ def test_own_stresses_are_calculix_own(export, name):
         # Eigenvectors that differ by 1e-5 to 1e-4 of their largest entry differ by more in
         # their derivatives.
         assert worst_up_to_sign(nodal_stresses(f, k, ids), theirs) < 1e-3, f"{name} mode {k + 1}"
+
+
+def test_progress_has_a_line_per_stage_off_a_terminal_and_none_when_quiet(ccx2krx, deck, tmp_path):
+    out = str(tmp_path / "out.krx")
+    stages = [line for line in run_tool(ccx2krx, [deck("bar_c3d8"), "-o", out]).stderr.splitlines()
+              if " s: " in line]
+    assert [line.split(" s: ")[1] for line in stages] == [
+        "CalculiX assembles the matrices", "reading the matrices", "factoring K - sigma M",
+        "Lanczos", "checking the modes (residuals, LDL' count)",
+        "handing the modes to the library", "writing the file"]
+    quiet = run_tool(ccx2krx, [deck("bar_c3d8"), "-o", out, "--quiet"])
+    assert quiet.returncode == 0 and " s: " not in quiet.stderr
