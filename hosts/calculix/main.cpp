@@ -189,6 +189,7 @@ struct Results {
   ccx::EigenFile eig;
   ccx::FrdReader frd;
   ccx::DatReader dat;
+  std::vector<double> unit_mass;  // with interfaces: the elements' mass diagonal at unit density
 };
 
 // Why the own solver cannot give the file CalculiX's solution gives; empty when it can.
@@ -254,6 +255,8 @@ bool run_and_read(const Options &o, const ccx::Deck &deck, const std::string &di
     return false;
   int nodes = static_cast<int>(deck.node_ids.size());
   if (!ccx::lump_masses(r.matrices, r.map, nodes, r.nodal_mass, r.total_mass)) return false;
+  if (!r.unit_mass.empty())
+    ccx::share_tied_masses(deck, r.map, r.matrices, r.unit_mass, r.nodal_mass);
   if (own) {
     ccx::OwnJob job;
     job.deck = &deck;
@@ -295,7 +298,8 @@ bool convert(const Options &o, double &calculix_seconds) {
   // CCX2KRX_RECOVER_STRESSES recovers the stresses of CalculiX's own modes as the own path does,
   // which lets the tests hold the recovery against CalculiX's stresses of the same eigenvectors.
   bool recover = o.stress && (own || std::getenv("CCX2KRX_RECOVER_STRESSES"));
-  ok = ok && (!recover || ccx::prepare_stresses(deck, stresses));
+  ok = ok && ((!recover && deck.interfaces.empty()) || ccx::prepare_stresses(deck, stresses));
+  if (ok && !deck.interfaces.empty()) ccx::mass_diagonal(stresses, deck, r.unit_mass);
   // The deck's text and elements have served: the model part is written, the skin is known and
   // the stress recovery holds what it needs of the elements.
   std::string().swap(deck.text);

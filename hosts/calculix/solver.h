@@ -78,6 +78,12 @@ bool check_residuals(const Matrices &m, const Modes &modes, double tolerance);
 bool check_missed_modes(const Matrices &m, const std::vector<int64_t> &ordering,
                         const Modes &modes, double &seconds);
 
+// Gives the nodes tied to interface points the lumped masses of the untied model (scaled as the
+// others), taken from their reference node's, when CalculiX's mass diagonal is the density times
+// unit_diagonal (mass_diagonal of stress_recovery.cpp) at every node with rows; else leaves them.
+void share_tied_masses(const Deck &deck, const DofMap &map, const Matrices &m,
+                       const std::vector<double> &unit_diagonal, std::vector<double> &nodal);
+
 // Static shapes of the held rows: for each held row h, the vector with 1 at h, 0 at the other
 // held rows and -K_ii^-1 K_ih at the free rows i, f being K_ii factored (sigma = 0). shapes gets
 // m.n values per held row.
@@ -113,6 +119,9 @@ struct StressModel {
   std::vector<int> sharing;       // per node, the elements that share it
 };
 bool prepare_stresses(const Deck &deck, StressModel &model);
+// Each node's diagonal entry of the consistent mass matrix at unit density (one direction),
+// integrated at the elements' points of the stress recovery.
+void mass_diagonal(const StressModel &model, const Deck &deck, std::vector<double> &diagonal);
 void recover_stresses(const StressModel &model, const Deck &deck,
                       const std::vector<double> &by_node, std::vector<double> &stresses);
 

@@ -215,11 +215,29 @@ std::vector<double> extrapolation(int shape, int nodes, const Rule &r) {
   return e;
 }
 
+// Gauss weights of the rule's points on the natural element (of volume 8, 1/6 and 1): one point,
+// two or three per axis, a three-point triangle.
+std::vector<double> gauss_weights(int shape, const Rule &r) {
+  size_t g = r.points.size();
+  auto along = [](double x) { return x == 0.0 ? 8.0 / 9.0 : 5.0 / 9.0; };
+  std::vector<double> w;
+  for (const Point &p : r.points) {
+    if (shape == 0)
+      w.push_back(1.0 / (6.0 * static_cast<double>(g)));
+    else if (shape == 1)
+      w.push_back(g == 2 ? 0.5 : along(p[2]) / 6.0);
+    else
+      w.push_back(g == 1 ? 8.0 : g == 8 ? 1.0 : along(p[0]) * along(p[1]) * along(p[2]));
+  }
+  return w;
+}
+
 }  // namespace
 
 struct StressKind {
   int shape = 0, nodes = 0;
   Rule rule;
+  std::vector<double> weights;
   std::vector<std::vector<Dual>> at_points;  // shape functions at each point
   std::vector<double> to_nodes;              // nodes x points
 };
@@ -249,6 +267,7 @@ bool prepare_stresses(const Deck &deck, StressModel &model) {
         shape_functions(e.shape, nodes, p, made->at_points.back().data());
       }
       made->to_nodes = extrapolation(e.shape, nodes, made->rule);
+      made->weights = gauss_weights(e.shape, made->rule);
       kind = static_cast<int>(model.kinds.size());
       model.kinds.push_back(made);
       model.kind_rule.push_back(e.rule);
@@ -315,6 +334,30 @@ void recover_stresses(const StressModel &model, const Deck &deck,
   for (size_t i = 0; i < model.sharing.size(); ++i)
     if (model.sharing[i] > 0)
       for (int c = 0; c < 6; ++c) stresses[6 * i + c] /= model.sharing[i];
+}
+
+
+void mass_diagonal(const StressModel &model, const Deck &deck, std::vector<double> &diagonal) {
+  diagonal.assign(deck.node_ids.size(), 0.0);
+  for (size_t e = 0; e < model.kind.size(); ++e) {
+    const StressKind &k = *model.kinds[static_cast<size_t>(model.kind[e])];
+    const int *nodes = &model.nodes[static_cast<size_t>(model.first[e])];
+    for (size_t p = 0; p < k.rule.points.size(); ++p) {
+      const std::vector<Dual> &n = k.at_points[p];
+      double jac[3][3] = {};
+      for (int a = 0; a < k.nodes; ++a) {
+        const double *x = &deck.xyz[3 * static_cast<size_t>(nodes[a])];
+        for (int i = 0; i < 3; ++i)
+          for (int j = 0; j < 3; ++j) jac[i][j] += x[i] * n[a].d[j];
+      }
+      double det = jac[0][0] * (jac[1][1] * jac[2][2] - jac[1][2] * jac[2][1]) -
+                   jac[0][1] * (jac[1][0] * jac[2][2] - jac[1][2] * jac[2][0]) +
+                   jac[0][2] * (jac[1][0] * jac[2][1] - jac[1][1] * jac[2][0]);
+      double volume = std::fabs(det) * k.weights[p];
+      for (int a = 0; a < k.nodes; ++a)
+        diagonal[static_cast<size_t>(nodes[a])] += n[a].v * n[a].v * volume;
+    }
+  }
 }
 
 }  // namespace ccx
