@@ -1,9 +1,9 @@
 // The single-machine back-end's eigen iteration: shift-invert Lanczos (Spectra on Eigen) on the
 // CHOLMOD factor, with a free body's rigid-body motions deflated.
-#include <Eigen/Cholesky>
-#include <Eigen/Eigenvalues>
 #include <Spectra/SymGEigsShiftSolver.h>
 
+#include <Eigen/Cholesky>
+#include <Eigen/Eigenvalues>
 #include <algorithm>
 #include <cmath>
 
@@ -143,8 +143,8 @@ bool lowest_modes(const Matrices &m, Factor &f, double sigma, int wanted,
   try {
     std::vector<double> start = start_vector(op);
     solver.init(start.data());
-    converged = static_cast<int>(solver.compute(Spectra::SortRule::LargestMagn, 1000,
-                                                kLanczosTolerance, Spectra::SortRule::SmallestAlge));
+    converged = static_cast<int>(solver.compute(
+        Spectra::SortRule::LargestMagn, 1000, kLanczosTolerance, Spectra::SortRule::SmallestAlge));
   } catch (const std::bad_alloc &) {
     throw;
   } catch (const std::exception &e) {

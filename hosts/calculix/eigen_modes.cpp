@@ -78,8 +78,8 @@ bool check_residuals(const Matrices &m, const Modes &modes, double tolerance) {
 
 // The shift goes into the widest relative gap after the last wanted eigenvalue; the count below it
 // must be the number of modes computed below it.
-bool check_missed_modes(const Matrices &m, const std::vector<int64_t> &ordering,
-                        const Modes &modes, double &seconds) {
+bool check_missed_modes(const Matrices &m, const std::vector<int64_t> &ordering, const Modes &modes,
+                        double &seconds) {
   const std::vector<double> &v = modes.values;
   size_t split = static_cast<size_t>(modes.wanted);
   double widest = -1.0;

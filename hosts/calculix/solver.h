@@ -79,8 +79,8 @@ double lower_shift(const Matrices &m);
 bool check_residuals(const Matrices &m, const Modes &modes, double tolerance);
 // Fails when K - shift M, for a shift between the last wanted eigenvalue and the next one
 // computed, has more eigenvalues below it than the modes list: Lanczos missed one.
-bool check_missed_modes(const Matrices &m, const std::vector<int64_t> &ordering,
-                        const Modes &modes, double &seconds);
+bool check_missed_modes(const Matrices &m, const std::vector<int64_t> &ordering, const Modes &modes,
+                        double &seconds);
 
 // Gives the nodes tied to interface points the lumped masses of the untied model (scaled as the
 // others), taken from their reference node's, when CalculiX's mass diagonal is the density times
@@ -120,7 +120,7 @@ struct StressModel {
   std::vector<int> nodes;         // node indices into deck.node_ids
   std::vector<std::shared_ptr<StressKind>> kinds;
   std::vector<int> kind_rule;
-  std::vector<int> sharing;       // per node, the elements that share it
+  std::vector<int> sharing;  // per node, the elements that share it
 };
 bool prepare_stresses(const Deck &deck, StressModel &model);
 // Each node's diagonal entry of the consistent mass matrix at unit density (one direction),
