@@ -1,12 +1,16 @@
 # ccx2krx against CalculiX itself: gmsh meshes of a bracket, a hexahedral bar and a wedge prism,
 # exported and checked against CalculiX's output files and the geometries' exact mass properties.
-# ccx and gmsh are required: without them the test fails. read_api_dump reads a file through the
-# C read API for the comparison with the Python reader.
+# ccx and gmsh are required: without them the test fails. One test per file, so that they run
+# side by side. read_api_dump reads a file through the C read API for the comparison with the
+# Python reader.
 add_executable(read_api_dump ${CMAKE_CURRENT_SOURCE_DIR}/hosts/read_api_dump.c)
 target_link_libraries(read_api_dump PRIVATE krxlib)
-add_test(NAME calculix.pytest
-         COMMAND /usr/bin/python3 -m pytest -q -p no:cacheprovider
-                 --basetemp=${CMAKE_CURRENT_BINARY_DIR}/calculix
-                 ${CMAKE_CURRENT_SOURCE_DIR}/calculix)
-set_tests_properties(calculix.pytest PROPERTIES TIMEOUT 600 ENVIRONMENT
-  "PYTHONDONTWRITEBYTECODE=1;CCX2KRX=$<TARGET_FILE:ccx2krx>;KRXDUMP=$<TARGET_FILE:krxdump>;MOUNTED_BODY=$<TARGET_FILE:mounted_body>;READ_API_DUMP=$<TARGET_FILE:read_api_dump>;TMP=${CMAKE_CURRENT_BINARY_DIR}")
+file(GLOB KRX_CALCULIX_TESTS CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/calculix/test_*.py)
+foreach(file ${KRX_CALCULIX_TESTS})
+  get_filename_component(name ${file} NAME_WE)
+  add_test(NAME calculix.${name}
+           COMMAND /usr/bin/python3 -m pytest -q -p no:cacheprovider
+                   --basetemp=${CMAKE_CURRENT_BINARY_DIR}/calculix/${name} ${file})
+  set_tests_properties(calculix.${name} PROPERTIES TIMEOUT 600 ENVIRONMENT
+    "PYTHONDONTWRITEBYTECODE=1;CCX2KRX=$<TARGET_FILE:ccx2krx>;KRXDUMP=$<TARGET_FILE:krxdump>;MOUNTED_BODY=$<TARGET_FILE:mounted_body>;READ_API_DUMP=$<TARGET_FILE:read_api_dump>;TMP=${CMAKE_CURRENT_BINARY_DIR}")
+endforeach()

@@ -17,6 +17,7 @@ namespace ccx {
 struct Element {
   int id = 0;
   int shape = 0;  // index into the shape table of skin.cpp (tetrahedron, wedge, hexahedron)
+  int rule = 0;   // its integration: 1 for the reduced C3D8R and C3D20R, else 0
   std::vector<int> nodes;
 };
 
@@ -32,6 +33,7 @@ struct Interface {
   std::string set;
   int ref = 0;  // node ids, above every id of the deck
   int rot = 0;
+  std::vector<int> tied;  // the set's nodes of the solid elements, by index into node_ids
 };
 
 // The model part of a deck: everything before the first *STEP, with *INCLUDEs read in.
@@ -48,6 +50,14 @@ struct Deck {
   int max_node_id = 0;            // over every node the deck defines
   int solid_nodes = 0;            // entries of node_ids that solid elements use
   int tied_nodes = 0;             // nodes of the solid elements in interface sets
+  std::string dependent_keyword;  // the first *EQUATION, *TIE, *MPC, ... of the model part
+  // The material for stresses: Young's modulus and Poisson's ratio of the one isotropic linear
+  // elastic material, or why the deck has none such (several materials, another *ELASTIC type,
+  // a temperature table, *ORIENTATION, plasticity).
+  double young = 0.0;
+  double poisson = 0.0;
+  std::string material_refusal;
+  std::vector<std::string> section_materials;  // MATERIAL= of each *SOLID SECTION
   std::vector<Interface> interfaces;
 };
 
@@ -75,6 +85,9 @@ std::string matrices_deck();
 // nodes of the solid elements and sets that share a node; appends the reference nodes to
 // node_ids and the nodes, rigid bodies and the set of all nodes to the model text.
 bool add_interfaces(Deck &deck, const std::vector<std::string> &names);
+// The nodes tied to each interface point follow its reference node (translations u, rotations
+// theta): u + theta x r, r from the reference node to the tied node.
+void expand_rigid_ties(const Deck &deck, std::vector<double> &by_node);
 // The component-mode job: one *STATIC step per interface degree of freedom (that one at 1, the
 // others held at 0; every node's displacement printed to the .dat), then `modes` normal modes
 // with every interface degree of freedom held (*FREQUENCY, STORAGE=YES).
@@ -192,8 +205,19 @@ struct ExportJob {
   DatReader *dat = nullptr;
   std::string scratch;
   std::FILE *scratch_file = nullptr;  // open while the modes are handed over
+  // The own solver wrote the static shapes' rows to scratch already, and computed the modes.
+  bool own_solver = false;
+  // With the own solver the stresses are recovered from each shape (a StressModel of solver.h).
+  const struct StressModel *stress_model = nullptr;
 };
 bool export_model(ExportJob &job);
+
+// Progress on standard error (progress.cpp): a stage, a count within it (on a terminal only),
+// and the end of the terminal's line, which every message ends first.
+void start_progress(bool quiet);
+void show_stage(const char *stage);
+void show_count(const char *what, int count, int total);
+void end_progress_line();
 
 // Messages: "ccx2krx: " and the text on standard error; failed() returns false for the caller.
 void note(const char *format, ...) __attribute__((format(printf, 1, 2)));

@@ -7,6 +7,7 @@
 
 #include "ccx2krx.h"
 #include "krx/krx.h"
+#include "solver.h"
 
 namespace ccx {
 
@@ -26,10 +27,11 @@ bool set_header(const ExportJob &job) {
   const std::string &title = job.deck->heading.empty() ? job.deck_name : job.deck->heading;
   const char *type = "CalculiX";
   int statics = static_modes(job);
-  std::string c1 = "ccx2krx: " + std::to_string(job.eig->modes) + " modes of CalculiX";
+  const char *by = job.own_solver ? "from CalculiX's matrices" : "of CalculiX";
+  std::string c1 = "ccx2krx: " + std::to_string(job.eig->modes) + " modes " + by;
   if (statics > 0)
     c1 = "ccx2krx: " + std::to_string(statics) + " static and " + std::to_string(job.eig->modes) +
-         " fixed-interface modes of CalculiX";
+         " fixed-interface modes " + by;
   std::string c2 = "units " + job.units_name;
   const char *c3 = "";
   int status = 1;
@@ -79,8 +81,8 @@ bool set_shape(const ExportJob &job, int mode, const std::vector<double> &by_nod
   return true;
 }
 
-// Each row's value at its node and direction; nodes the rows do not reach (the nodes of an
-// interface set, held with the interface) stay zero, and so do the rotations of solid nodes.
+// Each row's value at its node and direction; the nodes of an interface set, which have no rows,
+// follow their interface point; the rotations of solid nodes stay zero.
 void rows_to_nodes(const ExportJob &job, const std::vector<double> &rows,
                    std::vector<double> &by_node) {
   by_node.assign(6 * job.deck->node_ids.size(), 0.0);
@@ -89,6 +91,7 @@ void rows_to_nodes(const ExportJob &job, const std::vector<double> &rows,
     if (node >= 0 && dir >= 0)
       by_node[6 * static_cast<size_t>(node) + static_cast<size_t>(dir)] = rows[r];
   }
+  expand_rigid_ties(*job.deck, by_node);
 }
 
 bool is_interface_row(const ExportJob &job, size_t r) {
@@ -132,11 +135,28 @@ bool read_static_shape(ExportJob &job, int j, std::vector<double> &rows,
   return true;
 }
 
+// Stresses of every node of an element, recovered from the shape.
+void recovered_stresses(const ExportJob &job, const std::vector<double> &by_node,
+                        std::vector<int> &nodes, std::vector<double> &values) {
+  std::vector<double> all;
+  recover_stresses(*job.stress_model, *job.deck, by_node, all);
+  nodes.clear();
+  values.clear();
+  for (size_t i = 0; i < job.stress_model->sharing.size(); ++i)
+    if (job.stress_model->sharing[i] > 0) {
+      nodes.push_back(job.deck->node_ids[i]);
+      values.insert(values.end(), &all[6 * i], &all[6 * i] + 6);
+    }
+}
+
 // CalculiX lists SXX SYY SZZ SXY SYZ SZX; the library takes sigma x, y, z, tau xy, xz, yz.
-bool set_stresses(ExportJob &job, int mode) {
+bool set_stresses(ExportJob &job, int mode, const std::vector<double> &by_node) {
   std::vector<int> nodes;
   std::vector<double> values;
-  if (!read_frd_stresses(*job.frd, mode, nodes, values)) return false;
+  if (job.stress_model)
+    recovered_stresses(job, by_node, nodes, values);
+  else if (!read_frd_stresses(*job.frd, mode, nodes, values))
+    return false;
   for (size_t k = 0; k < nodes.size(); ++k) {
     if (node_index(*job.deck, nodes[k]) < 0) continue;
     const double *s = &values[6 * k];
@@ -166,17 +186,20 @@ bool set_modes(ExportJob &job) {
   EigenFile &eig = *job.eig;
   int statics = static_modes(job), modes = statics + eig.modes;
   std::vector<double> phi, other, m_phi, k_phi, by_node, held;
-  if (statics > 0 && !(job.scratch_file = std::fopen(job.scratch.c_str(), "w+b")))
-    return failed("cannot write %s", job.scratch.c_str());
+  const char *mode = job.own_solver ? "rb" : "w+b";
+  if (statics > 0 && !(job.scratch_file = std::fopen(job.scratch.c_str(), mode)))
+    return failed("cannot open %s", job.scratch.c_str());
+  show_stage("handing the modes to the library");
   for (int j = 1; j <= modes; ++j) {
-    if (j <= statics) {
+    show_count("mode", j, modes);
+    if (j <= statics && !job.own_solver) {
       if (!read_static_shape(job, j, phi, by_node)) return false;
     } else {
       if (!read_rows(job, j, phi, held)) return false;
       rows_to_nodes(job, phi, by_node);
     }
     if (!set_shape(job, j, by_node)) return false;
-    if (job.stress && !set_stresses(job, j)) return false;
+    if (job.stress && !set_stresses(job, j, by_node)) return false;
     m_phi.resize(phi.size());
     k_phi.resize(phi.size());
     multiply(*job.matrices, job.matrices->mass, phi.data(), m_phi.data());
@@ -212,6 +235,7 @@ bool set_interface_nodes(const Deck &deck) {
 }
 
 int report_error(int level, const char *text) {
+  end_progress_line();
   std::string line;
   for (const char *p = text;; ++p) {
     if (*p == '\n' || *p == 0) {
@@ -247,6 +271,7 @@ bool export_model(ExportJob &job) {
   if (job.scratch_file) std::fclose(job.scratch_file);
   job.scratch_file = nullptr;
   if (ok) {
+    show_stage("writing the file");
     KRX_WRITE_KRX(job.output.c_str(), &status, static_cast<int>(job.output.size()));
     ok = entry(status, "to write the file");
   }

@@ -1,6 +1,7 @@
 // ccx2krx MODEL.inp -o OUT.krx [--modes N] [--stress] [--units SYSTEM] [--keep DIR] [--timing]
-// [--interface NSET ...]: runs CalculiX on the model part of a deck and exports its modes (with
-// interface points: its component modes) as a KRX file.
+// [--interface NSET ...] [--solver own|calculix]: CalculiX assembles the model part of a deck,
+// the tool (or CalculiX) solves it, and its modes (with interface points: its component modes)
+// are exported as a KRX file.
 #include <sys/resource.h>
 #include <unistd.h>
 
@@ -10,6 +11,7 @@
 #include <filesystem>
 
 #include "ccx2krx.h"
+#include "solver.h"
 
 namespace fs = std::filesystem;
 
@@ -37,41 +39,55 @@ struct Options {
   const UnitSystem *units = &kUnitSystems[1];
   std::string keep;
   bool timing = false;
+  bool quiet = false;
   std::vector<std::string> interfaces;
+  enum Solver { kAny, kOwn, kCalculix } solver = kAny;
 };
 
 void usage(std::FILE *out) {
   std::fprintf(
       out,
       "usage: ccx2krx MODEL.inp -o OUT.krx [--modes N] [--stress] [--units SYSTEM]\n"
-      "               [--keep DIR] [--timing] [--interface NSET ...]\n"
+      "               [--keep DIR] [--timing] [--quiet] [--interface NSET ...]\n"
+      "               [--solver own|calculix]\n"
       "\n"
       "Runs CalculiX (the CCX environment variable, else ccx on PATH) on the model part of\n"
       "MODEL.inp (everything before its first *STEP) and writes its normal modes as a KRX file.\n"
       "Solid elements C3D4, C3D10, C3D6, C3D15, C3D8, C3D8R, C3D20, C3D20R; the deck needs a\n"
-      "*DENSITY. Two CalculiX jobs run at once: *FREQUENCY, STORAGE=YES for the modes (their\n"
-      "double-precision eigenvectors) and *FREQUENCY, SOLVER=MATRIXSTORAGE for the stiffness and\n"
-      "mass matrices. The file holds every node of the solid elements, nodal masses lumped by\n"
-      "diagonal scaling of the consistent mass (total mass exact, none negative), the mode\n"
-      "shapes, the full generalized mass and stiffness computed from the matrices (mode by\n"
-      "mode, two modes in memory at a time), and the outer faces of the mesh (corner nodes,\n"
-      "outward). QOR_KRXWRITE_OPTIONS goes to the library.\n"
+      "*DENSITY. CalculiX assembles the stiffness and mass matrices (*FREQUENCY,\n"
+      "SOLVER=MATRIXSTORAGE); the tool's own solver computes the modes from them: a sparse\n"
+      "Cholesky factor of K - sigma M, shift-invert Lanczos, each mode's residual checked and\n"
+      "an LDL' count of the eigenvalues below the last mode, which fails the run when a mode\n"
+      "was missed. Where the own solver cannot give the same file, CalculiX solves the model\n"
+      "and a note says why. The file holds every node of the solid elements, nodal masses\n"
+      "lumped by diagonal scaling of the consistent mass (total mass exact, none negative),\n"
+      "the mode shapes, the full generalized mass and stiffness computed from the matrices\n"
+      "(mode by mode, two modes in memory at a time), and the outer faces of the mesh (corner\n"
+      "nodes, outward). QOR_KRXWRITE_OPTIONS goes to the library.\n"
       "\n"
       "  -o OUT.krx       the file to write (its directory must exist)\n"
       "  --modes N        normal modes, rigid-body modes among them (default 20); with\n"
       "                   --interface, the normal modes with the interfaces held\n"
-      "  --stress         also the modal stresses CalculiX computes at the nodes\n"
+      "  --stress         also the modal stresses at the nodes, recovered from each shape as\n"
+      "                   CalculiX recovers them (one isotropic linear elastic material;\n"
+      "                   otherwise CalculiX solves the model and computes them)\n"
       "  --units SYSTEM   the deck's consistent units: m-kg-s, mm-t-s, mm-kg-ms, mm-g-ms,\n"
       "                   cm-g-s (default mm-t-s: N, mm, tonne, s)\n"
       "  --keep DIR       keep CalculiX's work directory in DIR (created if missing)\n"
       "  --timing         print CalculiX's time, the tool's own time and its peak memory\n"
+      "                   (with the own solver, the time of each of its stages)\n"
+      "  --quiet          no progress (on a terminal one updating line, else a line per\n"
+      "                   stage, on standard error)\n"
       "  --interface NSET make the deck's node set NSET an interface point (repeatable): a\n"
       "                   reference node and a rotation node at the plain mean of the set's\n"
       "                   coordinates, tied to the set by *RIGID BODY, REF NODE, ROT NODE.\n"
       "                   The file then holds the static shape of each interface degree of\n"
       "                   freedom (the others held) and N normal modes with all of them held,\n"
       "                   orthonormalised by the library; the reference nodes are its\n"
-      "                   interface nodes, with rotations from the rotation nodes\n");
+      "                   interface nodes, with rotations from the rotation nodes\n"
+      "  --solver own     the own solver, or fail where it cannot solve the model\n"
+      "  --solver calculix  CalculiX computes the modes (*FREQUENCY, STORAGE=YES), the\n"
+      "                   static shapes and the stresses\n");
 }
 
 // 0 when the options are complete, 2 for a usage error, 1 after --help.
@@ -87,10 +103,19 @@ int parse_options(int argc, char **argv, Options &o) {
       o.stress = true;
     } else if (a == "--timing") {
       o.timing = true;
+    } else if (a == "--quiet") {
+      o.quiet = true;
     } else if (a == "-o" && has_value) {
       o.output = argv[++i];
     } else if (a == "--interface" && has_value) {
       o.interfaces.push_back(argv[++i]);
+    } else if (a == "--solver" && has_value) {
+      std::string v = argv[++i];
+      if (v != "own" && v != "calculix") {
+        std::fprintf(stderr, "ccx2krx: --solver wants own or calculix, not %s\n", v.c_str());
+        return 2;
+      }
+      o.solver = v == "own" ? Options::kOwn : Options::kCalculix;
     } else if (a == "--keep" && has_value) {
       o.keep = argv[++i];
     } else if (a == "--modes" && has_value) {
@@ -164,13 +189,41 @@ struct Results {
   ccx::EigenFile eig;
   ccx::FrdReader frd;
   ccx::DatReader dat;
+  std::vector<double> unit_mass;  // with interfaces: the elements' mass diagonal at unit density
 };
 
-bool write_jobs(const Options &o, const ccx::Deck &deck, const std::string &dir) {
+// Why the own solver cannot give the file CalculiX's solution gives; empty when it can.
+std::string own_solver_refusal(const Options &o, const ccx::Deck &deck) {
+  if (!deck.dependent_keyword.empty())
+    return "the deck's *" + deck.dependent_keyword +
+           " makes degrees of freedom depend on others, which CalculiX's matrices leave out and "
+           "the own solver cannot rebuild";
+  if (o.stress && !deck.material_refusal.empty())
+    return "--stress: " + deck.material_refusal +
+           ", and the own solver recovers stresses of one isotropic linear elastic material only";
+  return "";
+}
+
+// Decides the path: own is false when CalculiX solves. A forced own path that cannot be taken
+// fails.
+bool choose_solver(const Options &o, const ccx::Deck &deck, bool &own) {
+  own = false;
+  if (o.solver == Options::kCalculix) return true;
+  std::string refusal = own_solver_refusal(o, deck);
+  if (refusal.empty()) {
+    own = true;
+    return true;
+  }
+  if (o.solver == Options::kOwn) return ccx::failed("--solver own: %s", refusal.c_str());
+  ccx::note("note: CalculiX solves the model: %s", refusal.c_str());
+  return true;
+}
+
+bool write_jobs(const Options &o, const ccx::Deck &deck, const std::string &dir, bool own) {
   std::string modes = o.interfaces.empty() ? ccx::modes_deck(o.modes, o.stress)
                                            : ccx::component_deck(deck, o.modes, o.stress);
   return ccx::write_file(dir + "/model.inp", deck.text) &&
-         ccx::write_file(dir + "/modes.inp", modes) &&
+         (own || ccx::write_file(dir + "/modes.inp", modes)) &&
          ccx::write_file(dir + "/matrices.inp", ccx::matrices_deck());
 }
 
@@ -188,9 +241,13 @@ void note_held_rows(const ccx::DofMap &map, const ccx::Deck &deck) {
         3 * nodes - free_rows);
 }
 
-bool run_and_read(const Options &o, const ccx::Deck &deck, const std::string &dir, Results &r,
-                  double &calculix_seconds) {
-  if (!ccx::run_calculix(dir, {"modes", "matrices"}, calculix_seconds)) return false;
+bool run_and_read(const Options &o, const ccx::Deck &deck, const std::string &dir, bool own,
+                  Results &r, double &calculix_seconds) {
+  std::vector<std::string> jobs = {"matrices"};
+  if (!own) jobs.insert(jobs.begin(), "modes");
+  ccx::show_stage(own ? "CalculiX assembles the matrices" : "CalculiX solves the model");
+  if (!ccx::run_calculix(dir, jobs, calculix_seconds)) return false;
+  ccx::show_stage("reading the matrices");
   if (!ccx::read_dof_map(dir + "/matrices.dof", deck, r.map)) return false;
   note_held_rows(r.map, deck);
   int rows = static_cast<int>(r.map.row_node.size());
@@ -198,6 +255,19 @@ bool run_and_read(const Options &o, const ccx::Deck &deck, const std::string &di
     return false;
   int nodes = static_cast<int>(deck.node_ids.size());
   if (!ccx::lump_masses(r.matrices, r.map, nodes, r.nodal_mass, r.total_mass)) return false;
+  if (!r.unit_mass.empty())
+    ccx::share_tied_masses(deck, r.map, r.matrices, r.unit_mass, r.nodal_mass);
+  if (own) {
+    ccx::OwnJob job;
+    job.deck = &deck;
+    job.map = &r.map;
+    job.matrices = &r.matrices;
+    job.modes = o.modes;
+    job.vectors_path = dir + "/own_modes.bin";
+    job.statics_path = dir + "/static_shapes.bin";
+    job.timing = o.timing;
+    return ccx::solve_own(job, r.eig);
+  }
   int64_t off_diagonal = static_cast<int64_t>(r.matrices.row.size()) - rows;
   if (!deck.interfaces.empty()) {
     // The normal modes hold the interface rows fixed, which leaves them out of the eigenvectors
@@ -218,14 +288,23 @@ bool convert(const Options &o, double &calculix_seconds) {
     ccx::note("note: the deck holds steps; only its model part before the first *STEP is used");
   std::vector<ccx::Face> faces;
   if (!ccx::collect_skin(deck, faces)) return false;
+  bool own = false;
+  if (!choose_solver(o, deck, own)) return false;
   std::string dir;
   if (!make_work_dir(o, dir)) return false;
   Results r;
-  bool ok = write_jobs(o, deck, dir);
-  // The deck's text and elements have served: the model part is written and the skin is known.
+  bool ok = write_jobs(o, deck, dir, own);
+  ccx::StressModel stresses;
+  // CCX2KRX_RECOVER_STRESSES recovers the stresses of CalculiX's own modes as the own path does,
+  // which lets the tests hold the recovery against CalculiX's stresses of the same eigenvectors.
+  bool recover = o.stress && (own || std::getenv("CCX2KRX_RECOVER_STRESSES"));
+  ok = ok && ((!recover && deck.interfaces.empty()) || ccx::prepare_stresses(deck, stresses));
+  if (ok && !deck.interfaces.empty()) ccx::mass_diagonal(stresses, deck, r.unit_mass);
+  // The deck's text and elements have served: the model part is written, the skin is known and
+  // the stress recovery holds what it needs of the elements.
   std::string().swap(deck.text);
   std::vector<ccx::Element>().swap(deck.elements);
-  ok = ok && run_and_read(o, deck, dir, r, calculix_seconds);
+  ok = ok && run_and_read(o, deck, dir, own, r, calculix_seconds);
   if (ok) {
     ccx::ExportJob job;
     job.deck = &deck;
@@ -243,6 +322,8 @@ bool convert(const Options &o, double &calculix_seconds) {
     job.frd = &r.frd;
     job.dat = &r.dat;
     job.scratch = dir + "/static_shapes.bin";
+    job.own_solver = own;
+    job.stress_model = recover ? &stresses : nullptr;
     ok = ccx::export_model(job);
   }
   ccx::close_eigen_file(r.eig);
@@ -265,21 +346,27 @@ int main(int argc, char **argv) {
   if (parsed == 2) return 2;
   double calculix_seconds = 0.0;
   bool ok = false;
+  ccx::start_progress(o.quiet);
   try {
     ok = convert(o, calculix_seconds);
   } catch (const std::bad_alloc &) {
     ok = ccx::failed("out of memory");
   }
+  ccx::end_progress_line();
   if (!ok) {
     std::error_code ec;
     fs::remove(o.output, ec);
   }
   if (o.timing) {
     double total = std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
-    struct rusage usage {};
+    struct rusage usage {}, children {};
     getrusage(RUSAGE_SELF, &usage);
-    std::fprintf(stderr, "ccx2krx: CalculiX %.2f s, own %.2f s, peak memory %.1f MB\n",
-                 calculix_seconds, total - calculix_seconds, usage.ru_maxrss / 1024.0);
+    getrusage(RUSAGE_CHILDREN, &children);
+    std::fprintf(stderr,
+                 "ccx2krx: CalculiX %.2f s, own %.2f s, peak memory %.1f MB (CalculiX's largest "
+                 "job %.1f MB)\n",
+                 calculix_seconds, total - calculix_seconds, usage.ru_maxrss / 1024.0,
+                 children.ru_maxrss / 1024.0);
   }
   return ok ? 0 : 1;
 }
