@@ -51,6 +51,12 @@ bool set_nodes(const ExportJob &job) {
     if (!entry(status, "a node")) return false;
     KRX_SET_NODAL_MASS(&id, &mass, &status);
     if (!entry(status, "a nodal mass")) return false;
+    if (!job.nodal_inertia) continue;
+    double J[6];
+    std::copy(&(*job.nodal_inertia)[6 * i], &(*job.nodal_inertia)[6 * i] + 6, J);
+    if (std::all_of(J, J + 6, [](double v) { return v == 0.0; })) continue;
+    KRX_SET_NODAL_INERTIA(&id, &J[0], &J[1], &J[2], &J[3], &J[4], &J[5], &status);
+    if (!entry(status, "a nodal inertia")) return false;
   }
   return true;
 }
@@ -83,6 +89,7 @@ bool set_shape(const ExportJob &job, int mode, const std::vector<double> &by_nod
 // interface set, held with the interface) stay zero, and so do the rotations of solid nodes.
 void rows_to_nodes(const ExportJob &job, const std::vector<double> &rows,
                    std::vector<double> &by_node) {
+  if (job.expansion) return project_rows(*job.expansion, *job.map, rows.data(), by_node);
   by_node.assign(6 * job.deck->node_ids.size(), 0.0);
   for (size_t r = 0; r < rows.size(); ++r) {
     int node = job.map->row_node[r], dir = job.map->row_dir[r];

@@ -160,6 +160,8 @@ struct Results {
   ccx::DofMap map;
   ccx::Matrices matrices;
   std::vector<double> nodal_mass;
+  std::vector<double> nodal_inertia;  // with shells and beams
+  ccx::Expansion expansion;
   double total_mass = 0.0;
   ccx::EigenFile eig;
   ccx::FrdReader frd;
@@ -197,7 +199,14 @@ bool run_and_read(const Options &o, const ccx::Deck &deck, const std::string &di
   if (!ccx::read_matrices(dir + "/matrices.mas", dir + "/matrices.sti", rows, r.matrices))
     return false;
   int nodes = static_cast<int>(deck.node_ids.size());
-  if (!ccx::lump_masses(r.matrices, r.map, nodes, r.nodal_mass, r.total_mass)) return false;
+  if (deck.structures.empty()) {
+    if (!ccx::lump_masses(r.matrices, r.map, nodes, r.nodal_mass, r.total_mass)) return false;
+  } else if (!ccx::read_knots(dir + "/matrices.12d", deck, r.expansion) ||
+             !ccx::map_expanded_rows(deck, r.expansion, r.map) ||
+             !ccx::lump_expanded_masses(r.matrices, r.map, r.expansion, r.nodal_mass,
+                                        r.nodal_inertia, r.total_mass)) {
+    return false;
+  }
   int64_t off_diagonal = static_cast<int64_t>(r.matrices.row.size()) - rows;
   if (!deck.interfaces.empty()) {
     // The normal modes hold the interface rows fixed, which leaves them out of the eigenvectors
@@ -210,17 +219,31 @@ bool run_and_read(const Options &o, const ccx::Deck &deck, const std::string &di
   return !o.stress || ccx::open_frd(dir + "/modes.frd", r.frd);
 }
 
+// Shells and beams: what the tool cannot yet project is refused before CalculiX runs.
+bool check_structures(const Options &o, const ccx::Deck &deck, ccx::Expansion &expansion) {
+  const char *kind = deck.structures.front().beam ? "beam" : "shell";
+  if (!o.interfaces.empty())
+    return ccx::failed("--interface cannot be used with %s elements (%s element %d)", kind,
+                       deck.structures.front().type.c_str(), deck.structures.front().id);
+  if (o.stress)
+    return ccx::failed("--stress cannot be used with %s elements (%s element %d)", kind,
+                       deck.structures.front().type.c_str(), deck.structures.front().id);
+  return ccx::build_expansion(deck, expansion);
+}
+
 bool convert(const Options &o, double &calculix_seconds) {
   if (!check_output(o.output)) return false;
   ccx::Deck deck;
   if (!ccx::read_deck(o.deck, deck) || !ccx::add_interfaces(deck, o.interfaces)) return false;
   if (deck.has_steps)
     ccx::note("note: the deck holds steps; only its model part before the first *STEP is used");
+  Results r;
+  if (!deck.structures.empty() && !check_structures(o, deck, r.expansion)) return false;
   std::vector<ccx::Face> faces;
-  if (!ccx::collect_skin(deck, faces)) return false;
+  if (!deck.elements.empty() && !ccx::collect_skin(deck, faces)) return false;
+  ccx::collect_shell_faces(deck, faces);
   std::string dir;
   if (!make_work_dir(o, dir)) return false;
-  Results r;
   bool ok = write_jobs(o, deck, dir);
   // The deck's text and elements have served: the model part is written and the skin is known.
   std::string().swap(deck.text);
@@ -238,6 +261,10 @@ bool convert(const Options &o, double &calculix_seconds) {
     job.map = &r.map;
     job.matrices = &r.matrices;
     job.nodal_mass = &r.nodal_mass;
+    if (!deck.structures.empty()) {
+      job.nodal_inertia = &r.nodal_inertia;
+      job.expansion = &r.expansion;
+    }
     job.faces = &faces;
     job.eig = &r.eig;
     job.frd = &r.frd;

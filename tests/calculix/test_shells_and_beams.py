@@ -1,0 +1,323 @@
+"""Shell, beam and mixed models exported by ccx2krx against CalculiX's own output: its
+eigenvalues, its *NODE PRINT of the original nodes, the rotations that its expanded nodes give
+(knots included), the rigid-body modes, and the closed-form mass and inertia."""
+
+import gzip
+import os
+import shutil
+import subprocess
+from concurrent.futures import ThreadPoolExecutor
+
+import numpy as np
+import pytest
+
+import calculix_output as ccx
+import structures as st
+from conftest import Export, run_tool
+from test_against_calculix import assert_same_up_to_sign, by_node, elastic_separated
+
+MODES = 12
+EXAMPLES = "/usr/share/doc/calculix-ccx-test/examples/test"
+
+# name: deck text (or CalculiX example), free body, exact (mass, centre, inertia about it), area
+# of the shell faces.
+L_FRAME = [(0, 0, 0), (60, 0, 0), (60, 40, 0)]
+
+
+def _frame_exact(points, a, b):
+    pieces = []
+    for p, q in zip(points[:-1], points[1:]):
+        p, q = np.asarray(p, float), np.asarray(q, float)
+        length = np.linalg.norm(q - p)
+        size = np.where(q - p != 0, length, 0.0) + np.where(q - p == 0, 1.0, 0.0)
+        # The section: a along z (the direction), b across the beam in the plane.
+        size = [length if q[0] != p[0] else b, length if q[1] != p[1] else b, a]
+        mass = st.DENSITY * length * a * b
+        pieces.append((mass, (p + q) / 2, st.box_inertia(mass, size)))
+    return _combine(pieces)
+
+
+def _combine(pieces):
+    mass = sum(m for m, _, _ in pieces)
+    centre = sum(m * c for m, c, _ in pieces) / mass
+    inertia = sum(j + m * (np.dot(c - centre, c - centre) * np.eye(3) - np.outer(c - centre,
+                                                                             c - centre))
+                  for m, c, j in pieces)
+    return mass, centre, inertia
+
+
+def _plate_exact(length, width, t, fold=None):
+    if fold is None:
+        m = st.DENSITY * length * width * t
+        return _combine([(m, np.array([length / 2, width / 2, 0]),
+                          st.box_inertia(m, (length, width, t)))])
+    m1, m2 = st.DENSITY * fold * width * t, st.DENSITY * (length - fold) * width * t
+    return _combine([(m1, np.array([fold / 2, width / 2, 0]), st.box_inertia(m1, (fold, width, t))),
+                     (m2, np.array([fold, width / 2, (length - fold) / 2]),
+                      st.box_inertia(m2, (t, width, length - fold)))])
+
+
+def _welded_exact():
+    block = st.DENSITY * 10 * 20 * 10
+    plate = st.DENSITY * 40 * 10 * 1  # its part inside the bricks counts twice, as in CalculiX
+    return _combine([(block, np.array([5, 10, 5]), st.box_inertia(block, (10, 20, 10))),
+                     (plate, np.array([20, 10, 5]), st.box_inertia(plate, (40, 1, 10)))])
+
+
+MODELS = {
+    "s8_plate": (lambda: st.shell_deck("S8"), True, _plate_exact(40, 20, 1), 800),
+    "s4_plate": (lambda: st.shell_deck("S4", nx=8, ny=4), True, _plate_exact(40, 20, 1), 800),
+    "s8r_fold": (lambda: st.shell_deck("S8R", fold=20.0), True, _plate_exact(40, 20, 1, 20), 800),
+    "b32r_frame": (lambda: st.frame("B32R", L_FRAME, 3, 4.0, 2.0)[0], True,
+                   _frame_exact(L_FRAME, 4.0, 2.0), 0),
+    "b31_beam": (lambda: st.frame("B31", [(0, 0, 0), (100, 0, 0)], 10, 4.0, 2.0)[0], True,
+                 _frame_exact([(0, 0, 0), (100, 0, 0)], 4.0, 2.0), 0),
+    "welded": (st.welded_deck, True, _welded_exact(), 400),
+    "shellf": ("shellf.inp", False, None, 1.0),
+    "beamfsh1": ("beamfsh1.inp.gz", False, None, None),
+    "boxprofile": ("boxprofile.inp", False, None, 0),
+}
+FREE = [name for name, model in MODELS.items() if model[1]]
+# What the lumping by diagonal scaling gives on these coarse meshes (two to eight elements
+# across): the centre of mass off by a share of the model's size, the inertia about it off by a
+# share of its largest entry. Trapezoidal weights on four linear elements across a plate alone
+# make 12.5% (2 / n^2); knots and nodes that tie shells to solids take condensed rows, whose
+# diagonal carries more than their share.
+LUMPING = {"s8_plate": (1e-9, 0.35), "s4_plate": (1e-9, 0.14), "s8r_fold": (0.02, 0.22),
+           "b32r_frame": (0.03, 0.12), "b31_beam": (1e-9, 0.03), "welded": (0.005, 0.5)}
+# CalculiX's table against the Rayleigh quotients of its own eigenvectors over its stored
+# matrices: shellf's first mode differs by 1.1e-5.
+EIGENVALUES = {"shellf": 2e-5}
+
+
+
+def _write_deck(name, where):
+    source = MODELS[name][0]
+    path = os.path.join(where, name + ".inp")
+    if callable(source):
+        text = source()
+    else:
+        opener = gzip.open if source.endswith(".gz") else open
+        with opener(os.path.join(EXAMPLES, source), "rt") as f:
+            text = f.read()
+    with open(path, "w") as f:
+        f.write(text)
+    return path
+
+
+def _print_job(work, node_ids):
+    """CalculiX's *NODE PRINT of the original nodes for the same modes, as print.dat."""
+    ids = "".join(f"{n},\n" for n in node_ids)
+    with open(os.path.join(work, "print.inp"), "w") as f:
+        f.write(f"*INCLUDE,INPUT=model.inp\n*NSET,NSET=PRINTALL\n{ids}*STEP\n*FREQUENCY\n"
+                f"{MODES}\n*NODE PRINT,NSET=PRINTALL\nU\n*END STEP\n")
+    run = subprocess.run([os.environ.get("CCX", "ccx"), "-i", "print"], cwd=work,
+                         env=dict(os.environ, OMP_NUM_THREADS="1"), capture_output=True,
+                         text=True, timeout=300)
+    assert run.returncode == 0 and "*ERROR" not in run.stdout, run.stdout[-2000:]
+
+
+@pytest.fixture(scope="module")
+def exports(ccx2krx, tmp_path_factory):
+    where = tmp_path_factory.mktemp("structures")
+
+    def export(name):
+        deck = _write_deck(name, str(where))
+        out, keep = str(where / f"{name}.krx"), str(where / f"work_{name}")
+        run = run_tool(ccx2krx, [deck, "-o", out, "--modes", str(MODES), "--keep", keep])
+        assert run.returncode == 0, f"{name}: {run.stderr}"
+        e = Export(deck, out, keep, run)
+        _print_job(keep, e.read().node_ids)
+        return name, e
+
+    with ThreadPoolExecutor(2) as pool:
+        return dict(pool.map(export, MODELS))
+
+
+def print_tables(path):
+    """The displacement tables of a .dat, one {node: xyz} per mode."""
+    tables = []
+    with open(path) as f:
+        for line in f:
+            if line.startswith(" displacements"):
+                tables.append({})
+            elif tables and len(line.split()) == 4 and line.split()[0].isdigit():
+                parts = line.split()
+                tables[-1][int(parts[0])] = np.array([float(v) for v in parts[1:]])
+    return tables
+
+
+names = pytest.mark.parametrize("name", list(MODELS))
+free = pytest.mark.parametrize("name", FREE)
+
+
+@names
+def test_eigenvalues_and_translations_are_calculix_own(exports, name):
+    e = exports[name]
+    f = e.read()
+    theirs = ccx.dat_eigenvalues(os.path.join(e.keep, "modes.dat"))
+    first = 6 if MODELS[name][1] else 0
+    np.testing.assert_allclose(f.eigenvalues[first:], theirs[first:],
+                               rtol=EIGENVALUES.get(name, 1e-5))
+    if first:
+        assert np.all(np.abs(f.eigenvalues[:6]) < 1e-5 * theirs[6])
+    tables = print_tables(os.path.join(e.keep, "print.dat"))
+    assert len(tables) == len(theirs)
+    ids = np.sort(f.node_ids)
+    shapes = np.asarray(f.mode_shapes)
+    largest = np.abs(shapes[:, :, :3]).max()
+    for k in elastic_separated(np.r_[np.full(6 - first, -1.0), f.eigenvalues], 0.05)[: 4]:
+        k -= 6 - first
+        ours = by_node(f.mode_shape_node_ids, shapes[k], ids)[:, :3]
+        theirs_k = np.array([tables[k][n] for n in ids])
+        # A torsion mode of a beam moves no node: its translations are round-off.
+        if np.abs(theirs_k).max() > 1e-6 * largest:
+            sign = 1.0 if np.sum(ours * theirs_k) >= 0 else -1.0
+            worst = np.abs(ours - sign * theirs_k).max() / np.abs(theirs_k).max()
+            assert worst < 1e-4, f"{name} mode {k + 1}: {worst:.1e}"
+
+
+def rotations_from_expansion(e):
+    """{node: [(axes to compare on, rotation)]}: for every shell node in each element, its
+    bottom and top expanded nodes give n x (u_top - u_bottom) / t, the rotation about the
+    surface's axes; for every beam node the least-squares rotation of its section corners.
+    Computed from CalculiX's .frd (expanded coordinates and displacements) for each mode."""
+    elements, knots = st.expansion(os.path.join(e.keep, "modes.12d"))
+    xyz = st.frd_nodes(os.path.join(e.keep, "modes.frd"))
+    disp = ccx.frd_results(os.path.join(e.keep, "modes.frd"), "DISP")
+    rows = {}
+    for originals, expanded in elements.values():
+        n = len(originals)
+        if n in (2, 3) and len(expanded) in (11, 20) and n != len(expanded):
+            # Beams: corners of the section at the element's first node.
+            corner_slots = {0: [0, 3, 4, 7], n - 1: [1, 2, 5, 6]}
+            for k, slots in corner_slots.items():
+                rows.setdefault(originals[k], []).append(("beam", [expanded[s] for s in slots]))
+        else:
+            corners = 4 if n in (4, 8) else 3
+            for k in range(corners):
+                rows.setdefault(originals[k], []).append(
+                    ("shell", [expanded[k], expanded[k + corners]]))
+    out = {}
+    for node, entries in rows.items():
+        per_mode = []
+        for mode in sorted(disp):
+            ids, values = disp[mode]
+            u = dict(zip(ids, values))
+            found = []
+            for kind, ex in entries:
+                if any(x not in u for x in ex):
+                    continue
+                p = np.array([xyz[x] for x in ex])
+                v = np.array([u[x] for x in ex])
+                if kind == "shell":
+                    d = p[1] - p[0]
+                    found.append((d / np.linalg.norm(d), np.cross(d, v[1] - v[0]) / d.dot(d)))
+                else:
+                    r, w = p - p.mean(axis=0), v - v.mean(axis=0)
+                    a = sum(r_i.dot(r_i) * np.eye(3) - np.outer(r_i, r_i) for r_i in r)
+                    found.append((None, np.linalg.solve(a, np.cross(r, w).sum(axis=0))))
+            per_mode.append(found)
+        out[node] = per_mode
+    return out, knots
+
+
+# The .frd of a model that mixes shells and solids lists no expanded node.
+@pytest.mark.parametrize("name", ["s8_plate", "s8r_fold", "b32r_frame", "b31_beam"])
+def test_rotations_are_those_of_the_expanded_nodes(exports, name):
+    e = exports[name]
+    f = e.read()
+    shapes = np.asarray(f.mode_shapes)
+    expanded, knots = rotations_from_expansion(e)
+    if name in ("s8r_fold", "b32r_frame"):
+        assert knots, f"{name}: CalculiX made no knot"
+    for k in elastic_separated(f.eigenvalues):
+        ours = by_node(f.mode_shape_node_ids, shapes[k], np.array(sorted(expanded)))[:, 3:]
+        theirs, mine = [], []
+        for at, node in enumerate(sorted(expanded)):
+            for normal, theta in expanded[node][k]:
+                plane = np.eye(3) if normal is None else np.eye(3) - np.outer(normal, normal)
+                theirs.append(plane @ theta)
+                mine.append(plane @ ours[at])
+        # The .frd's five digits of each expanded translation.
+        assert_same_up_to_sign(np.array(mine), np.array(theirs), f"{name} rotations of {k + 1}")
+
+
+@free
+def test_rigid_body_modes_turn_every_node_alike(exports, name):
+    """Each rigid-body mode is u = a + w x x at every node and the rotation w at every shell and
+    beam node, about the surface's axes on shells (whose drilling rotation is not available)."""
+    e = exports[name]
+    f = e.read()
+    shapes = np.asarray(f.mode_shapes)
+    ids = f.mode_shape_node_ids
+    x = f.coords[f.node_positions(ids)]
+    axes = rotation_axes(e)
+    rows = [np.hstack([np.eye(3), -skew(p)]) for p in x]
+    rows += [np.hstack([np.zeros((3, 3)), axes[int(n)]]) for n in ids if int(n) in axes]
+    system = np.vstack(rows)
+    for k in range(6):
+        u, theta = shapes[k][:, :3], shapes[k][:, 3:]
+        rhs = np.concatenate([u.reshape(-1)] + [axes[int(n)] @ theta[at]
+                                                for at, n in enumerate(ids) if int(n) in axes])
+        fit, *_ = np.linalg.lstsq(system, rhs, rcond=None)
+        scale = np.abs(rhs).max()
+        worst = np.abs(system @ fit - rhs).max() / scale
+        assert worst < 1e-6, f"{name} rigid-body mode {k + 1}: {worst:.1e}"
+        assert not np.any(theta[[int(n) not in axes for n in ids]]), "solids have no rotations"
+
+
+def skew(p):
+    return np.array([[0, -p[2], p[1]], [p[2], 0, -p[0]], [-p[1], p[0], 0]])
+
+
+def rotation_axes(e):
+    """{node: projector} onto the axes a node's rotation is given about: the surface's two axes
+    on a shell node that is not a knot, all three on knots and beam nodes."""
+    f = e.read()
+    elements, knots = st.expansion(os.path.join(e.keep, "modes.12d"))
+    axes = {}
+    for originals, expanded in elements.values():
+        shell = len(originals) not in (2, 3) or len(expanded) not in (11, 20)
+        if shell:
+            p = f.coords[f.node_positions(np.array(originals[:3]))]
+            n = np.cross(p[1] - p[0], p[2] - p[0])
+            n /= np.linalg.norm(n)
+        for node in originals:
+            axes[int(node)] = np.eye(3) - np.outer(n, n) if shell else np.eye(3)
+    for knot in knots:
+        axes[knot] = np.eye(3)
+    return axes
+
+
+@free
+def test_mass_and_inertia_against_closed_forms(exports, name):
+    e = exports[name]
+    f = e.read()
+    mass, centre, inertia = MODELS[name][2]
+    body = f.global_body_props
+    assert body["mass"] == pytest.approx(mass, rel=1e-9)
+    assert np.all(f.masses > 0)
+    size = np.ptp(f.coords, axis=0).max()
+    off_centre, off_inertia = LUMPING[name]
+    assert np.abs(body["centre"] - centre).max() < off_centre * size + 1e-9
+    about_origin = body["inertia"] * np.where(np.eye(3) == 1, 1.0, -1.0)
+    c = body["centre"]
+    about_centre = about_origin - body["mass"] * (np.dot(c, c) * np.eye(3) - np.outer(c, c))
+    worst = np.max(np.abs(about_centre - inertia)) / np.max(np.abs(inertia))
+    assert worst < off_inertia, f"{about_centre} against {inertia}"
+
+
+@names
+def test_shell_faces_cover_the_shells(exports, name):
+    f = exports[name].read()
+    area = MODELS[name][3]
+    if area is None:
+        return
+    shell_area = 0.0
+    for face in f.faces or []:
+        p = f.coords[f.node_positions(np.array(face))]
+        shell_area += 0.5 * np.linalg.norm(np.cross(p, np.roll(p, -1, axis=0)).sum(axis=0))
+    if name == "welded":  # the plate and the bricks' skin
+        shell_area -= 2 * (10 * 20 + 20 * 10 + 10 * 10)
+    assert shell_area == pytest.approx(area, rel=1e-7)  # shellf's corner lies at -7.45e-9
