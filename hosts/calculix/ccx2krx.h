@@ -223,6 +223,9 @@ struct Expansion {
   // Shell nodes that solid elements use as well: their first rows are the node's own, and the
   // bottom node follows from the rest (the node is the mean of its expanded nodes).
   std::vector<unsigned char> tied;
+  // The expanded nodes whose stresses stand for the node: a shell's bottom and top (from its
+  // first element), a beam's section corner at +a1 +a2 twice. Two per entry, 0 for none.
+  std::vector<int> surface;
   std::vector<int> knots;            // ids of the knot nodes, ascending
   std::vector<int> rotation_nodes;   // their rotation nodes
 };
@@ -232,7 +235,7 @@ struct Expansion {
 // cannot place.
 bool build_expansion(const Deck &deck, Expansion &e);
 // Knots and their rotation nodes from JOB.12d (the rotation node follows the knot's last
-// expanded node).
+// expanded node), and the expanded nodes of e.surface.
 bool read_knots(const std::string &path, const Deck &deck, Expansion &e);
 bool parse_knots(std::FILE *file, const std::string &name, const Deck &deck, Expansion &e);
 // Gives each row of an expanded model its slot (the row's expanded node among those of its
@@ -252,6 +255,13 @@ void project_rows(const Expansion &e, const DofMap &map, const double *rows,
 bool lump_expanded_masses(const Matrices &m, const DofMap &map, const Expansion &e,
                           std::vector<double> &nodal, std::vector<double> &inertia,
                           double &total);
+// Stresses at the original nodes from those of the .frd (node ids, six values each): solid
+// nodes and nodes that tie shells to solids their own; shells at the bottom (surface -1) or top
+// (1) surface or the mean of both (0), beams at the section corner of e.surface. by_node gets
+// six values per entry of deck.node_ids, has 1 for each entry set.
+void project_stresses(const Expansion &e, const Deck &deck, int surface,
+                      const std::vector<int> &ids, const std::vector<double> &values,
+                      std::vector<double> &by_node, std::vector<unsigned char> &has);
 // Shell faces: each shell element's corner polygon, in the element's order.
 void collect_shell_faces(const Deck &deck, std::vector<Face> &faces);
 
@@ -263,6 +273,7 @@ struct ExportJob {
   std::string units_name;
   double units[4] = {1.0, 1.0, 1.0, 1.0};  // SI value of the model's mass, length, time, force
   bool stress = false;
+  int shell_surface = 1;  // -1 bottom, 0 mid-surface, 1 top
   const DofMap *map = nullptr;
   const Matrices *matrices = nullptr;
   const std::vector<double> *nodal_mass = nullptr;

@@ -175,6 +175,7 @@ bool build_expansion(const Deck &deck, Expansion &x) {
 
 bool parse_knots(std::FILE *file, const std::string &name, const Deck &deck, Expansion &x) {
   std::vector<int> last(deck.node_ids.size(), 0);  // each node's largest expanded id
+  x.surface.assign(2 * deck.node_ids.size(), 0);
   std::vector<int> originals, expanded;
   char line[512];
   int reading = 0;  // 1: original nodes, 2: expanded nodes
@@ -183,9 +184,20 @@ bool parse_knots(std::FILE *file, const std::string &name, const Deck &deck, Exp
     if (!element) return;
     for (size_t k = 0; k < element->nodes.size(); ++k) {
       int i = node_index(deck, element->nodes[k]);
-      for (int at : expanded_positions(*element, static_cast<int>(k)))
-        if (i >= 0 && at < static_cast<int>(expanded.size()))
-          last[static_cast<size_t>(i)] = std::max(last[static_cast<size_t>(i)], expanded[at]);
+      if (i < 0) continue;
+      std::vector<int> ids;
+      for (int a : expanded_positions(*element, static_cast<int>(k)))
+        if (a < static_cast<int>(expanded.size()) && expanded[a] > 0) ids.push_back(expanded[a]);
+      if (ids.size() < (element->beam ? 4u : 2u)) continue;
+      // Expanded nodes are numbered in CalculiX's order: bottom to top through a shell, the
+      // section's corners first on a beam. Its fourth corner lies at +a1 +a2.
+      std::sort(ids.begin(), ids.end());
+      last[static_cast<size_t>(i)] = std::max(last[static_cast<size_t>(i)], ids.back());
+      int *surface = &x.surface[2 * static_cast<size_t>(i)];
+      if (surface[0] == 0) {
+        surface[0] = element->beam ? ids[3] : ids.front();
+        surface[1] = element->beam ? ids[3] : ids.back();
+      }
     }
     element = nullptr;
   };

@@ -140,10 +140,28 @@ bool read_static_shape(ExportJob &job, int j, std::vector<double> &rows,
 }
 
 // CalculiX lists SXX SYY SZZ SXY SYZ SZX; the library takes sigma x, y, z, tau xy, xz, yz.
+bool set_projected_stresses(ExportJob &job, int mode, const std::vector<int> &nodes,
+                            const std::vector<double> &values) {
+  std::vector<double> by_node;
+  std::vector<unsigned char> has;
+  project_stresses(*job.expansion, *job.deck, job.shell_surface, nodes, values, by_node, has);
+  for (size_t i = 0; i < has.size(); ++i) {
+    if (!has[i]) continue;
+    const double *s = &by_node[6 * i];
+    double ours[6] = {s[0], s[1], s[2], s[3], s[5], s[4]};
+    int id = job.deck->node_ids[i];
+    int status = 1;
+    KRX_SET_MODAL_STRESS_VEC(&mode, &id, ours, &status);
+    if (!entry(status, "a modal stress")) return false;
+  }
+  return true;
+}
+
 bool set_stresses(ExportJob &job, int mode) {
   std::vector<int> nodes;
   std::vector<double> values;
   if (!read_frd_stresses(*job.frd, mode, nodes, values)) return false;
+  if (job.expansion) return set_projected_stresses(job, mode, nodes, values);
   for (size_t k = 0; k < nodes.size(); ++k) {
     if (node_index(*job.deck, nodes[k]) < 0) continue;
     const double *s = &values[6 * k];

@@ -34,6 +34,7 @@ struct Options {
   std::string output;
   int modes = 20;
   bool stress = false;
+  int shell_surface = 1;  // -1 bottom, 0 mid-surface, 1 top
   const UnitSystem *units = &kUnitSystems[1];
   std::string keep;
   bool timing = false;
@@ -91,6 +92,14 @@ int parse_options(int argc, char **argv, Options &o) {
       o.output = argv[++i];
     } else if (a == "--interface" && has_value) {
       o.interfaces.push_back(argv[++i]);
+    } else if (a == "--shell-surface" && has_value) {
+      std::string v = argv[++i];
+      o.shell_surface = v == "top" ? 1 : v == "bottom" ? -1 : v == "mid" ? 0 : 2;
+      if (o.shell_surface == 2) {
+        std::fprintf(stderr, "ccx2krx: --shell-surface wants top, bottom or mid, not %s\n",
+                     v.c_str());
+        return 2;
+      }
     } else if (a == "--keep" && has_value) {
       o.keep = argv[++i];
     } else if (a == "--modes" && has_value) {
@@ -225,9 +234,6 @@ bool check_structures(const Options &o, const ccx::Deck &deck, ccx::Expansion &e
   if (!o.interfaces.empty())
     return ccx::failed("--interface cannot be used with %s elements (%s element %d)", kind,
                        deck.structures.front().type.c_str(), deck.structures.front().id);
-  if (o.stress)
-    return ccx::failed("--stress cannot be used with %s elements (%s element %d)", kind,
-                       deck.structures.front().type.c_str(), deck.structures.front().id);
   return ccx::build_expansion(deck, expansion);
 }
 
@@ -258,6 +264,7 @@ bool convert(const Options &o, double &calculix_seconds) {
     double u[4] = {o.units->mass, o.units->length, o.units->time, o.units->force};
     std::copy(u, u + 4, job.units);
     job.stress = o.stress;
+    job.shell_surface = o.shell_surface;
     job.map = &r.map;
     job.matrices = &r.matrices;
     job.nodal_mass = &r.nodal_mass;

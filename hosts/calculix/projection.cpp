@@ -172,6 +172,47 @@ void project_rows(const Expansion &e, const DofMap &map, const double *rows,
   }
 }
 
+void project_stresses(const Expansion &e, const Deck &deck, int surface,
+                      const std::vector<int> &ids, const std::vector<double> &values,
+                      std::vector<double> &by_node, std::vector<unsigned char> &has) {
+  size_t nodes = e.kind.size();
+  std::vector<std::pair<int, int>> expanded;  // expanded id, 2 x node + side
+  for (size_t i = 0; i < nodes; ++i) {
+    if (e.tied[i] || (e.kind[i] != Expansion::kShell && e.kind[i] != Expansion::kBeam &&
+                      e.kind[i] != Expansion::kKnot))
+      continue;
+    for (int side = 0; side < 2; ++side)
+      if (e.surface[2 * i + static_cast<size_t>(side)] > 0)
+        expanded.emplace_back(e.surface[2 * i + static_cast<size_t>(side)],
+                              static_cast<int>(2 * i) + side);
+  }
+  std::sort(expanded.begin(), expanded.end());
+  by_node.assign(6 * nodes, 0.0);
+  has.assign(nodes, 0);
+  // Weights of bottom and top: the chosen surface, or half each for the mid-surface.
+  const double weight[2] = {surface < 0 ? 1.0 : surface == 0 ? 0.5 : 0.0,
+                            surface > 0 ? 1.0 : surface == 0 ? 0.5 : 0.0};
+  for (size_t k = 0; k < ids.size(); ++k) {
+    const double *s = &values[6 * k];
+    int i = node_index(deck, ids[k]);
+    if (i >= 0 && (e.kind[static_cast<size_t>(i)] == Expansion::kSolid || e.tied[i])) {
+      std::copy(s, s + 6, &by_node[6 * static_cast<size_t>(i)]);
+      has[static_cast<size_t>(i)] = 1;
+      continue;
+    }
+    auto it = std::lower_bound(expanded.begin(), expanded.end(), std::make_pair(ids[k], -1));
+    // A beam's corner stands for both sides: take it once.
+    for (; it != expanded.end() && it->first == ids[k]; ++it) {
+      size_t node = static_cast<size_t>(it->second / 2);
+      int side = it->second % 2;
+      bool beam = e.surface[2 * node] == e.surface[2 * node + 1];
+      double w = beam ? (side == 0 ? 1.0 : 0.0) : weight[side];
+      for (int c = 0; c < 6; ++c) by_node[6 * node + static_cast<size_t>(c)] += w * s[c];
+      has[node] = 1;
+    }
+  }
+}
+
 // The rotary inertia of a shell or beam node is that of its expanded nodes turning together
 // about it, taken from the consistent mass of their own block (which spreads the mass through
 // the thickness or over the section as the element does), and scaled from that block's mass to

@@ -321,3 +321,58 @@ def test_shell_faces_cover_the_shells(exports, name):
     if name == "welded":  # the plate and the bricks' skin
         shell_area -= 2 * (10 * 20 + 20 * 10 + 10 * 10)
     assert shell_area == pytest.approx(area, rel=1e-7)  # shellf's corner lies at -7.45e-9
+
+
+@pytest.fixture(scope="module")
+def stressed(ccx2krx, tmp_path_factory):
+    """The S8 plate with the stresses of its top surface and of its mid-surface, and the B31
+    beam with those of its section corner."""
+    where = tmp_path_factory.mktemp("stressed")
+
+    def export(case):
+        name, options = case
+        label = name + "_" + "_".join(options)
+        deck = _write_deck(name, str(where))
+        out, keep = str(where / f"{label}.krx"), str(where / f"work_{label}")
+        run = run_tool(ccx2krx, [deck, "-o", out, "--modes", str(MODES), "--keep", keep,
+                                 "--stress", *options])
+        assert run.returncode == 0, f"{label}: {run.stderr}"
+        return case, Export(deck, out, keep, run)
+
+    cases = [("s8_plate", ()), ("s8_plate", ("--shell-surface", "mid")), ("b31_beam", ())]
+    with ThreadPoolExecutor(2) as pool:
+        return dict(pool.map(export, cases))
+
+
+def stresses_at(e, offset):
+    """CalculiX's stresses of each mode at the expanded node that lies at offset from each
+    original node (found by its coordinates in the .frd): {mode: (original ids, values)}."""
+    f = e.read()
+    xyz = st.frd_nodes(os.path.join(e.keep, "modes.frd"))
+    ids = np.array(sorted(xyz))
+    points = np.array([xyz[i] for i in ids])
+    wanted = f.coords[f.node_positions(f.node_ids)] + offset
+    nearest = ids[np.argmin(np.linalg.norm(points[None] - wanted[:, None], axis=2), axis=1)]
+    out = {}
+    for mode, (their_ids, values) in ccx.frd_results(os.path.join(e.keep, "modes.frd"),
+                                                     "STRESS").items():
+        out[mode] = by_node(their_ids, values[:, [0, 1, 2, 3, 5, 4]], nearest)
+    return f.node_ids, out
+
+
+def test_stresses_at_the_chosen_surface_and_fibre(stressed):
+    top, mid = stressed["s8_plate", ()], stressed["s8_plate", ("--shell-surface", "mid")]
+    beam = stressed["b31_beam", ()]
+    # The plate's normal is +z, its thickness 1; the beam's section axes are z (4) and -y (2).
+    checks = [(top, [(np.array([0, 0, 0.5]), 1.0)]),
+              (mid, [(np.array([0, 0, 0.5]), 0.5), (np.array([0, 0, -0.5]), 0.5)]),
+              (beam, [(np.array([0, -1.0, 2.0]), 1.0)])]
+    for e, parts in checks:
+        f = e.read()
+        ids, modal = f.stress
+        for k in elastic_separated(f.eigenvalues):
+            theirs = 0.0
+            for offset, weight in parts:
+                node_ids, at = stresses_at(e, offset)
+                theirs = theirs + weight * by_node(node_ids, at[k + 1], ids)
+            assert_same_up_to_sign(np.asarray(modal[k]), theirs, f"{e.out} stress {k + 1}")
