@@ -44,24 +44,33 @@ struct Options {
 void usage(std::FILE *out) {
   std::fprintf(
       out,
-      "usage: ccx2krx MODEL.inp -o OUT.krx [--modes N] [--stress] [--units SYSTEM]\n"
-      "               [--keep DIR] [--timing] [--interface NSET ...]\n"
+      "usage: ccx2krx MODEL.inp -o OUT.krx [--modes N] [--stress] [--shell-surface SIDE]\n"
+      "               [--units SYSTEM] [--keep DIR] [--timing] [--interface NSET ...]\n"
       "\n"
       "Runs CalculiX (the CCX environment variable, else ccx on PATH) on the model part of\n"
       "MODEL.inp (everything before its first *STEP) and writes its normal modes as a KRX file.\n"
-      "Solid elements C3D4, C3D10, C3D6, C3D15, C3D8, C3D8R, C3D20, C3D20R; the deck needs a\n"
-      "*DENSITY. Two CalculiX jobs run at once: *FREQUENCY, STORAGE=YES for the modes (their\n"
-      "double-precision eigenvectors) and *FREQUENCY, SOLVER=MATRIXSTORAGE for the stiffness and\n"
-      "mass matrices. The file holds every node of the solid elements, nodal masses lumped by\n"
+      "Solid elements C3D4, C3D10, C3D6, C3D15, C3D8, C3D8R, C3D20, C3D20R, shells S3, S4,\n"
+      "S4R, S6, S8, S8R and beams B31, B32, B32R; the deck needs a *DENSITY. Shell and beam\n"
+      "nodes get six components: translations of the reference surface or axis as CalculiX\n"
+      "prints them, rotations n x (u_top - u_bottom) / t on shells (no drilling rotation) and\n"
+      "the least-squares rotation of the section's corners on beams, taken from CalculiX's\n"
+      "expanded nodes; their masses and rotary inertias are the expanded nodes'. Two CalculiX\n"
+      "jobs run at once: *FREQUENCY, STORAGE=YES for the modes (their double-precision\n"
+      "eigenvectors) and *FREQUENCY, SOLVER=MATRIXSTORAGE for the stiffness and mass\n"
+      "matrices. The file holds every node of the elements, nodal masses lumped by\n"
       "diagonal scaling of the consistent mass (total mass exact, none negative), the mode\n"
       "shapes, the full generalized mass and stiffness computed from the matrices (mode by\n"
-      "mode, two modes in memory at a time), and the outer faces of the mesh (corner nodes,\n"
-      "outward). QOR_KRXWRITE_OPTIONS goes to the library.\n"
+      "mode, two modes in memory at a time), the outer faces of the solids (corner nodes,\n"
+      "outward) and the shells' corner polygons. QOR_KRXWRITE_OPTIONS goes to the library.\n"
       "\n"
       "  -o OUT.krx       the file to write (its directory must exist)\n"
       "  --modes N        normal modes, rigid-body modes among them (default 20); with\n"
       "                   --interface, the normal modes with the interfaces held\n"
-      "  --stress         also the modal stresses CalculiX computes at the nodes\n"
+      "  --stress         also the modal stresses CalculiX computes at the nodes; shells at\n"
+      "                   their top surface (the side of the normal), beams at the corner of\n"
+      "                   their section at +a/2 on its first axis and +b/2 on its second\n"
+      "  --shell-surface SIDE  top (default), bottom or mid: the shells' stresses of that\n"
+      "                   side, mid the mean of both\n"
       "  --units SYSTEM   the deck's consistent units: m-kg-s, mm-t-s, mm-kg-ms, mm-g-ms,\n"
       "                   cm-g-s (default mm-t-s: N, mm, tonne, s)\n"
       "  --keep DIR       keep CalculiX's work directory in DIR (created if missing)\n"
@@ -72,7 +81,8 @@ void usage(std::FILE *out) {
       "                   The file then holds the static shape of each interface degree of\n"
       "                   freedom (the others held) and N normal modes with all of them held,\n"
       "                   orthonormalised by the library; the reference nodes are its\n"
-      "                   interface nodes, with rotations from the rotation nodes\n");
+      "                   interface nodes, with rotations from the rotation nodes (solids\n"
+      "                   only: refused on models with shells or beams)\n");
 }
 
 // 0 when the options are complete, 2 for a usage error, 1 after --help.
