@@ -63,7 +63,8 @@ def shell_deck(kind, nx=4, ny=2, length=40.0, width=20.0, thickness=1.0, fold=No
 
 
 def frame(kind, points, per_leg, a, b, direction=(0.0, 0.0, 1.0)):
-    """A beam along the polyline points, per_leg elements on each leg, a RECT section a x b."""
+    """The deck of a beam along the polyline points, per_leg elements on each leg, a RECT
+    section a x b."""
     quadratic = kind != "B31"
     nodes, elements = {}, {}
     ids = []
@@ -77,10 +78,9 @@ def frame(kind, points, per_leg, a, b, direction=(0.0, 0.0, 1.0)):
     for e in range(0, len(ids) - 1, width):
         elements[len(elements) + 1] = ids[e:e + width + 1]
     d = ",".join(repr(float(v)) for v in direction)
-    text = (f"*HEADING\n{kind} frame\n" + _node_lines(nodes) + _element_lines(kind, "FRAME",
-                                                                              elements) +
-            MATERIAL + f"*BEAM SECTION,ELSET=FRAME,MATERIAL=STEEL,SECTION=RECT\n{a},{b}\n{d}\n")
-    return text, nodes
+    return (f"*HEADING\n{kind} frame\n" + _node_lines(nodes) +
+            _element_lines(kind, "FRAME", elements) + MATERIAL +
+            f"*BEAM SECTION,ELSET=FRAME,MATERIAL=STEEL,SECTION=RECT\n{a},{b}\n{d}\n")
 
 
 def welded_deck():
@@ -119,10 +119,18 @@ def welded_deck():
     return text
 
 
-def box_inertia(mass, size):
-    """Inertia about the centre of a homogeneous box of the given edge lengths."""
-    a, b, c = size
-    return mass / 12 * np.diag([b * b + c * c, a * a + c * c, a * a + b * b])
+def boxes(pieces):
+    """Mass, centre and inertia about the centre of steel boxes given as (centre, edge lengths)."""
+    masses = [DENSITY * np.prod(size) for _, size in pieces]
+    centres = [np.asarray(c, float) for c, _ in pieces]
+    mass = sum(masses)
+    centre = sum(m * c for m, c in zip(masses, centres)) / mass
+    inertia = 0
+    for m, c, (_, (a, b, h)) in zip(masses, centres, pieces):
+        r = c - centre
+        inertia = inertia + m / 12 * np.diag([b * b + h * h, a * a + h * h, a * a + b * b]) + \
+            m * (r.dot(r) * np.eye(3) - np.outer(r, r))
+    return mass, centre, inertia
 
 
 def expansion(path):
