@@ -189,9 +189,8 @@ bool take_section(Parser &p, const Keyword &k) {
   for (const char *name : {"OFFSET", "OFFSET1", "OFFSET2"})
     s.offset = s.offset || std::strtod(param(k, name).c_str(), nullptr) != 0.0;
   for (const auto &kv : k.params)
-    if (kv.first == "COMPOSITE" || kv.first == "ORIENTATION")
-      return failed("*%s with %s cannot be exported: its layers are not projected", k.name.c_str(),
-                    kv.first.c_str());
+    if (kv.first == "COMPOSITE")
+      return failed("*SHELL SECTION, COMPOSITE cannot be exported: its layers are not projected");
   p.deck.sections.push_back(std::move(s));
   p.section = &p.deck.sections.back();
   return true;
@@ -237,6 +236,8 @@ bool take_keyword(Parser &p, const std::string &line) {
     p.generate = false;
     for (const auto &kv : k.params) p.generate = p.generate || kv.first == "GENERATE";
   }
+  if (k.name == "NORMAL")
+    return failed("*NORMAL cannot be exported: the shells' normals are taken from their elements");
   if (k.name == "HEADING") p.want_heading = true;
   if (k.name == "DENSITY") p.deck.has_density = true;
   return true;

@@ -250,11 +250,12 @@ bool check_structures(const Options &o, const ccx::Deck &deck, ccx::Expansion &e
 bool convert(const Options &o, double &calculix_seconds) {
   if (!check_output(o.output)) return false;
   ccx::Deck deck;
-  if (!ccx::read_deck(o.deck, deck) || !ccx::add_interfaces(deck, o.interfaces)) return false;
+  Results r;
+  if (!ccx::read_deck(o.deck, deck)) return false;
+  if (!deck.structures.empty() && !check_structures(o, deck, r.expansion)) return false;
+  if (!ccx::add_interfaces(deck, o.interfaces)) return false;
   if (deck.has_steps)
     ccx::note("note: the deck holds steps; only its model part before the first *STEP is used");
-  Results r;
-  if (!deck.structures.empty() && !check_structures(o, deck, r.expansion)) return false;
   std::vector<ccx::Face> faces;
   if (!deck.elements.empty() && !ccx::collect_skin(deck, faces)) return false;
   ccx::collect_shell_faces(deck, faces);

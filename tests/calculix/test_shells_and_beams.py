@@ -343,3 +343,21 @@ def test_stresses_at_the_chosen_surface_and_fibre(stressed):
                 node_ids, at = stresses_at(e, offset)
                 theirs = theirs + weight * by_node(node_ids, at[k + 1], ids)
             assert_same_up_to_sign(np.asarray(modal[k]), theirs, f"{e.out} stress {k + 1}")
+
+
+@pytest.mark.parametrize("change, options, message", [
+    (("\n1.0\n", "\n1.0\n*NORMAL\n1,0,0,1\n"), [], "*NORMAL cannot be exported"),
+    (("MATERIAL=STEEL\n1.0", "MATERIAL=STEEL,COMPOSITE\n0.5,,STEEL\n0.5,,STEEL"), [],
+     "COMPOSITE cannot be exported"),
+    (("ELSET=PLATE,MATERIAL", "ELSET=OTHER,MATERIAL"), [], "S8 element 1 has no *SHELL SECTION"),
+    (None, ["--interface", "NALL"], "--interface cannot be used with shell elements"),
+])
+def test_refusals_name_what_cannot_be_exported(ccx2krx, tmp_path, change, options, message):
+    text = st.shell_deck("S8")
+    if change:
+        text = text.replace(*change)
+    deck, out = tmp_path / "refused.inp", tmp_path / "refused.krx"
+    deck.write_text(text)
+    run = run_tool(ccx2krx, [str(deck), "-o", str(out), *options])
+    assert run.returncode == 1 and message in run.stderr, run.stderr
+    assert not out.exists()
