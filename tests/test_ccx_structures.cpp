@@ -34,8 +34,7 @@ const char *kDeck =
 
 Vec axes_of(const ccx::Deck &deck, const ccx::Expansion &e, int id, int which) {
   size_t i = static_cast<size_t>(ccx::node_index(deck, id));
-  return {e.axes[6 * i + 3 * which], e.axes[6 * i + 3 * which + 1],
-          e.axes[6 * i + 3 * which + 2]};
+  return {e.axes[6 * i + 3 * which], e.axes[6 * i + 3 * which + 1], e.axes[6 * i + 3 * which + 2]};
 }
 
 TEST(CcxStructures, PlacesShellNormalsAndBeamAxesFromTheDeck) {
@@ -90,11 +89,11 @@ const char *k12d =
 
 TEST(CcxStructures, GivesAKnotItsRotationNodeRows) {
   ccx::Deck deck;
-  ASSERT_TRUE(ccx::parse_deck(
-      "*NODE\n1,0,0,0\n2,1,0,0\n3,1,1,0\n4,0,1,0\n5,1,0,1\n6,1,1,1\n"
-      "*ELEMENT,TYPE=S4,ELSET=P\n1,1,2,3,4\n3,2,5,6,3\n*DENSITY\n1\n"
-      "*SHELL SECTION,ELSET=P,MATERIAL=S\n1.0\n",
-      ".", deck));
+  ASSERT_TRUE(
+      ccx::parse_deck("*NODE\n1,0,0,0\n2,1,0,0\n3,1,1,0\n4,0,1,0\n5,1,0,1\n6,1,1,1\n"
+                      "*ELEMENT,TYPE=S4,ELSET=P\n1,1,2,3,4\n3,2,5,6,3\n*DENSITY\n1\n"
+                      "*SHELL SECTION,ELSET=P,MATERIAL=S\n1.0\n",
+                      ".", deck));
   ccx::Expansion e;
   ASSERT_TRUE(ccx::build_expansion(deck, e));
   std::FILE *f = snippet(k12d);

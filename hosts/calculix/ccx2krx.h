@@ -50,7 +50,7 @@ struct Structure {
 struct Section {
   bool beam = false;
   std::string elset;
-  std::string shape;  // RECT, CIRC, BOX, ... for beams
+  std::string shape;    // RECT, CIRC, BOX, ... for beams
   bool offset = false;  // a nonzero OFFSET, OFFSET1 or OFFSET2
   std::vector<double> numbers;
 };
@@ -67,18 +67,18 @@ struct Deck {
   std::string heading;     // first line after *HEADING, trimmed; empty without one
   bool has_steps = false;  // the deck went on past the model part
   bool has_density = false;
-  std::vector<int> node_ids;      // sorted ascending: nodes of the elements, then the
-                                  // reference nodes of the interfaces
-  std::vector<double> xyz;        // three per entry of node_ids
-  std::vector<Element> elements;  // the solid elements
+  std::vector<int> node_ids;          // sorted ascending: nodes of the elements, then the
+                                      // reference nodes of the interfaces
+  std::vector<double> xyz;            // three per entry of node_ids
+  std::vector<Element> elements;      // the solid elements
   std::vector<Structure> structures;  // the shell and beam elements
   std::vector<Section> sections;
   std::vector<ElementSet> element_sets;
   std::vector<std::pair<int, double>> nodal_thickness;  // *NODAL THICKNESS, node by node
   std::vector<NodeSet> sets;
-  int max_node_id = 0;            // over every node the deck defines
-  int solid_nodes = 0;            // entries of node_ids that elements use
-  int tied_nodes = 0;             // nodes of the solid elements in interface sets
+  int max_node_id = 0;  // over every node the deck defines
+  int solid_nodes = 0;  // entries of node_ids that elements use
+  int tied_nodes = 0;   // nodes of the solid elements in interface sets
   std::vector<Interface> interfaces;
 };
 
@@ -226,8 +226,8 @@ struct Expansion {
   // The expanded nodes whose stresses stand for the node: a shell's bottom and top (from its
   // first element), a beam's section corner at +a1 +a2 twice. Two per entry, 0 for none.
   std::vector<int> surface;
-  std::vector<int> knots;            // ids of the knot nodes, ascending
-  std::vector<int> rotation_nodes;   // their rotation nodes
+  std::vector<int> knots;           // ids of the knot nodes, ascending
+  std::vector<int> rotation_nodes;  // their rotation nodes
 };
 // The reference geometry of every shell and beam node from the deck: normals averaged over the
 // elements at the node, thickness from *NODAL THICKNESS or the element's *SHELL SECTION, beam
@@ -253,8 +253,7 @@ void project_rows(const Expansion &e, const DofMap &map, const double *rows,
 // summed onto its original node with the inertia of its offset; a knot's inertia is its rotation
 // rows' block of the mass matrix. inertia: I11, I22, I33, I12, I13, I23 per entry.
 bool lump_expanded_masses(const Matrices &m, const DofMap &map, const Expansion &e,
-                          std::vector<double> &nodal, std::vector<double> &inertia,
-                          double &total);
+                          std::vector<double> &nodal, std::vector<double> &inertia, double &total);
 // Stresses at the original nodes from those of the .frd (node ids, six values each): solid
 // nodes and nodes that tie shells to solids their own; shells at the bottom (surface -1) or top
 // (1) surface or the mean of both (0), beams at the section corner of e.surface. by_node gets

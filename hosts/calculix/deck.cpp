@@ -164,10 +164,10 @@ struct Parser {
   int element_nodes = 0;
   bool want_heading = false;
   bool stopped = false;
-  std::vector<double> record;  // the numbers of an element record spread over lines
-  NodeSet *set = nullptr;      // the set that *NSET data lines add to
-  ElementSet *elset = nullptr; // the set that *ELSET data lines and *ELEMENT, ELSET= add to
-  Section *section = nullptr;  // the section whose data lines are being read
+  std::vector<double> record;   // the numbers of an element record spread over lines
+  NodeSet *set = nullptr;       // the set that *NSET data lines add to
+  ElementSet *elset = nullptr;  // the set that *ELSET data lines and *ELEMENT, ELSET= add to
+  Section *section = nullptr;   // the section whose data lines are being read
   bool generate = false;
   std::vector<std::pair<int, size_t>> all_nodes;  // node id, position in all_xyz
   std::vector<double> all_xyz;

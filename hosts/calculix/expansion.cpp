@@ -117,7 +117,8 @@ std::vector<int> expanded_positions(const Structure &e, int k) {
   int c = e.corners, n = static_cast<int>(e.nodes.size());
   if (!e.beam) {
     int m = n - c;
-    if (k < c) return m == 0 ? std::vector<int>{k, k + c} : std::vector<int>{k, 2 * c + 2 * m + k, k + c};
+    if (k < c)
+      return m == 0 ? std::vector<int>{k, k + c} : std::vector<int>{k, 2 * c + 2 * m + k, k + c};
     return {2 * c + (k - c), 2 * c + m + (k - c)};
   }
   if (n == 2) return k == 0 ? std::vector<int>{0, 3, 4, 7} : std::vector<int>{1, 2, 5, 6};
@@ -153,15 +154,16 @@ bool build_expansion(const Deck &deck, Expansion &x) {
     if (s.offset)
       return failed("the section of %s element %d has an offset, which cannot be exported",
                     e.type.c_str(), e.id);
-    if (!(e.beam ? place_beam(deck, e, s, x) : place_shell(deck, e, s, x, thickness)))
-      return false;
+    if (!(e.beam ? place_beam(deck, e, s, x) : place_shell(deck, e, s, x, thickness))) return false;
   }
   for (const Element &e : deck.elements)
     for (int id : e.nodes) {
       size_t i = static_cast<size_t>(node_index(deck, id));
       if (x.kind[i] == Expansion::kBeam)
-        return failed("beam node %d is a node of solid element %d as well, which cannot be "
-                      "exported", id, e.id);
+        return failed(
+            "beam node %d is a node of solid element %d as well, which cannot be "
+            "exported",
+            id, e.id);
       x.tied[i] = x.kind[i] == Expansion::kShell;
     }
   for (size_t i = 0; i < nodes; ++i) {
@@ -259,8 +261,8 @@ bool map_expanded_rows(const Deck &deck, Expansion &x, DofMap &map) {
   for (size_t r = 0; r < rows; ++r) {
     int node = map.row_node[r], dir = map.row_dir[r];
     if (node < 0) {
-      auto it = std::lower_bound(rotation.begin(), rotation.end(),
-                                 std::make_pair(map.row_id[r], -1));
+      auto it =
+          std::lower_bound(rotation.begin(), rotation.end(), std::make_pair(map.row_id[r], -1));
       if (it == rotation.end() || it->first != map.row_id[r]) continue;
       // The rotation node's rows are the rotations about x, y and z, in that order.
       int &k = seen[static_cast<size_t>(it - rotation.begin())];

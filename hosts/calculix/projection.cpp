@@ -75,8 +75,8 @@ void project_shell(const Expansion &e, size_t node, const double (*given)[3], in
     u = tied;
   }
   for (int d = 0; d < 3; ++d)
-    out[d] = count == 3 ? (u[0][d] + 4.0 * u[1][d] + u[2][d]) / 6.0
-                        : (u[0][d] + u[count - 1][d]) / 2.0;
+    out[d] =
+        count == 3 ? (u[0][d] + 4.0 * u[1][d] + u[2][d]) / 6.0 : (u[0][d] + u[count - 1][d]) / 2.0;
   Vec t = axis(e, node, 0);
   Vec du = {u[count - 1][0] - u[0][0], u[count - 1][1] - u[0][1], u[count - 1][2] - u[0][2]};
   Vec theta = cross(t, du);
@@ -190,8 +190,12 @@ void project_stresses(const Expansion &e, const Deck &deck, int surface,
   by_node.assign(6 * nodes, 0.0);
   has.assign(nodes, 0);
   // Weights of bottom and top: the chosen surface, or half each for the mid-surface.
-  const double weight[2] = {surface < 0 ? 1.0 : surface == 0 ? 0.5 : 0.0,
-                            surface > 0 ? 1.0 : surface == 0 ? 0.5 : 0.0};
+  const double weight[2] = {surface < 0    ? 1.0
+                            : surface == 0 ? 0.5
+                                           : 0.0,
+                            surface > 0    ? 1.0
+                            : surface == 0 ? 0.5
+                                           : 0.0};
   for (size_t k = 0; k < ids.size(); ++k) {
     const double *s = &values[6 * k];
     int i = node_index(deck, ids[k]);
@@ -218,8 +222,7 @@ void project_stresses(const Expansion &e, const Deck &deck, int surface,
 // the thickness or over the section as the element does), and scaled from that block's mass to
 // the node's lumped mass: corners alone would give a section three times its inertia.
 bool lump_expanded_masses(const Matrices &m, const DofMap &map, const Expansion &e,
-                          std::vector<double> &nodal, std::vector<double> &inertia,
-                          double &total) {
+                          std::vector<double> &nodal, std::vector<double> &inertia, double &total) {
   size_t nodes = e.kind.size();
   std::vector<double> slot_sum(static_cast<size_t>(kMaxSlots) * nodes, 0.0);
   std::vector<unsigned char> slot_rows(static_cast<size_t>(kMaxSlots) * nodes, 0);
