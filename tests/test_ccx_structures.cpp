@@ -19,7 +19,7 @@ std::FILE *snippet(const std::string &text) {
   return f;
 }
 
-// An S4 square in z = 0 (thickness 2 from its section, 3 at node 3), and a B31 beam along z
+// An S4 square in z = 0 (nodal thickness 2, 3 at node 3), and a B31 beam along z
 // with a 4 x 2 section whose first axis is x.
 const char *kDeck =
     "*NODE,NSET=NALL\n1,0,0,0\n2,1,0,0\n3,1,1,0\n4,0,1,0\n5,5,5,0\n6,5,5,10\n"
@@ -28,8 +28,8 @@ const char *kDeck =
     "*ELEMENT,TYPE=B31,ELSET=BAR\n2,5,6\n"
     "*ELSET,ELSET=SHELLS\nSKIN\n"
     "*MATERIAL,NAME=S\n*DENSITY\n1.0\n"
-    "*SHELL SECTION,ELSET=SHELLS,MATERIAL=S\n2.0\n"
-    "*NODAL THICKNESS\nTHICK,3.0\n"
+    "*SHELL SECTION,ELSET=SHELLS,MATERIAL=S,NODAL THICKNESS\n"
+    "*NODAL THICKNESS\nNALL,2.0\nTHICK,3.0\n"
     "*BEAM SECTION,ELSET=BAR,MATERIAL=S,SECTION=RECT\n4.,2.\n1.,0.,0.\n";
 
 Vec axes_of(const ccx::Deck &deck, const ccx::Expansion &e, int id, int which) {
@@ -60,8 +60,9 @@ TEST(CcxStructures, RefusesSectionsItCannotPlace) {
   const std::pair<std::string, std::string> cases[] = {
       {"SECTION=RECT\n4.,2.\n1.,0.,0.", "SECTION=PIPE\n4.,2.\n1.,0.,0."},
       {"SECTION=RECT\n4.,2.\n1.,0.,0.", "SECTION=RECT\n4.,2.\n0.,0.,1."},  // along the beam
-      {"MATERIAL=S\n2.0", "MATERIAL=S,OFFSET=0.5\n2.0"},
-      {"ELSET=SHELLS,MATERIAL=S\n2.0", "ELSET=OTHER,MATERIAL=S\n2.0"},  // no section
+      {"MATERIAL=S,NODAL", "MATERIAL=S,OFFSET=0.5,NODAL"},
+      {"ELSET=SHELLS,MATERIAL=S", "ELSET=OTHER,MATERIAL=S"},  // no section
+      {"NALL,2.0\n", ""},                                     // nodes without thickness
   };
   for (const auto &[from, to] : cases) {
     std::string text = deck;

@@ -52,6 +52,7 @@ struct Section {
   std::string elset;
   std::string shape;    // RECT, CIRC, BOX, ... for beams
   bool offset = false;  // a nonzero OFFSET, OFFSET1 or OFFSET2
+  bool nodal = false;   // NODAL THICKNESS: the thickness of each node from *NODAL THICKNESS
   std::vector<double> numbers;
 };
 

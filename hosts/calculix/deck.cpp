@@ -188,9 +188,11 @@ bool take_section(Parser &p, const Keyword &k) {
   s.shape = upper_without_blanks(param(k, "SECTION"));
   for (const char *name : {"OFFSET", "OFFSET1", "OFFSET2"})
     s.offset = s.offset || std::strtod(param(k, name).c_str(), nullptr) != 0.0;
-  for (const auto &kv : k.params)
+  for (const auto &kv : k.params) {
+    s.nodal = s.nodal || kv.first == "NODALTHICKNESS";
     if (kv.first == "COMPOSITE")
       return failed("*SHELL SECTION, COMPOSITE cannot be exported: its layers are not projected");
+  }
   p.deck.sections.push_back(std::move(s));
   p.section = &p.deck.sections.back();
   return true;
@@ -201,6 +203,7 @@ bool take_keyword(Parser &p, const std::string &line) {
   p.block = k.name;
   p.record.clear();
   p.section = nullptr;
+  p.set = nullptr;
   if (k.name == "ELEMENT") {
     p.element_type = upper_without_blanks(param(k, "TYPE"));
     int nodes = node_count_of_type(p.element_type);
@@ -223,9 +226,10 @@ bool take_keyword(Parser &p, const std::string &line) {
   if ((k.name == "SHELLSECTION" || k.name == "BEAMSECTION" || k.name == "BEAMGENERALSECTION") &&
       !take_section(p, k))
     return false;
-  if (k.name == "NSET") {
+  std::string node_set = upper_without_blanks(param(k, "NSET"));
+  if (k.name == "NSET" || (k.name == "NODE" && !node_set.empty())) {
     // A set named again goes on where it stopped, as in CalculiX.
-    std::string name = upper_without_blanks(param(k, "NSET"));
+    std::string name = node_set;
     auto it = std::find_if(p.deck.sets.begin(), p.deck.sets.end(),
                            [&](const NodeSet &s) { return s.name == name; });
     if (it == p.deck.sets.end()) {
@@ -291,6 +295,7 @@ bool take_data(Parser &p, const std::string &line) {
     if (v.empty()) return true;
     v.resize(4, 0.0);
     p.all_nodes.emplace_back(static_cast<int>(v[0]), p.all_xyz.size());
+    if (p.set) p.set->ids.push_back(static_cast<int>(v[0]));
     p.all_xyz.insert(p.all_xyz.end(), v.begin() + 1, v.begin() + 4);
     return true;
   }

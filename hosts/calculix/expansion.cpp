@@ -61,17 +61,21 @@ Vec shell_normal(const Deck &deck, const Structure &e) {
   return length > 0 ? scaled(n, 1.0 / length) : n;
 }
 
+// The thickness is the section's, or with its NODAL THICKNESS parameter each node's own (a
+// *NODAL THICKNESS without that parameter is not used, as in CalculiX).
 bool place_shell(const Deck &deck, const Structure &e, const Section &s, Expansion &x,
-                 std::vector<double> &thickness) {
-  if (s.numbers.empty() || !(s.numbers[0] > 0.0))
+                 const std::vector<double> &nodal, std::vector<double> &thickness) {
+  if (!s.nodal && (s.numbers.empty() || !(s.numbers[0] > 0.0)))
     return failed("*SHELL SECTION, ELSET=%s gives no positive thickness", s.elset.c_str());
   Vec n = shell_normal(deck, e);
   if (norm(n) == 0.0) return failed("shell element %d has no area", e.id);
   for (int id : e.nodes) {
     size_t i = static_cast<size_t>(node_index(deck, id));
+    if (s.nodal && !(nodal[i] > 0.0))
+      return failed("node %d of shell element %d has no *NODAL THICKNESS", id, e.id);
     x.kind[i] = Expansion::kShell;
     for (int d = 0; d < 3; ++d) x.axes[6 * i + d] += n[d];
-    if (thickness[i] == 0.0) thickness[i] = s.numbers[0];
+    if (thickness[i] == 0.0) thickness[i] = s.nodal ? nodal[i] : s.numbers[0];
   }
   return true;
 }
@@ -136,10 +140,10 @@ bool build_expansion(const Deck &deck, Expansion &x) {
   x.edge.assign(nodes, 1.0);
   x.slots.assign(3 * nodes, 0);
   x.tied.assign(nodes, 0);
-  std::vector<double> thickness(nodes, 0.0);
+  std::vector<double> thickness(nodes, 0.0), nodal(nodes, 0.0);
   for (const auto &[id, t] : deck.nodal_thickness) {
     int i = node_index(deck, id);
-    if (i >= 0 && t > 0.0) thickness[static_cast<size_t>(i)] = t;
+    if (i >= 0) nodal[static_cast<size_t>(i)] = t;
   }
   std::vector<int> section = element_sections(deck);
   for (size_t k = 0; k < deck.structures.size(); ++k) {
@@ -154,7 +158,7 @@ bool build_expansion(const Deck &deck, Expansion &x) {
     if (s.offset)
       return failed("the section of %s element %d has an offset, which cannot be exported",
                     e.type.c_str(), e.id);
-    if (!(e.beam ? place_beam(deck, e, s, x) : place_shell(deck, e, s, x, thickness))) return false;
+    if (!(e.beam ? place_beam(deck, e, s, x) : place_shell(deck, e, s, x, nodal, thickness))) return false;
   }
   for (const Element &e : deck.elements)
     for (int id : e.nodes) {

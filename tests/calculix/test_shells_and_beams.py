@@ -133,8 +133,7 @@ def test_eigenvalues_and_translations_are_calculix_own(exports, name):
     ids = np.sort(f.node_ids)
     shapes = np.asarray(f.mode_shapes)
     largest = np.abs(shapes[:, :, :3]).max()
-    for k in elastic_separated(np.r_[np.full(6 - first, -1.0), f.eigenvalues], 0.05)[: 4]:
-        k -= 6 - first
+    for k in separated(name, f.eigenvalues)[: 4]:
         ours = by_node(f.mode_shape_node_ids, shapes[k], ids)[:, :3]
         theirs_k = np.array([tables[k][n] for n in ids])
         # A torsion mode of a beam moves no node: its translations are round-off.
@@ -142,6 +141,14 @@ def test_eigenvalues_and_translations_are_calculix_own(exports, name):
             sign = 1.0 if np.sum(ours * theirs_k) >= 0 else -1.0
             worst = np.abs(ours - sign * theirs_k).max() / np.abs(theirs_k).max()
             assert worst < 1e-4, f"{name} mode {k + 1}: {worst:.1e}"
+
+
+def separated(name, eigenvalues):
+    """The modes at least 5% from their neighbours: the elastic ones of a free body, any of a
+    held one."""
+    rigid = 6 if MODELS[name][1] else 0
+    padded = np.r_[np.full(6 - rigid, -1.0), eigenvalues]
+    return [k - 6 + rigid for k in elastic_separated(padded, 0.05)]
 
 
 def rotations_from_expansion(e):
@@ -189,8 +196,10 @@ def rotations_from_expansion(e):
     return out, knots
 
 
-# The .frd of a model that mixes shells and solids lists no expanded node.
-@pytest.mark.parametrize("name", ["s8_plate", "s8r_fold", "b32r_frame", "b31_beam", "sheet"])
+# Not beamfsh1: its shells are 1e-4 thick, and the .frd's five digits of top and bottom cannot
+# resolve their difference.
+@pytest.mark.parametrize("name", ["s8_plate", "s8r_fold", "b32r_frame", "b31_beam", "sheet",
+                                  "welded", "shellf", "boxprofile"])
 def test_rotations_are_those_of_the_expanded_nodes(exports, name):
     e = exports[name]
     f = e.read()
@@ -198,7 +207,7 @@ def test_rotations_are_those_of_the_expanded_nodes(exports, name):
     expanded, knots = rotations_from_expansion(e)
     if name in ("s8r_fold", "b32r_frame", "sheet"):
         assert knots, f"{name}: CalculiX made no knot"
-    for k in elastic_separated(f.eigenvalues):
+    for k in separated(name, f.eigenvalues):
         ours = by_node(f.mode_shape_node_ids, shapes[k], np.array(sorted(expanded)))[:, 3:]
         theirs, mine = [], []
         for at, node in enumerate(sorted(expanded)):
@@ -206,7 +215,11 @@ def test_rotations_are_those_of_the_expanded_nodes(exports, name):
                 plane = np.eye(3) if normal is None else np.eye(3) - np.outer(normal, normal)
                 theirs.append(plane @ theta)
                 mine.append(plane @ ours[at])
-        # The .frd's five digits of each expanded translation.
+        # The .frd's five digits of each expanded translation; a mode that bends no shell has
+        # only round-off to compare.
+        size = np.ptp(f.coords, axis=0).max()
+        if np.abs(theirs).max() * size < 1e-6 * np.abs(shapes[k][:, :3]).max():
+            continue
         assert_same_up_to_sign(np.array(mine), np.array(theirs), f"{name} rotations of {k + 1}")
 
 
