@@ -211,9 +211,12 @@ bool set_modes(ExportJob &job) {
     double own_mass = dot(phi, m_phi);
     if (j > statics && !(std::fabs(own_mass - 1.0) < 1e-3))
       return failed(
-          "%s: mode %d has generalized mass %g where CalculiX writes 1; the file's layout "
-          "is not the one expected",
-          eig.name.c_str(), j - statics, own_mass);
+          "%s: mode %d has generalized mass %g where CalculiX writes 1%s",
+          eig.name.c_str(), j - statics, own_mass,
+          eig.eigenvalues[j - statics - 1] < 0.0 && own_mass < 0.0
+              ? ": its eigenvalue is negative too: CalculiX's mass matrix is not positive definite "
+                "for this model"
+              : "; the file's layout is not the one expected");
     for (int i = 1; i <= j; ++i) {
       const std::vector<double> *left = &phi;
       if (i != j) {
