@@ -280,6 +280,12 @@ bool map_expanded_rows(const Deck &deck, Expansion &x, DofMap &map) {
     if (count == 255) return failed("node %d has too many expanded rows", deck.node_ids[node]);
     map.row_slot[r] = count++;
   }
+  // A knot whose rotations are all held has no rotation rows; so would one whose rotation node
+  // CalculiX numbered otherwise, which this note would show.
+  for (size_t k = 0; k < rotation.size(); ++k)
+    if (seen[k] == 0)
+      note("note: knot %d has no rotation rows (rotation node %d): its rotations are zero",
+           deck.node_ids[static_cast<size_t>(rotation[k].second)], rotation[k].first);
   return true;
 }
 
