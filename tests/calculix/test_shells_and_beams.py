@@ -59,9 +59,9 @@ EIGENVALUES = {"shellf": 2e-5}
 
 
 
-def _write_deck(name, where):
+def _write_deck(name, where, stem=None):
     source = MODELS[name][0]
-    path = os.path.join(where, name + ".inp")
+    path = os.path.join(where, (stem or name) + ".inp")
     if callable(source):
         text = source()
     elif source.endswith(".geo"):
@@ -314,8 +314,8 @@ def stressed(ccx2krx, tmp_path_factory):
 
     def export(case):
         name, options = case
-        label = name + "_" + "_".join(options)
-        deck = _write_deck(name, str(where))
+        label = name + "_".join(("",) + options)
+        deck = _write_deck(name, str(where), label)  # each run its own deck: they run at once
         out, keep = str(where / f"{label}.krx"), str(where / f"work_{label}")
         run = run_tool(ccx2krx, [deck, "-o", out, "--modes", str(MODES), "--keep", keep,
                                  "--stress", *options])
