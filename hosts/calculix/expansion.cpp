@@ -47,18 +47,67 @@ std::vector<int> element_sections(const Deck &deck) {
   return section;
 }
 
-// Newell's normal of the element's corner polygon, of unit length.
-Vec shell_normal(const Deck &deck, const Structure &e) {
-  Vec n = {0, 0, 0};
-  for (int k = 0; k < e.corners; ++k) {
-    Vec a = point(deck, node_index(deck, e.nodes[k]));
-    Vec b = point(deck, node_index(deck, e.nodes[(k + 1) % e.corners]));
-    n[0] += (a[1] - b[1]) * (a[2] + b[2]);
-    n[1] += (a[2] - b[2]) * (a[0] + b[0]);
-    n[2] += (a[0] - b[0]) * (a[1] + b[1]);
+// Natural coordinates of the nodes of a quadrilateral (corners, then midsides) and of a
+// triangle (corners, then midsides), in CalculiX's order.
+const double kQuad[8][2] = {{-1, -1}, {1, -1}, {1, 1}, {-1, 1}, {0, -1}, {1, 0}, {0, 1}, {-1, 0}};
+const double kTriangle[6][2] = {{0, 0}, {1, 0}, {0, 1}, {0.5, 0}, {0.5, 0.5}, {0, 0.5}};
+
+// Derivatives of shape function i of an element of n nodes at natural coordinates (r, s).
+void shape_derivatives(int n, int i, double r, double s, double &dr, double &ds) {
+  if (n == 4 || n == 8) {
+    double ri = kQuad[i][0], si = kQuad[i][1];
+    if (n == 4) {
+      dr = 0.25 * ri * (1 + s * si);
+      ds = 0.25 * si * (1 + r * ri);
+    } else if (i < 4) {
+      dr = 0.25 * ri * (1 + s * si) * (2 * r * ri + s * si);
+      ds = 0.25 * si * (1 + r * ri) * (r * ri + 2 * s * si);
+    } else if (ri == 0) {
+      dr = -r * (1 + s * si);
+      ds = 0.5 * si * (1 - r * r);
+    } else {
+      dr = 0.5 * ri * (1 - s * s);
+      ds = -s * (1 + r * ri);
+    }
+    return;
   }
-  double length = norm(n);
-  return length > 0 ? scaled(n, 1.0 / length) : n;
+  double l = 1 - r - s;  // the first corner's area coordinate
+  const double linear[3][2] = {{-1, -1}, {1, 0}, {0, 1}};
+  if (n == 3) {
+    dr = linear[i][0];
+    ds = linear[i][1];
+    return;
+  }
+  const double at[3] = {l, r, s};
+  if (i < 3) {
+    dr = (4 * at[i] - 1) * linear[i][0];
+    ds = (4 * at[i] - 1) * linear[i][1];
+    return;
+  }
+  // Midside i - 3 joins corners (0, 1), (1, 2), (2, 0): N = 4 L_a L_b.
+  int a = i - 3, b = (i - 2) % 3;
+  dr = 4 * (linear[a][0] * at[b] + at[a] * linear[b][0]);
+  ds = 4 * (linear[a][1] * at[b] + at[a] * linear[b][1]);
+}
+
+// The element's unit normal at its node k: the cross product of the surface's derivatives along
+// its natural coordinates there, as CalculiX places the expanded nodes of a curved shell.
+Vec shell_normal(const Deck &deck, const Structure &e, int k) {
+  int n = static_cast<int>(e.nodes.size());
+  const double *at = n == 4 || n == 8 ? kQuad[k] : kTriangle[k];
+  Vec dr = {0, 0, 0}, ds = {0, 0, 0};
+  for (int i = 0; i < n; ++i) {
+    double a = 0.0, b = 0.0;
+    shape_derivatives(n, i, at[0], at[1], a, b);
+    Vec x = point(deck, node_index(deck, e.nodes[i]));
+    for (int d = 0; d < 3; ++d) {
+      dr[d] += a * x[d];
+      ds[d] += b * x[d];
+    }
+  }
+  Vec normal = cross(dr, ds);
+  double length = norm(normal);
+  return length > 0 ? scaled(normal, 1.0 / length) : normal;
 }
 
 // The thickness is the section's, or with its NODAL THICKNESS parameter each node's own (a
@@ -67,9 +116,10 @@ bool place_shell(const Deck &deck, const Structure &e, const Section &s, Expansi
                  const std::vector<double> &nodal, std::vector<double> &thickness) {
   if (!s.nodal && (s.numbers.empty() || !(s.numbers[0] > 0.0)))
     return failed("*SHELL SECTION, ELSET=%s gives no positive thickness", s.elset.c_str());
-  Vec n = shell_normal(deck, e);
-  if (norm(n) == 0.0) return failed("shell element %d has no area", e.id);
-  for (int id : e.nodes) {
+  for (size_t k = 0; k < e.nodes.size(); ++k) {
+    int id = e.nodes[k];
+    Vec n = shell_normal(deck, e, static_cast<int>(k));
+    if (norm(n) == 0.0) return failed("shell element %d has no area at node %d", e.id, id);
     size_t i = static_cast<size_t>(node_index(deck, id));
     if (s.nodal && !(nodal[i] > 0.0))
       return failed("node %d of shell element %d has no *NODAL THICKNESS", id, e.id);

@@ -66,8 +66,13 @@ def plate(kind, nx, ny, length, width, thickness, fold=None, first=1):
     return nodes, elements
 
 
-def shell_deck(kind, nx=4, ny=2, length=40.0, width=20.0, thickness=1.0, fold=None):
+def shell_deck(kind, nx=4, ny=2, length=40.0, width=20.0, thickness=1.0, fold=None, radius=None):
+    """A plate deck; with radius, the plate is rolled about an axis along y into a cylindrical
+    panel whose arc is the plate's length."""
     nodes, elements = plate(kind, nx, ny, length, width, thickness, fold)
+    if radius:
+        nodes = {k: (radius * np.sin(x / radius), y, radius * (1 - np.cos(x / radius)))
+                 for k, (x, y, z) in nodes.items()}
     return (f"*HEADING\n{kind} plate\n" + _node_lines(nodes) +
             _element_lines(kind, "PLATE", elements) + MATERIAL +
             f"*SHELL SECTION,ELSET=PLATE,MATERIAL=STEEL\n{thickness}\n")

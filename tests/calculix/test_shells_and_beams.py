@@ -27,6 +27,7 @@ MODELS = {
     "s8_plate": (lambda: st.shell_deck("S8"), True, PLATE, 800),
     "s4_plate": (lambda: st.shell_deck("S4", nx=8, ny=4), True, PLATE, 800),
     "s6_plate": (lambda: st.shell_deck("S6"), True, PLATE, 800),
+    "s8_panel": (lambda: st.shell_deck("S8", nx=6, length=60.0, radius=50.0), True, None, None),
     "s8r_fold": (lambda: st.shell_deck("S8R", fold=20.0), True,
                  st.boxes([((10, 10, 0), (20, 20, 1)), ((20, 10, 10), (1, 20, 20))]), 800),
     # The section: 4 along z, the direction given; 2 across the beam.
@@ -201,8 +202,8 @@ def rotations_from_expansion(e):
 
 # Not beamfsh1: its shells are 1e-4 thick, and the .frd's five digits of top and bottom cannot
 # resolve their difference.
-@pytest.mark.parametrize("name", ["s8_plate", "s6_plate", "s8r_fold", "b32r_frame", "b31_beam",
-                                  "sheet", "welded", "shellf", "boxprofile"])
+@pytest.mark.parametrize("name", ["s8_plate", "s6_plate", "s8_panel", "s8r_fold", "b32r_frame",
+                                  "b31_beam", "sheet", "welded", "shellf", "boxprofile"])
 def test_rotations_are_those_of_the_expanded_nodes(exports, name):
     e = exports[name]
     f = e.read()
@@ -226,7 +227,9 @@ def test_rotations_are_those_of_the_expanded_nodes(exports, name):
         assert_same_up_to_sign(np.array(mine), np.array(theirs), f"{name} rotations of {k + 1}")
 
 
-@free
+# Not the curved panel: its nodes' normals are not the chords of its elements that
+# rotation_axes takes (its rotations are checked against CalculiX's expanded nodes).
+@pytest.mark.parametrize("name", [name for name in FREE if name != "s8_panel"])
 def test_rigid_body_modes_turn_every_node_alike(exports, name):
     """Each rigid-body mode is u = a + w x x at every node and the rotation w at every shell and
     beam node, about the surface's axes on shells (whose drilling rotation is not available)."""
