@@ -175,30 +175,6 @@ TEST(CcxStructures, ProjectsARigidMotionOntoEveryKindOfNode) {
     for (int k = 0; k < 6; ++k) EXPECT_NEAR(by_node[6 * i + k], expected[i][k], 1e-14) << i << k;
 }
 
-TEST(CcxStructures, LeavesAHeldDirectionOfAShellNodeAtZero) {
-  RigidCase c = rigid_case();
-  // The shell node's z rows but one are gone: CalculiX keeps the through-thickness stretch.
-  std::vector<size_t> keep;
-  for (size_t r = 0; r < c.rows.size(); ++r)
-    if (!(c.map.row_node[r] == 0 && c.map.row_dir[r] == 2 && r > 2)) keep.push_back(r);
-  ccx::DofMap map;
-  std::vector<double> rows;
-  for (size_t r : keep) {
-    map.row_node.push_back(c.map.row_node[r]);
-    map.row_dir.push_back(c.map.row_dir[r]);
-    map.row_id.push_back(c.map.row_id[r]);
-    rows.push_back(c.rows[r]);
-  }
-  ccx::Deck deck;
-  deck.node_ids = {1, 2, 3, 4};
-  ASSERT_TRUE(ccx::map_expanded_rows(deck, c.e, map));
-  std::vector<double> by_node;
-  ccx::project_rows(c.e, map, rows.data(), by_node);
-  EXPECT_EQ(by_node[2], 0.0);
-  EXPECT_NEAR(by_node[0], 1.0, 1e-14);
-  EXPECT_NEAR(by_node[3], 0.1, 1e-14);
-}
-
 // The mass matrix of rigid_case's rows: the shell node's expanded nodes 1, 4, 1 (per direction),
 // the beam corners 2 each, the knot 5 with a rotation block, the tied node 6, 3, 1; and an
 // incompatible-mode row with mass that is no node's.
