@@ -230,9 +230,10 @@ struct Expansion {
   std::vector<int> knots;           // ids of the knot nodes, ascending
   std::vector<int> rotation_nodes;  // their rotation nodes
 };
-// The reference geometry of every shell and beam node from the deck: normals averaged over the
-// elements at the node, thickness from *NODAL THICKNESS or the element's *SHELL SECTION, beam
-// axes from the section's direction. Refuses elements without a section, offsets, sections it
+// The reference geometry of every shell and beam node from the deck: each element's normal at
+// the node (from its shape functions) averaged over the node's elements, thickness from the
+// *SHELL SECTION (or *NODAL THICKNESS with its NODAL THICKNESS parameter), beam axes from the
+// section's direction. Refuses elements without a section, offsets, sections it
 // cannot place.
 bool build_expansion(const Deck &deck, Expansion &e);
 // Knots and their rotation nodes from JOB.12d (the rotation node follows the knot's last
@@ -246,13 +247,14 @@ bool map_expanded_rows(const Deck &deck, Expansion &e, DofMap &map);
 // Six components per entry of deck.node_ids from a vector over the matrices' rows: solid nodes
 // and knots as the rows give them; shells the mid-surface's translation (CalculiX's own: the mean
 // of bottom and top, for three nodes (bottom + 4 middle + top) / 6) and n x (u_top - u_bottom) /
-// t; beams the mean of the corners and the least-squares rotation of the corners. A direction
+// t, the bottom of a tied node from the node's own rows; beams the mean of the corners and the least-squares rotation of the corners. A direction
 // held at a node (fewer rows than the node's others) stays zero.
 void project_rows(const Expansion &e, const DofMap &map, const double *rows,
                   std::vector<double> &by_node);
 // Nodal masses and rotary inertias: each expanded node's share (as lump_masses gives it),
-// summed onto its original node with the inertia of its offset; a knot's inertia is its rotation
-// rows' block of the mass matrix. inertia: I11, I22, I33, I12, I13, I23 per entry.
+// summed onto its original node, whose inertia is that of its expanded nodes turning together
+// (their block of the consistent mass, scaled to the node's mass); a knot's inertia is its
+// rotation rows' block of the mass matrix. inertia: I11, I22, I33, I12, I13, I23 per entry.
 bool lump_expanded_masses(const Matrices &m, const DofMap &map, const Expansion &e,
                           std::vector<double> &nodal, std::vector<double> &inertia, double &total);
 // Stresses at the original nodes from those of the .frd (node ids, six values each): solid
