@@ -50,3 +50,17 @@ echo "== python3 -m krx: out/bracket.vtu, out/bracket_mode7.png and out/bracket.
 /usr/bin/python3 -m krx plot out/bracket.krx --mode 7 -o out/bracket_mode7.png --scale 0.2
 /usr/bin/python3 -m krx html out/bracket.krx -o out/bracket.html
 echo "(open out/bracket.html in a browser: file://$PWD/out/bracket.html)"
+echo
+echo "== gmsh meshes a bent sheet in S8R shells 1.5 mm thick: out/sheet.inp"
+/usr/bin/python3 hosts/calculix/geometry/make_deck.py hosts/calculix/geometry/sheet.geo \
+  out/sheet.inp -setnumber h 4 --shell 1.5
+echo
+echo "== ccx2krx out/sheet.inp -o out/sheet.krx --modes 12 --stress --timing"
+TMP="$PWD/out" build/ccx2krx out/sheet.inp -o out/sheet.krx --modes 12 --stress --timing \
+  > out/sheet.log
+echo "(the library's messages are in out/sheet.log)"
+build/krxdump out/sheet.krx -b 7
+/usr/bin/python3 -m krx vtu out/sheet.krx out/sheet.vtu
+/usr/bin/python3 -m krx plot out/sheet.krx --mode 7 -o out/sheet_mode7.png
+/usr/bin/python3 -m krx html out/sheet.krx -o out/sheet.html
+echo "(open out/sheet.html in a browser: file://$PWD/out/sheet.html)"

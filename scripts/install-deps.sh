@@ -2,8 +2,8 @@
 # Installs the build and test dependencies that are missing (apt-get, when run as root).
 set -euo pipefail
 packages=(cmake ninja-build g++ clang libclang-rt-dev gfortran pkg-config libtirpc-dev libgtest-dev
-          libgmock-dev libbenchmark-dev liblapack-dev calculix-ccx gmsh chromium libjs-three
-          libsuitesparse-dev libopenblas-dev libeigen3-dev libspectra-dev libmumps-dev
+          libgmock-dev libbenchmark-dev liblapack-dev calculix-ccx calculix-ccx-test gmsh chromium
+          libjs-three libsuitesparse-dev libopenblas-dev libeigen3-dev libspectra-dev libmumps-dev
           libopenmpi-dev python3-numpy python3-meshio python3-matplotlib python3-pytest)
 missing=()
 for p in "${packages[@]}"; do

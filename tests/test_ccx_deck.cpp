@@ -81,15 +81,15 @@ TEST(CcxDeck, JoinsElementRecordsSpreadOverLinesAndReadsIncludes) {
 
 TEST(CcxDeck, RefusesDecksItCannotExport) {
   const std::string base = kTwoHexahedra;
-  const std::string shell =
+  const std::string plane =
       "*NODE\n1,0,0,0\n2,1,0,0\n3,1,1,0\n4,0,1,0\n"
-      "*ELEMENT,TYPE=S4,ELSET=E\n1,1,2,3,4\n*DENSITY\n1.0\n";
+      "*ELEMENT,TYPE=CPS4,ELSET=E\n1,1,2,3,4\n*DENSITY\n1.0\n";
   const std::string no_density = base.substr(0, base.find("*DENSITY"));
   const std::string no_element = "*NODE\n1,0,0,0\n*DENSITY\n1.0\n";
   const std::string unknown_node = base + "*ELEMENT,TYPE=C3D4\n3,1,2,3,50\n";
   const std::string missing_include = "*INCLUDE,INPUT=nowhere.inp\n" + base;
   for (const std::string *text :
-       {&shell, &no_density, &no_element, &unknown_node, &missing_include}) {
+       {&plane, &no_density, &no_element, &unknown_node, &missing_include}) {
     ccx::Deck deck;
     EXPECT_FALSE(ccx::parse_deck(*text, ".", deck)) << *text;
   }

@@ -36,19 +36,51 @@ struct Interface {
   std::vector<int> tied;  // the set's nodes of the solid elements, by index into node_ids
 };
 
+// A shell or beam element, which CalculiX expands into solids of its own: its type, its node ids
+// in CalculiX's order (corners first) and the element sets that hold it.
+struct Structure {
+  int id = 0;
+  std::string type;
+  bool beam = false;
+  int corners = 0;
+  std::vector<int> nodes;
+};
+
+// A *SHELL SECTION or *BEAM SECTION / *BEAM GENERAL SECTION: its element set, section name and
+// offset parameters as written, and the numbers of its data lines (shell: the thickness; beam:
+// the section's sizes, then the direction of its first axis).
+struct Section {
+  bool beam = false;
+  std::string elset;
+  std::string shape;    // RECT, CIRC, BOX, ... for beams
+  bool offset = false;  // a nonzero OFFSET, OFFSET1 or OFFSET2
+  bool nodal = false;   // NODAL THICKNESS: the thickness of each node from *NODAL THICKNESS
+  std::vector<double> numbers;
+};
+
+// An element set of the deck, its name in upper case, its element ids.
+struct ElementSet {
+  std::string name;
+  std::vector<int> ids;
+};
+
 // The model part of a deck: everything before the first *STEP, with *INCLUDEs read in.
 struct Deck {
   std::string text;        // the model part as written to model.inp
   std::string heading;     // first line after *HEADING, trimmed; empty without one
   bool has_steps = false;  // the deck went on past the model part
   bool has_density = false;
-  std::vector<int> node_ids;      // sorted ascending: nodes of solid elements, then the
-                                  // reference nodes of the interfaces
-  std::vector<double> xyz;        // three per entry of node_ids
-  std::vector<Element> elements;  // the solid elements
+  std::vector<int> node_ids;          // sorted ascending: nodes of the elements, then the
+                                      // reference nodes of the interfaces
+  std::vector<double> xyz;            // three per entry of node_ids
+  std::vector<Element> elements;      // the solid elements
+  std::vector<Structure> structures;  // the shell and beam elements
+  std::vector<Section> sections;
+  std::vector<ElementSet> element_sets;
+  std::vector<std::pair<int, double>> nodal_thickness;  // *NODAL THICKNESS, node by node
   std::vector<NodeSet> sets;
   int max_node_id = 0;            // over every node the deck defines
-  int solid_nodes = 0;            // entries of node_ids that solid elements use
+  int solid_nodes = 0;            // entries of node_ids that elements use
   int tied_nodes = 0;             // nodes of the solid elements in interface sets
   std::string dependent_keyword;  // the first *EQUATION, *TIE, *MPC, ... of the model part
   // The material for stresses: Young's modulus and Poisson's ratio of the one isotropic linear
@@ -103,6 +135,8 @@ bool run_calculix(const std::string &dir, const std::vector<std::string> &jobs, 
 struct DofMap {
   std::vector<int> row_node;
   std::vector<int> row_dir;
+  std::vector<int> row_id;    // the node id the .dof gives
+  std::vector<int> row_slot;  // with shells and beams: see map_expanded_rows
 };
 bool read_dof_map(const std::string &path, const Deck &deck, DofMap &map);
 bool parse_dof_map(std::FILE *file, const std::string &name, const Deck &deck, DofMap &map);
@@ -185,6 +219,67 @@ struct Face {
 };
 bool collect_skin(const Deck &deck, std::vector<Face> &faces);
 
+// Shells and beams. CalculiX expands each into solids of its own: three nodes through a shell's
+// thickness (bottom, middle, top), eight on a beam's section (four corners, then four edge
+// middles), numbered after the deck's nodes. Its matrices label every expanded row with the
+// original node; JOB.12d lists each element's expanded nodes and the knots: nodes where normals
+// or sections meet at an angle or change, which get a rotation node (rows 1-3: rotations about
+// x, y, z) and an expansion node of their own, and whose expanded nodes follow them.
+struct Expansion {
+  enum Kind : unsigned char { kSolid = 0, kShell = 1, kBeam = 2, kKnot = 3 };
+  std::vector<unsigned char> kind;  // per entry of deck.node_ids
+  // Shells: the vector from the bottom to the top surface (thickness x normal), then zeros.
+  // Beams: the corners' offsets along the section's first and second axis (3 + 3): corner k
+  // lies at s1[k] a1 + s2[k] a2 with s1 = (-1, -1, 1, 1), s2 = (1, -1, -1, 1).
+  std::vector<double> axes;          // six per entry
+  std::vector<double> edge;          // beams: edge middles at edge x a1, edge x a2 (round: sqrt 2)
+  std::vector<unsigned char> slots;  // expanded nodes with a row, three directions per entry
+  // Shell nodes that solid elements use as well: their first rows are the node's own, and the
+  // bottom node follows from the rest (the node is the mean of its expanded nodes).
+  std::vector<unsigned char> tied;
+  // The expanded nodes whose stresses stand for the node: a shell's bottom and top (from its
+  // first element), a beam's section corner at +a1 +a2 twice. Two per entry, 0 for none.
+  std::vector<int> surface;
+  std::vector<int> knots;           // ids of the knot nodes, ascending
+  std::vector<int> rotation_nodes;  // their rotation nodes
+};
+// The reference geometry of every shell and beam node from the deck: each element's normal at
+// the node (from its shape functions) averaged over the node's elements, thickness from the
+// *SHELL SECTION (or *NODAL THICKNESS with its NODAL THICKNESS parameter), beam axes from the
+// section's direction. Refuses elements without a section, offsets, sections it
+// cannot place.
+bool build_expansion(const Deck &deck, Expansion &e);
+// Knots and their rotation nodes from JOB.12d (the rotation node follows the knot's last
+// expanded node), and the expanded nodes of e.surface.
+bool read_knots(const std::string &path, const Deck &deck, Expansion &e);
+bool parse_knots(std::FILE *file, const std::string &name, const Deck &deck, Expansion &e);
+// Gives each row of an expanded model its slot (the row's expanded node among those of its
+// original node and direction, in CalculiX's order: bottom to top, corners first) and moves the
+// rows of a knot's rotation node to the knot, directions 3..5. Counts e.slots.
+bool map_expanded_rows(const Deck &deck, Expansion &e, DofMap &map);
+// Six components per entry of deck.node_ids from a vector over the matrices' rows: solid nodes
+// and knots as the rows give them; shells the mid-surface's translation (CalculiX's own: the mean
+// of bottom and top, for three nodes (bottom + 4 middle + top) / 6) and n x (u_top - u_bottom) /
+// t, the bottom of a tied node from the node's own rows; beams the mean of the corners and the least-squares rotation of the corners. A direction
+// held at a node (fewer rows than the node's others) stays zero.
+void project_rows(const Expansion &e, const DofMap &map, const double *rows,
+                  std::vector<double> &by_node);
+// Nodal masses and rotary inertias: each expanded node's share (as lump_masses gives it),
+// summed onto its original node, whose inertia is that of its expanded nodes turning together
+// (their block of the consistent mass, scaled to the node's mass); a knot's inertia is its
+// rotation rows' block of the mass matrix. inertia: I11, I22, I33, I12, I13, I23 per entry.
+bool lump_expanded_masses(const Matrices &m, const DofMap &map, const Expansion &e,
+                          std::vector<double> &nodal, std::vector<double> &inertia, double &total);
+// Stresses at the original nodes from those of the .frd (node ids, six values each): solid
+// nodes and nodes that tie shells to solids their own; shells at the bottom (surface -1) or top
+// (1) surface or the mean of both (0), beams at the section corner of e.surface. by_node gets
+// six values per entry of deck.node_ids, has 1 for each entry set.
+void project_stresses(const Expansion &e, const Deck &deck, int surface,
+                      const std::vector<int> &ids, const std::vector<double> &values,
+                      std::vector<double> &by_node, std::vector<unsigned char> &has);
+// Shell faces: each shell element's corner polygon, in the element's order.
+void collect_shell_faces(const Deck &deck, std::vector<Face> &faces);
+
 // What the export hands to the library, read by export.cpp through the KRX_ entries.
 struct ExportJob {
   const Deck *deck = nullptr;
@@ -193,9 +288,12 @@ struct ExportJob {
   std::string units_name;
   double units[4] = {1.0, 1.0, 1.0, 1.0};  // SI value of the model's mass, length, time, force
   bool stress = false;
+  int shell_surface = 1;  // -1 bottom, 0 mid-surface, 1 top
   const DofMap *map = nullptr;
   const Matrices *matrices = nullptr;
   const std::vector<double> *nodal_mass = nullptr;
+  const std::vector<double> *nodal_inertia = nullptr;  // with shells and beams
+  const Expansion *expansion = nullptr;                // with shells and beams
   const std::vector<Face> *faces = nullptr;
   EigenFile *eig = nullptr;
   FrdReader *frd = nullptr;

@@ -52,6 +52,26 @@ const SolidType kSolidTypes[] = {
     {"C3D8", 2, 8}, {"C3D8R", 2, 8},  {"C3D20", 2, 20}, {"C3D20R", 2, 20},
 };
 
+// Shells and beams: the corners among their nodes. CalculiX expands them into solids itself.
+struct StructureType {
+  const char *name;
+  bool beam;
+  int corners;
+  int nodes;
+};
+
+const StructureType kStructureTypes[] = {
+    {"S3", false, 3, 3}, {"S4", false, 4, 4},  {"S4R", false, 4, 4}, {"S6", false, 3, 6},
+    {"S8", false, 4, 8}, {"S8R", false, 4, 8}, {"B31", true, 2, 2},  {"B32", true, 2, 3},
+    {"B32R", true, 2, 3},
+};
+
+const StructureType *structure_type(const std::string &name) {
+  for (const StructureType &t : kStructureTypes)
+    if (name == t.name) return &t;
+  return nullptr;
+}
+
 const int kIncludeDepth = 10;
 
 // A keyword line split into its upper-case name (blanks removed) and its parameters.
@@ -145,10 +165,12 @@ struct Parser {
   int element_nodes = 0;
   bool want_heading = false;
   bool stopped = false;
-  std::vector<double> record;  // the numbers of an element record spread over lines
-  NodeSet *set = nullptr;      // the set that *NSET data lines add to
-  std::string material;        // the *MATERIAL whose cards are being read
-  int elastic_lines = -1;      // data lines of its *ELASTIC so far (-1: not in *ELASTIC)
+  std::vector<double> record;   // the numbers of an element record spread over lines
+  NodeSet *set = nullptr;       // the set that *NSET data lines add to
+  ElementSet *elset = nullptr;  // the set that *ELSET data lines and *ELEMENT, ELSET= add to
+  Section *section = nullptr;   // the section whose data lines are being read
+  std::string material;         // the *MATERIAL whose cards are being read
+  int elastic_lines = -1;       // data lines of its *ELASTIC so far (-1: not in *ELASTIC)
   bool generate = false;
   std::vector<std::pair<int, size_t>> all_nodes;  // node id, position in all_xyz
   std::vector<double> all_xyz;
@@ -184,26 +206,63 @@ void take_material_keyword(Parser &p, const Keyword &k) {
   }
   for (const char *name : kInelastic)
     if (k.name == name) refuse_material(deck, "material " + p.material + " has *" + k.name);
+// The element set of that name, made empty when the deck names it first.
+ElementSet *element_set(Deck &deck, const std::string &name) {
+  for (ElementSet &s : deck.element_sets)
+    if (s.name == name) return &s;
+  deck.element_sets.push_back(ElementSet{name, {}});
+  return &deck.element_sets.back();
+}
+
+bool take_section(Parser &p, const Keyword &k) {
+  Section s;
+  s.beam = k.name != "SHELLSECTION";
+  s.elset = upper_without_blanks(param(k, "ELSET"));
+  s.shape = upper_without_blanks(param(k, "SECTION"));
+  for (const char *name : {"OFFSET", "OFFSET1", "OFFSET2"})
+    s.offset = s.offset || std::strtod(param(k, name).c_str(), nullptr) != 0.0;
+  for (const auto &kv : k.params) {
+    s.nodal = s.nodal || kv.first == "NODALTHICKNESS";
+    if (kv.first == "COMPOSITE")
+      return failed("*SHELL SECTION, COMPOSITE cannot be exported: its layers are not projected");
+  }
+  p.deck.sections.push_back(std::move(s));
+  p.section = &p.deck.sections.back();
+  return true;
 }
 
 bool take_keyword(Parser &p, const std::string &line) {
   Keyword k = parse_keyword(line);
   p.block = k.name;
   p.record.clear();
+  p.section = nullptr;
+  p.set = nullptr;
   if (k.name == "ELEMENT") {
     p.element_type = upper_without_blanks(param(k, "TYPE"));
     int nodes = node_count_of_type(p.element_type);
+    if (const StructureType *t = structure_type(p.element_type)) nodes = t->nodes;
     if (nodes == 0)
       return failed(
           "element type %s is not supported: only the solid elements C3D4, C3D10, "
-          "C3D6, C3D15, C3D8, C3D8R, C3D20 and C3D20R can be exported (beam, shell "
-          "and plane elements cannot)",
+          "C3D6, C3D15, C3D8, C3D8R, C3D20, C3D20R, the shells S3, S4, S4R, S6, S8, S8R "
+          "and the beams B31, B32, B32R can be exported",
           p.element_type.empty() ? "(none)" : p.element_type.c_str());
     p.element_nodes = nodes;
+    std::string set = upper_without_blanks(param(k, "ELSET"));
+    p.elset = set.empty() ? nullptr : element_set(p.deck, set);
   }
-  if (k.name == "NSET") {
+  if (k.name == "ELSET") {
+    p.elset = element_set(p.deck, upper_without_blanks(param(k, "ELSET")));
+    p.generate = false;
+    for (const auto &kv : k.params) p.generate = p.generate || kv.first == "GENERATE";
+  }
+  if ((k.name == "SHELLSECTION" || k.name == "BEAMSECTION" || k.name == "BEAMGENERALSECTION") &&
+      !take_section(p, k))
+    return false;
+  std::string node_set = upper_without_blanks(param(k, "NSET"));
+  if (k.name == "NSET" || (k.name == "NODE" && !node_set.empty())) {
     // A set named again goes on where it stopped, as in CalculiX.
-    std::string name = upper_without_blanks(param(k, "NSET"));
+    std::string name = node_set;
     auto it = std::find_if(p.deck.sets.begin(), p.deck.sets.end(),
                            [&](const NodeSet &s) { return s.name == name; });
     if (it == p.deck.sets.end()) {
@@ -223,8 +282,43 @@ bool take_keyword(Parser &p, const std::string &line) {
                                  : k.name == "CONTACTPAIR" ? "CONTACT PAIR"
                                                            : k.name;
   take_material_keyword(p, k);
+  if (k.name == "NORMAL")
+    return failed("*NORMAL cannot be exported: the shells' normals are taken from their elements");
   if (k.name == "HEADING") p.want_heading = true;
   if (k.name == "DENSITY") p.deck.has_density = true;
+  return true;
+}
+
+// Element ids, ranges with GENERATE, or names of sets defined before.
+bool take_element_set_line(Parser &p, const std::string &line) {
+  std::vector<double> v;
+  append_numbers(line, v);
+  if (p.generate) {
+    long first = v.size() > 0 ? static_cast<long>(v[0]) : 0;
+    long last = v.size() > 1 ? static_cast<long>(v[1]) : first;
+    long step = v.size() > 2 ? static_cast<long>(v[2]) : 1;
+    if (step < 1 || last < first || last - first > 100000000L)
+      return failed("*ELSET, ELSET=%s, GENERATE: bad range \"%s\"", p.elset->name.c_str(),
+                    line.c_str());
+    for (long id = first; id <= last; id += step) p.elset->ids.push_back(static_cast<int>(id));
+    return true;
+  }
+  std::stringstream in(line);
+  std::string item;
+  while (std::getline(in, item, ',')) {
+    std::string name = upper_without_blanks(item);
+    if (name.empty()) continue;
+    char *end = nullptr;
+    long id = std::strtol(name.c_str(), &end, 10);
+    if (*end == 0) {
+      p.elset->ids.push_back(static_cast<int>(id));
+      continue;
+    }
+    std::string own = p.elset->name;  // the list may grow, which moves the set
+    ElementSet copy = *element_set(p.deck, name);
+    p.elset = element_set(p.deck, own);
+    p.elset->ids.insert(p.elset->ids.end(), copy.ids.begin(), copy.ids.end());
+  }
   return true;
 }
 
@@ -252,6 +346,7 @@ bool take_data(Parser &p, const std::string &line) {
     if (v.empty()) return true;
     v.resize(4, 0.0);
     p.all_nodes.emplace_back(static_cast<int>(v[0]), p.all_xyz.size());
+    if (p.set) p.set->ids.push_back(static_cast<int>(v[0]));
     p.all_xyz.insert(p.all_xyz.end(), v.begin() + 1, v.begin() + 4);
     return true;
   }
@@ -274,13 +369,40 @@ bool take_data(Parser &p, const std::string &line) {
   if (p.block == "ELEMENT") {
     append_numbers(line, p.record);
     if (static_cast<int>(p.record.size()) < p.element_nodes + 1) return true;
-    Element e;
-    e.id = static_cast<int>(p.record[0]);
-    e.shape = element_shape(p.element_type);
-    e.rule = p.element_type == "C3D8R" || p.element_type == "C3D20R" ? 1 : 0;
-    for (int k = 1; k <= p.element_nodes; ++k) e.nodes.push_back(static_cast<int>(p.record[k]));
-    p.deck.elements.push_back(std::move(e));
+    int id = static_cast<int>(p.record[0]);
+    std::vector<int> nodes;
+    for (int k = 1; k <= p.element_nodes; ++k) nodes.push_back(static_cast<int>(p.record[k]));
+    if (p.elset) p.elset->ids.push_back(id);
+    if (const StructureType *t = structure_type(p.element_type)) {
+      p.deck.structures.push_back(Structure{id, t->name, t->beam, t->corners, std::move(nodes)});
+    } else {
+      Element e;
+      e.id = id;
+      e.shape = element_shape(p.element_type);
+      e.rule = p.element_type == "C3D8R" || p.element_type == "C3D20R" ? 1 : 0;
+      e.nodes = std::move(nodes);
+      p.deck.elements.push_back(std::move(e));
+    }
     p.record.clear();
+    return true;
+  }
+  if (p.block == "ELSET" && p.elset) return take_element_set_line(p, line);
+  if (p.section) {
+    append_numbers(line, p.section->numbers);
+    return true;
+  }
+  if (p.block == "NODALTHICKNESS") {
+    std::vector<double> v;
+    append_numbers(line, v);
+    std::string first = upper_without_blanks(line.substr(0, line.find(',')));
+    if (v.empty()) return true;
+    auto set = std::find_if(p.deck.sets.begin(), p.deck.sets.end(),
+                            [&](const NodeSet &s) { return s.name == first; });
+    if (set == p.deck.sets.end()) {
+      if (v.size() > 1) p.deck.nodal_thickness.emplace_back(static_cast<int>(v[0]), v[1]);
+      return true;
+    }
+    for (int id : set->ids) p.deck.nodal_thickness.emplace_back(id, v.back());
   }
   return true;
 }
@@ -330,6 +452,8 @@ bool keep_element_nodes(Parser &p) {
   std::sort(p.all_nodes.begin(), p.all_nodes.end());
   std::vector<int> used;
   for (const Element &e : deck.elements) used.insert(used.end(), e.nodes.begin(), e.nodes.end());
+  for (const Structure &e : deck.structures)
+    used.insert(used.end(), e.nodes.begin(), e.nodes.end());
   std::sort(used.begin(), used.end());
   used.erase(std::unique(used.begin(), used.end()), used.end());
   if (!used.empty() && used.front() < 1)
@@ -373,17 +497,17 @@ int node_index(const Deck &deck, int id) {
 }
 
 bool parse_deck(const std::string &text, const std::string &base_dir, Deck &deck) {
-  Parser p{deck, "", "", 0, false, false, {}, nullptr, "", -1, false, {}, {}};
+  Parser p{deck, "", "", 0, false, false, {}, nullptr, nullptr, nullptr, "", -1, false, {}, {}};
   if (!walk_text(p, text, base_dir, 0)) return false;
   for (const std::string &used : deck.section_materials)
     if (used != deck.section_materials.front())
       refuse_material(deck, "the solid sections use more than one material");
   if (deck.material_refusal.empty() && !(deck.young > 0.0))
     refuse_material(deck, "the deck has no *ELASTIC with a positive Young's modulus");
-  if (deck.elements.empty())
+  if (deck.elements.empty() && deck.structures.empty())
     return failed(
-        "the deck holds no solid element (C3D4, C3D10, C3D6, C3D15, C3D8, C3D8R, "
-        "C3D20, C3D20R) before its first *STEP");
+        "the deck holds no element (solid C3D4, C3D10, C3D6, C3D15, C3D8, C3D8R, C3D20, "
+        "C3D20R; shell S3, S4, S4R, S6, S8, S8R; beam B31, B32, B32R) before its first *STEP");
   if (!deck.has_density)
     return failed("the deck has no *DENSITY: the mass matrix, and with it the modes, need one");
   return keep_element_nodes(p);

@@ -53,6 +53,12 @@ bool set_nodes(const ExportJob &job) {
     if (!entry(status, "a node")) return false;
     KRX_SET_NODAL_MASS(&id, &mass, &status);
     if (!entry(status, "a nodal mass")) return false;
+    if (!job.nodal_inertia) continue;
+    double J[6];
+    std::copy(&(*job.nodal_inertia)[6 * i], &(*job.nodal_inertia)[6 * i] + 6, J);
+    if (std::all_of(J, J + 6, [](double v) { return v == 0.0; })) continue;
+    KRX_SET_NODAL_INERTIA(&id, &J[0], &J[1], &J[2], &J[3], &J[4], &J[5], &status);
+    if (!entry(status, "a nodal inertia")) return false;
   }
   return true;
 }
@@ -85,6 +91,7 @@ bool set_shape(const ExportJob &job, int mode, const std::vector<double> &by_nod
 // follow their interface point; the rotations of solid nodes stay zero.
 void rows_to_nodes(const ExportJob &job, const std::vector<double> &rows,
                    std::vector<double> &by_node) {
+  if (job.expansion) return project_rows(*job.expansion, *job.map, rows.data(), by_node);
   by_node.assign(6 * job.deck->node_ids.size(), 0.0);
   for (size_t r = 0; r < rows.size(); ++r) {
     int node = job.map->row_node[r], dir = job.map->row_dir[r];
@@ -150,6 +157,23 @@ void recovered_stresses(const ExportJob &job, const std::vector<double> &by_node
 }
 
 // CalculiX lists SXX SYY SZZ SXY SYZ SZX; the library takes sigma x, y, z, tau xy, xz, yz.
+bool set_projected_stresses(ExportJob &job, int mode, const std::vector<int> &nodes,
+                            const std::vector<double> &values) {
+  std::vector<double> by_node;
+  std::vector<unsigned char> has;
+  project_stresses(*job.expansion, *job.deck, job.shell_surface, nodes, values, by_node, has);
+  for (size_t i = 0; i < has.size(); ++i) {
+    if (!has[i]) continue;
+    const double *s = &by_node[6 * i];
+    double ours[6] = {s[0], s[1], s[2], s[3], s[5], s[4]};
+    int id = job.deck->node_ids[i];
+    int status = 1;
+    KRX_SET_MODAL_STRESS_VEC(&mode, &id, ours, &status);
+    if (!entry(status, "a modal stress")) return false;
+  }
+  return true;
+}
+
 bool set_stresses(ExportJob &job, int mode, const std::vector<double> &by_node) {
   std::vector<int> nodes;
   std::vector<double> values;
@@ -157,6 +181,7 @@ bool set_stresses(ExportJob &job, int mode, const std::vector<double> &by_node) 
     recovered_stresses(job, by_node, nodes, values);
   else if (!read_frd_stresses(*job.frd, mode, nodes, values))
     return false;
+  if (job.expansion) return set_projected_stresses(job, mode, nodes, values);
   for (size_t k = 0; k < nodes.size(); ++k) {
     if (node_index(*job.deck, nodes[k]) < 0) continue;
     const double *s = &values[6 * k];
@@ -209,9 +234,12 @@ bool set_modes(ExportJob &job) {
     double own_mass = dot(phi, m_phi);
     if (j > statics && !(std::fabs(own_mass - 1.0) < 1e-3))
       return failed(
-          "%s: mode %d has generalized mass %g where CalculiX writes 1; the file's layout "
-          "is not the one expected",
-          eig.name.c_str(), j - statics, own_mass);
+          "%s: mode %d has generalized mass %g where CalculiX writes 1%s",
+          eig.name.c_str(), j - statics, own_mass,
+          eig.eigenvalues[j - statics - 1] < 0.0 && own_mass < 0.0
+              ? ": its eigenvalue is negative too: CalculiX's mass matrix is not positive definite "
+                "for this model"
+              : "; the file's layout is not the one expected");
     for (int i = 1; i <= j; ++i) {
       const std::vector<double> *left = &phi;
       if (i != j) {

@@ -36,6 +36,7 @@ struct Options {
   std::string output;
   int modes = 20;
   bool stress = false;
+  int shell_surface = 1;  // -1 bottom, 0 mid-surface, 1 top
   const UnitSystem *units = &kUnitSystems[1];
   std::string keep;
   bool timing = false;
@@ -47,30 +48,40 @@ struct Options {
 void usage(std::FILE *out) {
   std::fprintf(
       out,
-      "usage: ccx2krx MODEL.inp -o OUT.krx [--modes N] [--stress] [--units SYSTEM]\n"
-      "               [--keep DIR] [--timing] [--quiet] [--interface NSET ...]\n"
+      "usage: ccx2krx MODEL.inp -o OUT.krx [--modes N] [--stress] [--shell-surface SIDE]\n"
+      "               [--units SYSTEM] [--keep DIR] [--timing] [--quiet] [--interface NSET ...]\n"
       "               [--solver own|calculix]\n"
       "\n"
       "Runs CalculiX (the CCX environment variable, else ccx on PATH) on the model part of\n"
       "MODEL.inp (everything before its first *STEP) and writes its normal modes as a KRX file.\n"
-      "Solid elements C3D4, C3D10, C3D6, C3D15, C3D8, C3D8R, C3D20, C3D20R; the deck needs a\n"
-      "*DENSITY. CalculiX assembles the stiffness and mass matrices (*FREQUENCY,\n"
-      "SOLVER=MATRIXSTORAGE); the tool's own solver computes the modes from them: a sparse\n"
-      "Cholesky factor of K - sigma M, shift-invert Lanczos, each mode's residual checked and\n"
-      "an LDL' count of the eigenvalues below the last mode, which fails the run when a mode\n"
-      "was missed. Where the own solver cannot give the same file, CalculiX solves the model\n"
-      "and a note says why. The file holds every node of the solid elements, nodal masses\n"
-      "lumped by diagonal scaling of the consistent mass (total mass exact, none negative),\n"
-      "the mode shapes, the full generalized mass and stiffness computed from the matrices\n"
-      "(mode by mode, two modes in memory at a time), and the outer faces of the mesh (corner\n"
-      "nodes, outward). QOR_KRXWRITE_OPTIONS goes to the library.\n"
+      "Solid elements C3D4, C3D10, C3D6, C3D15, C3D8, C3D8R, C3D20, C3D20R, shells S3, S4,\n"
+      "S4R, S6, S8, S8R and beams B31, B32, B32R; the deck needs a *DENSITY. CalculiX\n"
+      "assembles the stiffness and mass matrices (*FREQUENCY, SOLVER=MATRIXSTORAGE); the\n"
+      "tool's own solver computes the modes from them: a sparse Cholesky factor of\n"
+      "K - sigma M, shift-invert Lanczos, each mode's residual checked and an LDL' count of\n"
+      "the eigenvalues below the last mode, which fails the run when a mode was missed. Where\n"
+      "the own solver cannot give the same file (shells and beams among them), CalculiX solves\n"
+      "the model and a note says why. Shell and beam nodes get six components: translations\n"
+      "of the reference surface or axis as CalculiX prints them, rotations\n"
+      "n x (u_top - u_bottom) / t on shells (no drilling rotation) and the least-squares\n"
+      "rotation of the section's corners on beams, taken from CalculiX's expanded nodes;\n"
+      "their masses and rotary inertias are the expanded nodes'. The file holds every node of\n"
+      "the elements, nodal masses lumped by diagonal scaling of the consistent mass (total\n"
+      "mass exact, none negative), the mode shapes, the full generalized mass and stiffness\n"
+      "computed from the matrices (mode by mode, two modes in memory at a time), the outer\n"
+      "faces of the solids (corner nodes, outward) and the shells' corner polygons.\n"
+      "QOR_KRXWRITE_OPTIONS goes to the library.\n"
       "\n"
       "  -o OUT.krx       the file to write (its directory must exist)\n"
       "  --modes N        normal modes, rigid-body modes among them (default 20); with\n"
       "                   --interface, the normal modes with the interfaces held\n"
       "  --stress         also the modal stresses at the nodes, recovered from each shape as\n"
       "                   CalculiX recovers them (one isotropic linear elastic material;\n"
-      "                   otherwise CalculiX solves the model and computes them)\n"
+      "                   otherwise CalculiX solves the model and computes them); shells at\n"
+      "                   their top surface (the side of the normal), beams at the corner of\n"
+      "                   their section at +a/2 on its first axis and +b/2 on its second\n"
+      "  --shell-surface SIDE  top (default), bottom or mid: the shells' stresses of that\n"
+      "                   side, mid the mean of both\n"
       "  --units SYSTEM   the deck's consistent units: m-kg-s, mm-t-s, mm-kg-ms, mm-g-ms,\n"
       "                   cm-g-s (default mm-t-s: N, mm, tonne, s)\n"
       "  --keep DIR       keep CalculiX's work directory in DIR (created if missing)\n"
@@ -84,7 +95,8 @@ void usage(std::FILE *out) {
       "                   The file then holds the static shape of each interface degree of\n"
       "                   freedom (the others held) and N normal modes with all of them held,\n"
       "                   orthonormalised by the library; the reference nodes are its\n"
-      "                   interface nodes, with rotations from the rotation nodes\n"
+      "                   interface nodes, with rotations from the rotation nodes (solids\n"
+      "                   only: refused on models with shells or beams)\n"
       "  --solver own     the own solver, or fail where it cannot solve the model\n"
       "  --solver calculix  CalculiX computes the modes (*FREQUENCY, STORAGE=YES), the\n"
       "                   static shapes and the stresses\n");
@@ -116,6 +128,14 @@ int parse_options(int argc, char **argv, Options &o) {
         return 2;
       }
       o.solver = v == "own" ? Options::kOwn : Options::kCalculix;
+    } else if (a == "--shell-surface" && has_value) {
+      std::string v = argv[++i];
+      o.shell_surface = v == "top" ? 1 : v == "bottom" ? -1 : v == "mid" ? 0 : 2;
+      if (o.shell_surface == 2) {
+        std::fprintf(stderr, "ccx2krx: --shell-surface wants top, bottom or mid, not %s\n",
+                     v.c_str());
+        return 2;
+      }
     } else if (a == "--keep" && has_value) {
       o.keep = argv[++i];
     } else if (a == "--modes" && has_value) {
@@ -185,6 +205,8 @@ struct Results {
   ccx::DofMap map;
   ccx::Matrices matrices;
   std::vector<double> nodal_mass;
+  std::vector<double> nodal_inertia;  // with shells and beams
+  ccx::Expansion expansion;
   double total_mass = 0.0;
   ccx::EigenFile eig;
   ccx::FrdReader frd;
@@ -194,6 +216,12 @@ struct Results {
 
 // Why the own solver cannot give the file CalculiX's solution gives; empty when it can.
 std::string own_solver_refusal(const Options &o, const ccx::Deck &deck) {
+  // CalculiX expands shells and beams into solids whose rows carry the original node's label;
+  // the own solver's rigid motions and stress recovery know only the deck's own solids.
+  if (!deck.structures.empty())
+    return std::string("the model holds ") + (deck.structures.front().beam ? "beam" : "shell") +
+           " elements (" + deck.structures.front().type + " element " +
+           std::to_string(deck.structures.front().id) + "), which the own solver does not expand";
   if (!deck.dependent_keyword.empty())
     return "the deck's *" + deck.dependent_keyword +
            " makes degrees of freedom depend on others, which CalculiX's matrices leave out and "
@@ -254,7 +282,14 @@ bool run_and_read(const Options &o, const ccx::Deck &deck, const std::string &di
   if (!ccx::read_matrices(dir + "/matrices.mas", dir + "/matrices.sti", rows, r.matrices))
     return false;
   int nodes = static_cast<int>(deck.node_ids.size());
-  if (!ccx::lump_masses(r.matrices, r.map, nodes, r.nodal_mass, r.total_mass)) return false;
+  if (deck.structures.empty()) {
+    if (!ccx::lump_masses(r.matrices, r.map, nodes, r.nodal_mass, r.total_mass)) return false;
+  } else if (!ccx::read_knots(dir + "/matrices.12d", deck, r.expansion) ||
+             !ccx::map_expanded_rows(deck, r.expansion, r.map) ||
+             !ccx::lump_expanded_masses(r.matrices, r.map, r.expansion, r.nodal_mass,
+                                        r.nodal_inertia, r.total_mass)) {
+    return false;
+  }
   if (!r.unit_mass.empty())
     ccx::share_tied_masses(deck, r.map, r.matrices, r.unit_mass, r.nodal_mass);
   if (own) {
@@ -280,24 +315,37 @@ bool run_and_read(const Options &o, const ccx::Deck &deck, const std::string &di
   return !o.stress || ccx::open_frd(dir + "/modes.frd", r.frd);
 }
 
+// Shells and beams: what the tool cannot yet project is refused before CalculiX runs.
+bool check_structures(const Options &o, const ccx::Deck &deck, ccx::Expansion &expansion) {
+  const char *kind = deck.structures.front().beam ? "beam" : "shell";
+  if (!o.interfaces.empty())
+    return ccx::failed("--interface cannot be used with %s elements (%s element %d)", kind,
+                       deck.structures.front().type.c_str(), deck.structures.front().id);
+  return ccx::build_expansion(deck, expansion);
+}
+
 bool convert(const Options &o, double &calculix_seconds) {
   if (!check_output(o.output)) return false;
   ccx::Deck deck;
-  if (!ccx::read_deck(o.deck, deck) || !ccx::add_interfaces(deck, o.interfaces)) return false;
+  Results r;
+  if (!ccx::read_deck(o.deck, deck)) return false;
+  if (!deck.structures.empty() && !check_structures(o, deck, r.expansion)) return false;
+  if (!ccx::add_interfaces(deck, o.interfaces)) return false;
   if (deck.has_steps)
     ccx::note("note: the deck holds steps; only its model part before the first *STEP is used");
   std::vector<ccx::Face> faces;
-  if (!ccx::collect_skin(deck, faces)) return false;
+  if (!deck.elements.empty() && !ccx::collect_skin(deck, faces)) return false;
+  ccx::collect_shell_faces(deck, faces);
   bool own = false;
   if (!choose_solver(o, deck, own)) return false;
   std::string dir;
   if (!make_work_dir(o, dir)) return false;
-  Results r;
   bool ok = write_jobs(o, deck, dir, own);
   ccx::StressModel stresses;
   // CCX2KRX_RECOVER_STRESSES recovers the stresses of CalculiX's own modes as the own path does,
   // which lets the tests hold the recovery against CalculiX's stresses of the same eigenvectors.
-  bool recover = o.stress && (own || std::getenv("CCX2KRX_RECOVER_STRESSES"));
+  bool recover = o.stress && deck.structures.empty() &&
+                 (own || std::getenv("CCX2KRX_RECOVER_STRESSES"));
   ok = ok && ((!recover && deck.interfaces.empty()) || ccx::prepare_stresses(deck, stresses));
   if (ok && !deck.interfaces.empty()) ccx::mass_diagonal(stresses, deck, r.unit_mass);
   // The deck's text and elements have served: the model part is written, the skin is known and
@@ -314,9 +362,14 @@ bool convert(const Options &o, double &calculix_seconds) {
     double u[4] = {o.units->mass, o.units->length, o.units->time, o.units->force};
     std::copy(u, u + 4, job.units);
     job.stress = o.stress;
+    job.shell_surface = o.shell_surface;
     job.map = &r.map;
     job.matrices = &r.matrices;
     job.nodal_mass = &r.nodal_mass;
+    if (!deck.structures.empty()) {
+      job.nodal_inertia = &r.nodal_inertia;
+      job.expansion = &r.expansion;
+    }
     job.faces = &faces;
     job.eig = &r.eig;
     job.frd = &r.frd;

@@ -62,6 +62,7 @@ bool parse_dof_map(std::FILE *file, const std::string &name, const Deck &deck, D
   std::string line;
   map.row_node.clear();
   map.row_dir.clear();
+  map.row_id.clear();
   while (next_line(file, line)) {
     const char *p = skip_blanks(line.c_str());
     if (*p == '\n' || *p == 0) continue;
@@ -79,6 +80,7 @@ bool parse_dof_map(std::FILE *file, const std::string &name, const Deck &deck, D
         first = 3;
       }
     map.row_node.push_back(index);
+    map.row_id.push_back(static_cast<int>(node));
     map.row_dir.push_back(index >= 0 && dir >= 1 && dir <= 3 ? first + static_cast<int>(dir) - 1
                                                              : -1);
   }

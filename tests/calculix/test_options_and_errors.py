@@ -92,7 +92,7 @@ one shell element
 210000, 0.3
 *DENSITY
 7.85e-9
-*SHELL SECTION, ELSET=PLATE, MATERIAL=STEEL
+*SHELL SECTION, ELSET=PLATE, MATERIAL=STEEL, OFFSET=0.5
 1.0
 """
 
@@ -112,7 +112,7 @@ def bad_inputs(deck, where):
     return [("ccx missing", good, out, {"CCX": "/nonexistent/ccx"}, "/nonexistent/ccx"),
             ("deck refused", refused, out, {}, "*ERROR"),
             ("no density", deck("bar_c3d8", density=False), out, {}, "density"),
-            ("shell only", shell, out, {}, "S8"),
+            ("shell with an offset", shell, out, {}, "of S8 element 1 has an offset"),
             ("no output directory", good, os.path.join(where, "missing", "out.krx"), {},
              os.path.join(where, "missing"))]
 

@@ -2,11 +2,14 @@
 """Meshes a gmsh geometry script and turns gmsh's .inp into a CalculiX model deck.
 
     make_deck.py GEOMETRY.geo DECK.inp [-setnumber NAME VALUE]... [--no-density]
+                 [--shell THICKNESS]
 
-The deck holds *HEADING, the nodes, the solid elements in one element set SOLID, a node set for
+The deck holds *HEADING, the nodes, the solid elements in one element set SOLID (SHELLS), a node set for
 every physical group, steel in mm-t-s (N, mm, tonne, s) and a *SOLID SECTION; gmsh's surface
 elements and its element sets are dropped. --no-density leaves *DENSITY out (a deck that cannot
-give a mass). GMSH names the gmsh executable (default: gmsh on PATH).
+give a mass). With --shell, gmsh meshes the surfaces only and they become shells of that
+thickness (CPS8 as S8R, CPS4 as S4R, CPS6 as S6, CPS3 as S3) under a *SHELL SECTION.
+GMSH names the gmsh executable (default: gmsh on PATH).
 """
 
 import argparse
@@ -40,8 +43,12 @@ def parameter(keyword, name):
     return None
 
 
-def deck_from_gmsh(lines, title, density=True):
-    """The CalculiX model deck, as text, from the lines of gmsh's .inp."""
+SHELLS = {"CPS8": "S8R", "CPS4": "S4R", "CPS6": "S6", "CPS3": "S3"}
+
+
+def deck_from_gmsh(lines, title, density=True, shell=None):
+    """The CalculiX model deck, as text, from the lines of gmsh's .inp; with shell (a
+    thickness), its surface elements as shells."""
     out = ["*HEADING", title]
     solids = 0
     for keyword, data in cards(lines):
@@ -50,26 +57,32 @@ def deck_from_gmsh(lines, title, density=True):
             out += ["*NODE"] + data
         elif word == "*ELEMENT":
             kind = (parameter(keyword, "TYPE") or "").upper()
-            if kind.startswith("C3D"):  # solids only: gmsh adds the physical surfaces as CPS*
+            if shell is None and kind.startswith("C3D"):  # gmsh adds physical surfaces as CPS*
                 out += [f"*ELEMENT, TYPE={kind}, ELSET=SOLID"] + data
+                solids += len(data)
+            elif shell is not None and kind in SHELLS:
+                out += [f"*ELEMENT, TYPE={SHELLS[kind]}, ELSET=SHELLS"] + data
                 solids += len(data)
         elif word == "*NSET":
             out += [f"*NSET, NSET={parameter(keyword, 'NSET')}"] + data
     if not solids:
-        raise ValueError("the mesh holds no solid element")
+        raise ValueError("the mesh holds no " + ("shell" if shell else "solid") + " element")
     out += ["*MATERIAL, NAME=STEEL", "*ELASTIC", f"{STEEL['E']:g}, {STEEL['nu']:g}"]
     if density:
         out += ["*DENSITY", f"{STEEL['rho']:g}"]
-    out += ["*SOLID SECTION, ELSET=SOLID, MATERIAL=STEEL"]
+    if shell is None:
+        out += ["*SOLID SECTION, ELSET=SOLID, MATERIAL=STEEL"]
+    else:
+        out += ["*SHELL SECTION, ELSET=SHELLS, MATERIAL=STEEL", f"{shell:g}"]
     return "\n".join(out) + "\n"
 
 
-def mesh(geometry, numbers, gmsh=None):
+def mesh(geometry, numbers, gmsh=None, dimension=3):
     """Lines of the .inp that gmsh writes for geometry, with -setnumber NAME VALUE pairs."""
     gmsh = gmsh or os.environ.get("GMSH", "gmsh")
     with tempfile.TemporaryDirectory() as work:
         raw = os.path.join(work, "mesh.inp")
-        command = [gmsh, "-3", os.path.abspath(geometry), "-format", "inp", "-o", raw]
+        command = [gmsh, f"-{dimension}", os.path.abspath(geometry), "-format", "inp", "-o", raw]
         for name, value in numbers:
             command += ["-setnumber", name, str(value)]
         run = subprocess.run(command, capture_output=True, text=True, cwd=work)
@@ -79,12 +92,14 @@ def mesh(geometry, numbers, gmsh=None):
             return f.readlines()
 
 
-def make_deck(geometry, deck, numbers=(), density=True):
-    """Meshes geometry and writes the deck; returns the deck's path."""
+def make_deck(geometry, deck, numbers=(), density=True, shell=None):
+    """Meshes geometry and writes the deck (of shells of thickness shell, if given); returns the
+    deck's path."""
     name = os.path.splitext(os.path.basename(geometry))[0]
     settings = " ".join(f"{k}={v}" for k, v in numbers)
     title = f"{name} meshed by gmsh" + (f" ({settings})" if settings else "")
-    text = deck_from_gmsh(mesh(geometry, numbers), title, density)
+    lines = mesh(geometry, numbers, dimension=3 if shell is None else 2)
+    text = deck_from_gmsh(lines, title, density, shell)
     with open(deck, "w") as f:
         f.write(text)
     return deck
@@ -97,9 +112,11 @@ def main(argv=None):
     parser.add_argument("-setnumber", nargs=2, action="append", default=[],
                         metavar=("NAME", "VALUE"), help="a parameter of the geometry script")
     parser.add_argument("--no-density", action="store_true")
+    parser.add_argument("--shell", type=float, metavar="THICKNESS",
+                        help="mesh the surfaces as shells of this thickness")
     args = parser.parse_args(argv)
     try:
-        make_deck(args.geometry, args.deck, args.setnumber, not args.no_density)
+        make_deck(args.geometry, args.deck, args.setnumber, not args.no_density, args.shell)
     except (RuntimeError, ValueError, OSError) as e:
         print(f"make_deck: {e}", file=sys.stderr)
         return 1

@@ -1,0 +1,382 @@
+"""Shell, beam and mixed models exported by ccx2krx against CalculiX's own output: its
+eigenvalues, its *NODE PRINT of the original nodes, the rotations that its expanded nodes give
+(knots included), the rigid-body modes, and the closed-form mass and inertia."""
+
+import gzip
+import os
+import subprocess
+from concurrent.futures import ThreadPoolExecutor
+
+import numpy as np
+import pytest
+
+import calculix_output as ccx
+import structures as st
+from conftest import GEOMETRY, Export, run_tool
+from make_deck import make_deck
+from test_against_calculix import assert_same_up_to_sign, by_node, elastic_separated
+
+MODES = 12
+EXAMPLES = "/usr/share/doc/calculix-ccx-test/examples/test"
+
+# name: deck text (or CalculiX example), free body, exact (mass, centre, inertia about it) from
+# the steel boxes the model is made of (centre, edge lengths), area of the shell faces.
+L_FRAME = [(0, 0, 0), (60, 0, 0), (60, 40, 0)]
+PLATE = st.boxes([((20, 10, 0), (40, 20, 1))])
+MODELS = {
+    "s8_plate": (lambda: st.shell_deck("S8"), True, PLATE, 800),
+    "s4_plate": (lambda: st.shell_deck("S4", nx=8, ny=4), True, PLATE, 800),
+    "s6_plate": (lambda: st.shell_deck("S6"), True, PLATE, 800),
+    "s8_panel": (lambda: st.shell_deck("S8", nx=6, length=60.0, radius=50.0), True, None, None),
+    "s8r_fold": (lambda: st.shell_deck("S8R", fold=20.0), True,
+                 st.boxes([((10, 10, 0), (20, 20, 1)), ((20, 10, 10), (1, 20, 20))]), 800),
+    # The section: 4 along z, the direction given; 2 across the beam.
+    "b32r_frame": (lambda: st.frame("B32R", L_FRAME, 3, 4.0, 2.0), True,
+                   st.boxes([((30, 0, 0), (60, 2, 4)), ((60, 20, 0), (2, 40, 4))]), 0),
+    "b31_beam": (lambda: st.frame("B31", [(0, 0, 0), (100, 0, 0)], 10, 4.0, 2.0), True,
+                 st.boxes([((50, 0, 0), (100, 2, 4))]), 0),
+    # The plate's part inside the bricks counts twice, as in CalculiX.
+    "welded": (st.welded_deck, True,
+               st.boxes([((5, 10, 5), (10, 20, 10)), ((20, 10, 5), (40, 1, 10))]), 400),
+    "sheet": ("sheet.geo", True, None, None),  # gmsh's S8R mesh of the demo's bent sheet
+    "shellf": ("shellf.inp", False, None, 1.0),
+    "beamfsh1": ("beamfsh1.inp.gz", False, None, None),
+    "boxprofile": ("boxprofile.inp", False, None, 0),
+}
+FREE = [name for name, model in MODELS.items() if model[1]]
+EXACT = [name for name, model in MODELS.items() if model[2] is not None]
+# What the lumping by diagonal scaling gives on these coarse meshes (two to eight elements
+# across): the centre of mass off by a share of the model's size, the inertia about it off by a
+# share of its largest entry. Trapezoidal weights on four linear elements across a plate alone
+# make 12.5% (2 / n^2); knots and nodes that tie shells to solids take condensed rows, whose
+# diagonal is not their share (on the fold, a corner knot gets a fifth of the flat plate's mass
+# at that node, a midside knot 1.6 times).
+LUMPING = {"s8_plate": (1e-9, 0.35), "s4_plate": (1e-9, 0.14), "s6_plate": (1e-9, 0.13),
+           "s8r_fold": (0.02, 0.22), "b32r_frame": (0.03, 0.12), "b31_beam": (1e-9, 0.03),
+           "welded": (0.005, 0.5)}
+# CalculiX's table against the Rayleigh quotients of its own eigenvectors over its stored
+# matrices: shellf's first mode differs by 1.1e-5.
+EIGENVALUES = {"shellf": 2e-5}
+
+
+
+def _write_deck(name, where, stem=None):
+    source = MODELS[name][0]
+    path = os.path.join(where, (stem or name) + ".inp")
+    if callable(source):
+        text = source()
+    elif source.endswith(".geo"):
+        return make_deck(os.path.join(GEOMETRY, source), path, [("h", 8)], shell=1.5)
+    else:
+        opener = gzip.open if source.endswith(".gz") else open
+        with opener(os.path.join(EXAMPLES, source), "rt") as f:
+            text = f.read()
+    with open(path, "w") as f:
+        f.write(text)
+    return path
+
+
+def _print_job(work, node_ids):
+    """CalculiX's *NODE PRINT of the original nodes for the same modes, as print.dat."""
+    ids = "".join(f"{n},\n" for n in node_ids)
+    with open(os.path.join(work, "print.inp"), "w") as f:
+        f.write(f"*INCLUDE,INPUT=model.inp\n*NSET,NSET=PRINTALL\n{ids}*STEP\n*FREQUENCY\n"
+                f"{MODES}\n*NODE PRINT,NSET=PRINTALL\nU\n*END STEP\n")
+    run = subprocess.run([os.environ.get("CCX", "ccx"), "-i", "print"], cwd=work,
+                         env=dict(os.environ, OMP_NUM_THREADS="1"), capture_output=True,
+                         text=True, timeout=300)
+    assert run.returncode == 0 and "*ERROR" not in run.stdout, run.stdout[-2000:]
+
+
+@pytest.fixture(scope="module")
+def exports(ccx2krx, tmp_path_factory):
+    where = tmp_path_factory.mktemp("structures")
+
+    def export(name):
+        deck = _write_deck(name, str(where))
+        out, keep = str(where / f"{name}.krx"), str(where / f"work_{name}")
+        run = run_tool(ccx2krx, [deck, "-o", out, "--modes", str(MODES), "--keep", keep])
+        assert run.returncode == 0, f"{name}: {run.stderr}"
+        e = Export(deck, out, keep, run)
+        _print_job(keep, e.read().node_ids)
+        return name, e
+
+    with ThreadPoolExecutor(2) as pool:
+        return dict(pool.map(export, MODELS))
+
+
+def print_tables(path):
+    """The displacement tables of a .dat, one {node: xyz} per mode."""
+    tables = []
+    with open(path) as f:
+        for line in f:
+            if line.startswith(" displacements"):
+                tables.append({})
+            elif tables and len(line.split()) == 4 and line.split()[0].isdigit():
+                parts = line.split()
+                tables[-1][int(parts[0])] = np.array([float(v) for v in parts[1:]])
+    return tables
+
+
+names = pytest.mark.parametrize("name", list(MODELS))
+free = pytest.mark.parametrize("name", FREE)
+
+
+@names
+def test_eigenvalues_and_translations_are_calculix_own(exports, name):
+    e = exports[name]
+    f = e.read()
+    theirs = ccx.dat_eigenvalues(os.path.join(e.keep, "modes.dat"))
+    first = 6 if MODELS[name][1] else 0
+    np.testing.assert_allclose(f.eigenvalues[first:], theirs[first:],
+                               rtol=EIGENVALUES.get(name, 1e-5))
+    if first:
+        assert np.all(np.abs(f.eigenvalues[:6]) < 1e-5 * theirs[6])
+    tables = print_tables(os.path.join(e.keep, "print.dat"))
+    assert len(tables) == len(theirs)
+    ids = np.sort(f.node_ids)
+    shapes = np.asarray(f.mode_shapes)
+    largest = np.abs(shapes[:, :, :3]).max()
+    for k in separated(name, f.eigenvalues)[: 4]:
+        ours = by_node(f.mode_shape_node_ids, shapes[k], ids)[:, :3]
+        theirs_k = np.array([tables[k][n] for n in ids])
+        # A torsion mode of a beam moves no node: its translations are round-off.
+        if np.abs(theirs_k).max() > 1e-6 * largest:
+            sign = 1.0 if np.sum(ours * theirs_k) >= 0 else -1.0
+            worst = np.abs(ours - sign * theirs_k).max() / np.abs(theirs_k).max()
+            assert worst < 1e-4, f"{name} mode {k + 1}: {worst:.1e}"
+
+
+def separated(name, eigenvalues):
+    """The modes at least 5% from their neighbours: the elastic ones of a free body, any of a
+    held one."""
+    rigid = 6 if MODELS[name][1] else 0
+    padded = np.r_[np.full(6 - rigid, -1.0), eigenvalues]
+    return [k - 6 + rigid for k in elastic_separated(padded, 0.05)]
+
+
+def rotations_from_expansion(e):
+    """{node: [(axes to compare on, rotation)]}: for every shell node in each element, its
+    bottom and top expanded nodes give n x (u_top - u_bottom) / t, the rotation about the
+    surface's axes; for every beam node the least-squares rotation of its section corners.
+    Computed from CalculiX's .frd (expanded coordinates and displacements) for each mode."""
+    elements, knots = st.expansion(os.path.join(e.keep, "modes.12d"))
+    xyz = st.frd_nodes(os.path.join(e.keep, "modes.frd"))
+    disp = ccx.frd_results(os.path.join(e.keep, "modes.frd"), "DISP")
+    rows = {}
+    for originals, expanded in elements.values():
+        n = len(originals)
+        if n in (2, 3) and len(expanded) in (11, 20) and n != len(expanded):
+            # Beams: corners of the section at the element's first node.
+            corner_slots = {0: [0, 3, 4, 7], n - 1: [1, 2, 5, 6]}
+            for k, slots in corner_slots.items():
+                rows.setdefault(originals[k], []).append(("beam", [expanded[s] for s in slots]))
+        else:
+            corners = 4 if n in (4, 8) else 3
+            for k in range(corners):
+                rows.setdefault(originals[k], []).append(
+                    ("shell", [expanded[k], expanded[k + corners]]))
+    out = {}
+    for node, entries in rows.items():
+        per_mode = []
+        for mode in sorted(disp):
+            ids, values = disp[mode]
+            u = dict(zip(ids, values))
+            found = []
+            for kind, ex in entries:
+                if any(x not in u for x in ex):
+                    continue
+                p = np.array([xyz[x] for x in ex])
+                v = np.array([u[x] for x in ex])
+                if kind == "shell":
+                    d = p[1] - p[0]
+                    found.append((d / np.linalg.norm(d), np.cross(d, v[1] - v[0]) / d.dot(d)))
+                else:
+                    r, w = p - p.mean(axis=0), v - v.mean(axis=0)
+                    a = sum(r_i.dot(r_i) * np.eye(3) - np.outer(r_i, r_i) for r_i in r)
+                    found.append((None, np.linalg.solve(a, np.cross(r, w).sum(axis=0))))
+            per_mode.append(found)
+        out[node] = per_mode
+    return out, knots
+
+
+# Not beamfsh1: its shells are 1e-4 thick, and the .frd's five digits of top and bottom cannot
+# resolve their difference.
+@pytest.mark.parametrize("name", ["s8_plate", "s6_plate", "s8_panel", "s8r_fold", "b32r_frame",
+                                  "b31_beam", "sheet", "welded", "shellf", "boxprofile"])
+def test_rotations_are_those_of_the_expanded_nodes(exports, name):
+    e = exports[name]
+    f = e.read()
+    shapes = np.asarray(f.mode_shapes)
+    expanded, knots = rotations_from_expansion(e)
+    if name in ("s8r_fold", "b32r_frame", "sheet"):
+        assert knots, f"{name}: CalculiX made no knot"
+    for k in separated(name, f.eigenvalues):
+        ours = by_node(f.mode_shape_node_ids, shapes[k], np.array(sorted(expanded)))[:, 3:]
+        theirs, mine = [], []
+        for at, node in enumerate(sorted(expanded)):
+            for normal, theta in expanded[node][k]:
+                plane = np.eye(3) if normal is None else np.eye(3) - np.outer(normal, normal)
+                theirs.append(plane @ theta)
+                mine.append(plane @ ours[at])
+        # The .frd's five digits of each expanded translation; a mode that bends no shell has
+        # only round-off to compare.
+        size = np.ptp(f.coords, axis=0).max()
+        if np.abs(theirs).max() * size < 1e-6 * np.abs(shapes[k][:, :3]).max():
+            continue
+        assert_same_up_to_sign(np.array(mine), np.array(theirs), f"{name} rotations of {k + 1}")
+
+
+# Not the curved panel: its nodes' normals are not the chords of its elements that
+# rotation_axes takes (its rotations are checked against CalculiX's expanded nodes).
+@pytest.mark.parametrize("name", [name for name in FREE if name != "s8_panel"])
+def test_rigid_body_modes_turn_every_node_alike(exports, name):
+    """Each rigid-body mode is u = a + w x x at every node and the rotation w at every shell and
+    beam node, about the surface's axes on shells (whose drilling rotation is not available)."""
+    e = exports[name]
+    f = e.read()
+    shapes = np.asarray(f.mode_shapes)
+    ids = f.mode_shape_node_ids
+    x = f.coords[f.node_positions(ids)]
+    axes = rotation_axes(e)
+    rows = [np.hstack([np.eye(3), -skew(p)]) for p in x]
+    rows += [np.hstack([np.zeros((3, 3)), axes[int(n)]]) for n in ids if int(n) in axes]
+    system = np.vstack(rows)
+    for k in range(6):
+        u, theta = shapes[k][:, :3], shapes[k][:, 3:]
+        rhs = np.concatenate([u.reshape(-1)] + [axes[int(n)] @ theta[at]
+                                                for at, n in enumerate(ids) if int(n) in axes])
+        fit, *_ = np.linalg.lstsq(system, rhs, rcond=None)
+        scale = np.abs(rhs).max()
+        worst = np.abs(system @ fit - rhs).max() / scale
+        assert worst < 1e-6, f"{name} rigid-body mode {k + 1}: {worst:.1e}"
+        assert not np.any(theta[[int(n) not in axes for n in ids]]), "solids have no rotations"
+
+
+def skew(p):
+    return np.array([[0, -p[2], p[1]], [p[2], 0, -p[0]], [-p[1], p[0], 0]])
+
+
+def rotation_axes(e):
+    """{node: projector} onto the axes a node's rotation is given about: the surface's two axes
+    on a shell node that is not a knot, all three on knots and beam nodes."""
+    f = e.read()
+    elements, knots = st.expansion(os.path.join(e.keep, "modes.12d"))
+    axes = {}
+    for originals, expanded in elements.values():
+        shell = len(originals) not in (2, 3) or len(expanded) not in (11, 20)
+        if shell:
+            p = f.coords[f.node_positions(np.array(originals[:3]))]
+            n = np.cross(p[1] - p[0], p[2] - p[0])
+            n /= np.linalg.norm(n)
+        for node in originals:
+            axes[int(node)] = np.eye(3) - np.outer(n, n) if shell else np.eye(3)
+    for knot in knots:
+        axes[knot] = np.eye(3)
+    return axes
+
+
+@pytest.mark.parametrize("name", EXACT)
+def test_mass_and_inertia_against_closed_forms(exports, name):
+    e = exports[name]
+    f = e.read()
+    mass, centre, inertia = MODELS[name][2]
+    body = f.global_body_props
+    assert body["mass"] == pytest.approx(mass, rel=1e-9)
+    assert np.all(f.masses > 0)
+    size = np.ptp(f.coords, axis=0).max()
+    off_centre, off_inertia = LUMPING[name]
+    assert np.abs(body["centre"] - centre).max() < off_centre * size + 1e-9
+    about_origin = body["inertia"] * np.where(np.eye(3) == 1, 1.0, -1.0)
+    c = body["centre"]
+    about_centre = about_origin - body["mass"] * (np.dot(c, c) * np.eye(3) - np.outer(c, c))
+    worst = np.max(np.abs(about_centre - inertia)) / np.max(np.abs(inertia))
+    assert worst < off_inertia, f"{about_centre} against {inertia}"
+
+
+@names
+def test_shell_faces_cover_the_shells(exports, name):
+    f = exports[name].read()
+    area = MODELS[name][3]
+    if area is None:
+        return
+    shell_area = 0.0
+    for face in f.faces or []:
+        p = f.coords[f.node_positions(np.array(face))]
+        shell_area += 0.5 * np.linalg.norm(np.cross(p, np.roll(p, -1, axis=0)).sum(axis=0))
+    if name == "welded":  # the plate and the bricks' skin
+        shell_area -= 2 * (10 * 20 + 20 * 10 + 10 * 10)
+    assert shell_area == pytest.approx(area, rel=1e-7)  # shellf's corner lies at -7.45e-9
+
+
+@pytest.fixture(scope="module")
+def stressed(ccx2krx, tmp_path_factory):
+    """The S8 plate with the stresses of its top surface and of its mid-surface, and the B31
+    beam with those of its section corner."""
+    where = tmp_path_factory.mktemp("stressed")
+
+    def export(case):
+        name, options = case
+        label = name + "_".join(("",) + options)
+        deck = _write_deck(name, str(where), label)  # each run its own deck: they run at once
+        out, keep = str(where / f"{label}.krx"), str(where / f"work_{label}")
+        run = run_tool(ccx2krx, [deck, "-o", out, "--modes", str(MODES), "--keep", keep,
+                                 "--stress", *options])
+        assert run.returncode == 0, f"{label}: {run.stderr}"
+        return case, Export(deck, out, keep, run)
+
+    cases = [("s8_plate", ()), ("s8_plate", ("--shell-surface", "mid")), ("b31_beam", ())]
+    with ThreadPoolExecutor(2) as pool:
+        return dict(pool.map(export, cases))
+
+
+def stresses_at(e, offset):
+    """CalculiX's stresses of each mode at the expanded node that lies at offset from each
+    original node (found by its coordinates in the .frd): {mode: (original ids, values)}."""
+    f = e.read()
+    xyz = st.frd_nodes(os.path.join(e.keep, "modes.frd"))
+    ids = np.array(sorted(xyz))
+    points = np.array([xyz[i] for i in ids])
+    wanted = f.coords[f.node_positions(f.node_ids)] + offset
+    nearest = ids[np.argmin(np.linalg.norm(points[None] - wanted[:, None], axis=2), axis=1)]
+    out = {}
+    for mode, (their_ids, values) in ccx.frd_results(os.path.join(e.keep, "modes.frd"),
+                                                     "STRESS").items():
+        out[mode] = by_node(their_ids, values[:, [0, 1, 2, 3, 5, 4]], nearest)
+    return f.node_ids, out
+
+
+def test_stresses_at_the_chosen_surface_and_fibre(stressed):
+    top, mid = stressed["s8_plate", ()], stressed["s8_plate", ("--shell-surface", "mid")]
+    beam = stressed["b31_beam", ()]
+    # The plate's normal is +z, its thickness 1; the beam's section axes are z (4) and -y (2).
+    checks = [(top, [(np.array([0, 0, 0.5]), 1.0)]),
+              (mid, [(np.array([0, 0, 0.5]), 0.5), (np.array([0, 0, -0.5]), 0.5)]),
+              (beam, [(np.array([0, -1.0, 2.0]), 1.0)])]
+    for e, parts in checks:
+        f = e.read()
+        ids, modal = f.stress
+        for k in elastic_separated(f.eigenvalues):
+            theirs = 0.0
+            for offset, weight in parts:
+                node_ids, at = stresses_at(e, offset)
+                theirs = theirs + weight * by_node(node_ids, at[k + 1], ids)
+            assert_same_up_to_sign(np.asarray(modal[k]), theirs, f"{e.out} stress {k + 1}")
+
+
+@pytest.mark.parametrize("change, options, message", [
+    (("\n1.0\n", "\n1.0\n*NORMAL\n1,0,0,1\n"), [], "*NORMAL cannot be exported"),
+    (("MATERIAL=STEEL\n1.0", "MATERIAL=STEEL,COMPOSITE\n0.5,,STEEL\n0.5,,STEEL"), [],
+     "COMPOSITE cannot be exported"),
+    (("ELSET=PLATE,MATERIAL", "ELSET=OTHER,MATERIAL"), [], "S8 element 1 has no *SHELL SECTION"),
+    (None, ["--interface", "NALL"], "--interface cannot be used with shell elements"),
+])
+def test_refusals_name_what_cannot_be_exported(ccx2krx, tmp_path, change, options, message):
+    text = st.shell_deck("S8")
+    if change:
+        text = text.replace(*change)
+    deck, out = tmp_path / "refused.inp", tmp_path / "refused.krx"
+    deck.write_text(text)
+    run = run_tool(ccx2krx, [str(deck), "-o", str(out), *options])
+    assert run.returncode == 1 and message in run.stderr, run.stderr
+    assert not out.exists()
