@@ -79,6 +79,21 @@ TEST(OwnSolver, FindsTheLowestModesOfHeldFreeAndRepeatedChains) {
   }
 }
 
+// Four free chains have four rigid-body modes: one mode asked still gets its check past them.
+TEST(OwnSolver, FewerModesWantedThanRigidBodyModes) {
+  const int n = 20;
+  ccx::Matrices m = chain(n, false, 4);
+  std::vector<double> motions(4 * 4 * n, 0.0);
+  for (int c = 0; c < 4; ++c)
+    for (int i = 0; i < n; ++i) motions[(c * 4 + c) * n + i] = 1.0;
+  Solved s;
+  ASSERT_TRUE(solve(m, -0.01, 1, motions, s));
+  EXPECT_EQ(s.modes.rigid, 4);
+  EXPECT_NEAR(s.modes.values[4], chain_eigenvalue(n, false, 1), 1e-10);
+  double seconds = 0.0;
+  EXPECT_TRUE(ccx::check_missed_modes(m, ccx::factor_ordering(*s.factor), s.modes, seconds));
+}
+
 TEST(OwnSolver, MissedModeCheckCatchesAModeLeftOut) {
   ccx::Matrices m = chain(40, true);
   Solved s;

@@ -133,7 +133,12 @@ bool lowest_modes(const Matrices &m, Factor &f, double sigma, int wanted,
   std::vector<double> z, m_z, rigid_values;
   if (!null_motions(m, motions, sigma, z, m_z, rigid_values)) return false;
   int rigid = static_cast<int>(rigid_values.size());
-  int lanczos = nev - rigid;
+  // Past the rigid-body modes the check needs a gap: Lanczos finds a few modes even when fewer
+  // are wanted than the body has rigid-body modes.
+  int lanczos = std::max(nev - rigid, kExtraModes + 1);
+  if (rigid + lanczos >= m.n)
+    return failed("%d modes asked, but the model has %d degrees of freedom (%d at most)", wanted,
+                  m.n, m.n - kExtraModes - 1 - rigid);
   int ncv = std::min(m.n - rigid, std::max(2 * lanczos + 1, 20));
   ShiftInvertOp op{&f, m.n, &z, &m_z};
   MassOp mass{&m};

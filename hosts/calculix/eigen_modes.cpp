@@ -81,9 +81,11 @@ bool check_residuals(const Matrices &m, const Modes &modes, double tolerance) {
 bool check_missed_modes(const Matrices &m, const std::vector<int64_t> &ordering, const Modes &modes,
                         double &seconds) {
   const std::vector<double> &v = modes.values;
-  size_t split = static_cast<size_t>(modes.wanted);
+  // Never inside the rigid-body modes, whose eigenvalues are zero to rounding.
+  size_t first = static_cast<size_t>(std::max(modes.wanted, modes.rigid));
+  size_t split = first;
   double widest = -1.0;
-  for (size_t s = static_cast<size_t>(modes.wanted); s < v.size(); ++s) {
+  for (size_t s = first; s < v.size(); ++s) {
     double gap = (v[s] - v[s - 1]) / std::max(std::fabs(v[s]), std::fabs(v[s - 1]));
     if (gap > widest) {
       widest = gap;
