@@ -206,6 +206,8 @@ void take_material_keyword(Parser &p, const Keyword &k) {
   }
   for (const char *name : kInelastic)
     if (k.name == name) refuse_material(deck, "material " + p.material + " has *" + k.name);
+}
+
 // The element set of that name, made empty when the deck names it first.
 ElementSet *element_set(Deck &deck, const std::string &name) {
   for (ElementSet &s : deck.element_sets)
