@@ -5,6 +5,8 @@
 # Python reader.
 add_executable(read_api_dump ${CMAKE_CURRENT_SOURCE_DIR}/hosts/read_api_dump.c)
 target_link_libraries(read_api_dump PRIVATE krxlib)
+# pytest makes each test's --basetemp, but not the folder that holds them.
+file(MAKE_DIRECTORY ${CMAKE_CURRENT_BINARY_DIR}/calculix)
 file(GLOB KRX_CALCULIX_TESTS CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/calculix/test_*.py)
 foreach(file ${KRX_CALCULIX_TESTS})
   get_filename_component(name ${file} NAME_WE)
