@@ -32,6 +32,7 @@ struct Interface {
   std::string set;
   int ref = 0;  // node ids, above every id of the deck
   int rot = 0;
+  std::vector<int> tied;  // the set's nodes of the solid elements, by index into node_ids
 };
 
 // The model part of a deck: everything before the first *STEP, with *INCLUDEs read in.
@@ -48,6 +49,7 @@ struct Deck {
   int max_node_id = 0;            // over every node the deck defines
   int solid_nodes = 0;            // entries of node_ids that solid elements use
   int tied_nodes = 0;             // nodes of the solid elements in interface sets
+  std::string dependent_keyword;  // the first *EQUATION, *TIE, *MPC, ... of the model part
   std::vector<Interface> interfaces;
 };
 
@@ -75,6 +77,9 @@ std::string matrices_deck();
 // nodes of the solid elements and sets that share a node; appends the reference nodes to
 // node_ids and the nodes, rigid bodies and the set of all nodes to the model text.
 bool add_interfaces(Deck &deck, const std::vector<std::string> &names);
+// The nodes tied to each interface point follow its reference node (translations u, rotations
+// theta): u + theta x r, r from the reference node to the tied node.
+void expand_rigid_ties(const Deck &deck, std::vector<double> &by_node);
 // The component-mode job: one *STATIC step per interface degree of freedom (that one at 1, the
 // others held at 0; every node's displacement printed to the .dat), then `modes` normal modes
 // with every interface degree of freedom held (*FREQUENCY, STORAGE=YES).
@@ -192,6 +197,8 @@ struct ExportJob {
   DatReader *dat = nullptr;
   std::string scratch;
   std::FILE *scratch_file = nullptr;  // open while the modes are handed over
+  // The own solver wrote the static shapes' rows to scratch already, and computed the modes.
+  bool own_solver = false;
 };
 bool export_model(ExportJob &job);
 

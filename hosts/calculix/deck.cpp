@@ -179,6 +179,14 @@ bool take_keyword(Parser &p, const std::string &line) {
     p.generate = false;
     for (const auto &kv : k.params) p.generate = p.generate || kv.first == "GENERATE";
   }
+  // Keywords after which CalculiX's matrices leave out degrees of freedom that depend on others.
+  static const char *const kDependent[] = {"EQUATION", "TIE", "MPC", "COUPLING", "RIGIDBODY",
+                                           "CONTACTPAIR"};
+  for (const char *name : kDependent)
+    if (k.name == name && p.deck.dependent_keyword.empty())
+      p.deck.dependent_keyword = k.name == "RIGIDBODY"     ? "RIGID BODY"
+                                 : k.name == "CONTACTPAIR" ? "CONTACT PAIR"
+                                                           : k.name;
   if (k.name == "HEADING") p.want_heading = true;
   if (k.name == "DENSITY") p.deck.has_density = true;
   return true;

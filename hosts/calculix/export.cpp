@@ -26,10 +26,11 @@ bool set_header(const ExportJob &job) {
   const std::string &title = job.deck->heading.empty() ? job.deck_name : job.deck->heading;
   const char *type = "CalculiX";
   int statics = static_modes(job);
-  std::string c1 = "ccx2krx: " + std::to_string(job.eig->modes) + " modes of CalculiX";
+  const char *by = job.own_solver ? "from CalculiX's matrices" : "of CalculiX";
+  std::string c1 = "ccx2krx: " + std::to_string(job.eig->modes) + " modes " + by;
   if (statics > 0)
     c1 = "ccx2krx: " + std::to_string(statics) + " static and " + std::to_string(job.eig->modes) +
-         " fixed-interface modes of CalculiX";
+         " fixed-interface modes " + by;
   std::string c2 = "units " + job.units_name;
   const char *c3 = "";
   int status = 1;
@@ -79,8 +80,8 @@ bool set_shape(const ExportJob &job, int mode, const std::vector<double> &by_nod
   return true;
 }
 
-// Each row's value at its node and direction; nodes the rows do not reach (the nodes of an
-// interface set, held with the interface) stay zero, and so do the rotations of solid nodes.
+// Each row's value at its node and direction; the nodes of an interface set, which have no rows,
+// follow their interface point; the rotations of solid nodes stay zero.
 void rows_to_nodes(const ExportJob &job, const std::vector<double> &rows,
                    std::vector<double> &by_node) {
   by_node.assign(6 * job.deck->node_ids.size(), 0.0);
@@ -89,6 +90,7 @@ void rows_to_nodes(const ExportJob &job, const std::vector<double> &rows,
     if (node >= 0 && dir >= 0)
       by_node[6 * static_cast<size_t>(node) + static_cast<size_t>(dir)] = rows[r];
   }
+  expand_rigid_ties(*job.deck, by_node);
 }
 
 bool is_interface_row(const ExportJob &job, size_t r) {
@@ -166,10 +168,11 @@ bool set_modes(ExportJob &job) {
   EigenFile &eig = *job.eig;
   int statics = static_modes(job), modes = statics + eig.modes;
   std::vector<double> phi, other, m_phi, k_phi, by_node, held;
-  if (statics > 0 && !(job.scratch_file = std::fopen(job.scratch.c_str(), "w+b")))
-    return failed("cannot write %s", job.scratch.c_str());
+  const char *mode = job.own_solver ? "rb" : "w+b";
+  if (statics > 0 && !(job.scratch_file = std::fopen(job.scratch.c_str(), mode)))
+    return failed("cannot open %s", job.scratch.c_str());
   for (int j = 1; j <= modes; ++j) {
-    if (j <= statics) {
+    if (j <= statics && !job.own_solver) {
       if (!read_static_shape(job, j, phi, by_node)) return false;
     } else {
       if (!read_rows(job, j, phi, held)) return false;

@@ -81,6 +81,7 @@ bool add_interfaces(Deck &deck, const std::vector<std::string> &names) {
     point.set = upper(names[k]);
     point.ref = deck.max_node_id + 1 + 2 * static_cast<int>(k);
     point.rot = point.ref + 1;
+    point.tied = nodes;
     text += "*NODE\n" + node_line(point.ref, centroid) + node_line(point.rot, centroid);
     text += "*RIGID BODY,NSET=" + point.set + ",REF NODE=" + std::to_string(point.ref) +
             ",ROT NODE=" + std::to_string(point.rot) + "\n";

@@ -1,6 +1,7 @@
 // ccx2krx MODEL.inp -o OUT.krx [--modes N] [--stress] [--units SYSTEM] [--keep DIR] [--timing]
-// [--interface NSET ...]: runs CalculiX on the model part of a deck and exports its modes (with
-// interface points: its component modes) as a KRX file.
+// [--interface NSET ...] [--solver own|calculix]: CalculiX assembles the model part of a deck,
+// the tool (or CalculiX) solves it, and its modes (with interface points: its component modes)
+// are exported as a KRX file.
 #include <sys/resource.h>
 #include <unistd.h>
 
@@ -10,6 +11,7 @@
 #include <filesystem>
 
 #include "ccx2krx.h"
+#include "solver.h"
 
 namespace fs = std::filesystem;
 
@@ -38,20 +40,24 @@ struct Options {
   std::string keep;
   bool timing = false;
   std::vector<std::string> interfaces;
+  enum Solver { kAny, kOwn, kCalculix } solver = kAny;
 };
 
 void usage(std::FILE *out) {
   std::fprintf(
       out,
       "usage: ccx2krx MODEL.inp -o OUT.krx [--modes N] [--stress] [--units SYSTEM]\n"
-      "               [--keep DIR] [--timing] [--interface NSET ...]\n"
+      "               [--keep DIR] [--timing] [--interface NSET ...] [--solver own|calculix]\n"
       "\n"
       "Runs CalculiX (the CCX environment variable, else ccx on PATH) on the model part of\n"
       "MODEL.inp (everything before its first *STEP) and writes its normal modes as a KRX file.\n"
       "Solid elements C3D4, C3D10, C3D6, C3D15, C3D8, C3D8R, C3D20, C3D20R; the deck needs a\n"
-      "*DENSITY. Two CalculiX jobs run at once: *FREQUENCY, STORAGE=YES for the modes (their\n"
-      "double-precision eigenvectors) and *FREQUENCY, SOLVER=MATRIXSTORAGE for the stiffness and\n"
-      "mass matrices. The file holds every node of the solid elements, nodal masses lumped by\n"
+      "*DENSITY. CalculiX assembles the stiffness and mass matrices (*FREQUENCY,\n"
+      "SOLVER=MATRIXSTORAGE); the tool's own solver computes the modes from them: a sparse\n"
+      "Cholesky factor of K - sigma M, shift-invert Lanczos, each mode's residual checked and\n"
+      "an LDL' count of the eigenvalues below the last mode, which fails the run when a mode\n"
+      "was missed. Where the own solver cannot give the same file, CalculiX solves the model\n"
+      "and a note says why. The file holds every node of the solid elements, nodal masses lumped by\n"
       "diagonal scaling of the consistent mass (total mass exact, none negative), the mode\n"
       "shapes, the full generalized mass and stiffness computed from the matrices (mode by\n"
       "mode, two modes in memory at a time), and the outer faces of the mesh (corner nodes,\n"
@@ -71,7 +77,10 @@ void usage(std::FILE *out) {
       "                   The file then holds the static shape of each interface degree of\n"
       "                   freedom (the others held) and N normal modes with all of them held,\n"
       "                   orthonormalised by the library; the reference nodes are its\n"
-      "                   interface nodes, with rotations from the rotation nodes\n");
+      "                   interface nodes, with rotations from the rotation nodes\n"
+      "  --solver own     the own solver, or fail where it cannot solve the model\n"
+      "  --solver calculix  CalculiX computes the modes (*FREQUENCY, STORAGE=YES), the\n"
+      "                   static shapes and the stresses\n");
 }
 
 // 0 when the options are complete, 2 for a usage error, 1 after --help.
@@ -91,6 +100,13 @@ int parse_options(int argc, char **argv, Options &o) {
       o.output = argv[++i];
     } else if (a == "--interface" && has_value) {
       o.interfaces.push_back(argv[++i]);
+    } else if (a == "--solver" && has_value) {
+      std::string v = argv[++i];
+      if (v != "own" && v != "calculix") {
+        std::fprintf(stderr, "ccx2krx: --solver wants own or calculix, not %s\n", v.c_str());
+        return 2;
+      }
+      o.solver = v == "own" ? Options::kOwn : Options::kCalculix;
     } else if (a == "--keep" && has_value) {
       o.keep = argv[++i];
     } else if (a == "--modes" && has_value) {
@@ -166,11 +182,36 @@ struct Results {
   ccx::DatReader dat;
 };
 
-bool write_jobs(const Options &o, const ccx::Deck &deck, const std::string &dir) {
+// Why the own solver cannot give the file CalculiX's solution gives; empty when it can.
+std::string own_solver_refusal(const Options &o, const ccx::Deck &deck) {
+  if (!deck.dependent_keyword.empty())
+    return "the deck's *" + deck.dependent_keyword +
+           " makes degrees of freedom depend on others, which CalculiX's matrices leave out and "
+           "the own solver cannot rebuild";
+  if (o.stress) return "--stress takes the stresses from CalculiX's own solution";
+  return "";
+}
+
+// Decides the path: own is false when CalculiX solves. A forced own path that cannot be taken
+// fails.
+bool choose_solver(const Options &o, const ccx::Deck &deck, bool &own) {
+  own = false;
+  if (o.solver == Options::kCalculix) return true;
+  std::string refusal = own_solver_refusal(o, deck);
+  if (refusal.empty()) {
+    own = true;
+    return true;
+  }
+  if (o.solver == Options::kOwn) return ccx::failed("--solver own: %s", refusal.c_str());
+  ccx::note("note: CalculiX solves the model: %s", refusal.c_str());
+  return true;
+}
+
+bool write_jobs(const Options &o, const ccx::Deck &deck, const std::string &dir, bool own) {
   std::string modes = o.interfaces.empty() ? ccx::modes_deck(o.modes, o.stress)
                                            : ccx::component_deck(deck, o.modes, o.stress);
   return ccx::write_file(dir + "/model.inp", deck.text) &&
-         ccx::write_file(dir + "/modes.inp", modes) &&
+         (own || ccx::write_file(dir + "/modes.inp", modes)) &&
          ccx::write_file(dir + "/matrices.inp", ccx::matrices_deck());
 }
 
@@ -188,9 +229,11 @@ void note_held_rows(const ccx::DofMap &map, const ccx::Deck &deck) {
         3 * nodes - free_rows);
 }
 
-bool run_and_read(const Options &o, const ccx::Deck &deck, const std::string &dir, Results &r,
-                  double &calculix_seconds) {
-  if (!ccx::run_calculix(dir, {"modes", "matrices"}, calculix_seconds)) return false;
+bool run_and_read(const Options &o, const ccx::Deck &deck, const std::string &dir, bool own,
+                  Results &r, double &calculix_seconds) {
+  std::vector<std::string> jobs = {"matrices"};
+  if (!own) jobs.insert(jobs.begin(), "modes");
+  if (!ccx::run_calculix(dir, jobs, calculix_seconds)) return false;
   if (!ccx::read_dof_map(dir + "/matrices.dof", deck, r.map)) return false;
   note_held_rows(r.map, deck);
   int rows = static_cast<int>(r.map.row_node.size());
@@ -198,6 +241,17 @@ bool run_and_read(const Options &o, const ccx::Deck &deck, const std::string &di
     return false;
   int nodes = static_cast<int>(deck.node_ids.size());
   if (!ccx::lump_masses(r.matrices, r.map, nodes, r.nodal_mass, r.total_mass)) return false;
+  if (own) {
+    ccx::OwnJob job;
+    job.deck = &deck;
+    job.map = &r.map;
+    job.matrices = &r.matrices;
+    job.modes = o.modes;
+    job.vectors_path = dir + "/own_modes.bin";
+    job.statics_path = dir + "/static_shapes.bin";
+    job.timing = o.timing;
+    return ccx::solve_own(job, r.eig);
+  }
   int64_t off_diagonal = static_cast<int64_t>(r.matrices.row.size()) - rows;
   if (!deck.interfaces.empty()) {
     // The normal modes hold the interface rows fixed, which leaves them out of the eigenvectors
@@ -218,14 +272,16 @@ bool convert(const Options &o, double &calculix_seconds) {
     ccx::note("note: the deck holds steps; only its model part before the first *STEP is used");
   std::vector<ccx::Face> faces;
   if (!ccx::collect_skin(deck, faces)) return false;
+  bool own = false;
+  if (!choose_solver(o, deck, own)) return false;
   std::string dir;
   if (!make_work_dir(o, dir)) return false;
   Results r;
-  bool ok = write_jobs(o, deck, dir);
+  bool ok = write_jobs(o, deck, dir, own);
   // The deck's text and elements have served: the model part is written and the skin is known.
   std::string().swap(deck.text);
   std::vector<ccx::Element>().swap(deck.elements);
-  ok = ok && run_and_read(o, deck, dir, r, calculix_seconds);
+  ok = ok && run_and_read(o, deck, dir, own, r, calculix_seconds);
   if (ok) {
     ccx::ExportJob job;
     job.deck = &deck;
@@ -243,6 +299,7 @@ bool convert(const Options &o, double &calculix_seconds) {
     job.frd = &r.frd;
     job.dat = &r.dat;
     job.scratch = dir + "/static_shapes.bin";
+    job.own_solver = own;
     ok = ccx::export_model(job);
   }
   ccx::close_eigen_file(r.eig);

@@ -81,3 +81,35 @@ def deck_nodes(path):
                 rows.append([float(t) for t in line.split(",")[:4]])
     rows = np.array(sorted(rows))
     return rows[:, 0].astype(np.int64), rows[:, 1:4]
+
+
+def eig_vectors(path, rows):
+    """The eigenvalues and the double-precision eigenvectors (rows x modes) of a .eig file
+    (*FREQUENCY, STORAGE=YES): four integers, the eigenvalues, the matrices, then the vectors,
+    found from the end of the file."""
+    data = open(path, "rb").read()
+    modes = int(np.frombuffer(data[:16], dtype=np.int32)[3])
+    values = np.frombuffer(data[16:16 + 8 * modes], dtype=np.float64)
+    vectors = np.frombuffer(data[len(data) - 8 * rows * modes:], dtype=np.float64)
+    return values, vectors.reshape(modes, rows).T
+
+
+def stored_matrices(prefix):
+    """The rows of prefix.dof as (node, direction 0..2) and a function that multiplies the
+    stored stiffness (which="sti") or mass ("mas") matrix with a block of columns."""
+    with open(prefix + ".dof") as f:
+        rows = np.array([[int(t) for t in line.strip().split(".")] for line in f if line.strip()])
+    triplets = {}
+    for which in ("sti", "mas"):
+        data = np.loadtxt(f"{prefix}.{which}", ndmin=2)
+        triplets[which] = (data[:, 0].astype(int) - 1, data[:, 1].astype(int) - 1, data[:, 2])
+
+    def product(which, x):
+        r, c, v = triplets[which]
+        y = np.zeros_like(x)
+        np.add.at(y, r, v[:, None] * x[c])
+        off = r != c
+        np.add.at(y, c[off], v[off, None] * x[r[off]])
+        return y
+
+    return np.column_stack([rows[:, 0], rows[:, 1] - 1]), product

@@ -63,15 +63,33 @@ def krxdump():
     return _tool("KRXDUMP")
 
 
+def hold_lowest_face(path, held_path):
+    """A copy of the deck whose nodes at the lowest x are held by *BOUNDARY (all three
+    translations)."""
+    import calculix_output
+    ids, xyz = calculix_output.deck_nodes(path)
+    face = ids[xyz[:, 0] < xyz[:, 0].min() + 1e-6]
+    with open(path) as f:
+        text = f.read()
+    lines = ",\n".join(",".join(str(i) for i in face[k:k + 12]) for k in range(0, len(face), 12))
+    with open(held_path, "w") as f:
+        f.write(text + "*NSET,NSET=HELDFACE\n" + lines + "\n*BOUNDARY\nHELDFACE,1,3\n")
+    return held_path
+
+
 @pytest.fixture(scope="session")
 def deck(tmp_path_factory):
-    """deck(name) -> the path of the model's deck, meshed on first use."""
+    """deck(name, density=True, held=False) -> the path of the model's deck, meshed on first use;
+    held holds its face at the lowest x."""
     made = {}
     where = tmp_path_factory.mktemp("decks")
 
-    def get(name, density=True):
-        key = (name, density)
+    def get(name, density=True, held=False):
+        key = (name, density, held)
         if key not in made:
+            if held:
+                made[key] = hold_lowest_face(get(name), str(where / (name + "_held.inp")))
+                return made[key]
             geometry, numbers, _ = MODELS[name]
             path = str(where / (name + ("" if density else "_no_density") + ".inp"))
             made[key] = make_deck(os.path.join(GEOMETRY, geometry), path, numbers.items(), density)
@@ -89,21 +107,43 @@ def run_tool(tool, args, options=None, env=None):
                           timeout=300)
 
 
+# CalculiX's own solution of the model part in the work directory (what --solver calculix runs):
+# modes.dat, modes.frd (displacements, stresses) and modes.eig (double-precision eigenvectors).
+REFERENCE = ("*INCLUDE,INPUT=model.inp\n*STEP\n*FREQUENCY,STORAGE=YES\n{modes}\n"
+             "*NODE FILE\nU\n*EL FILE\nS\n*END STEP\n")
+
+
+def calculix_reference(work, modes):
+    """Runs CalculiX's *FREQUENCY on the model part that ccx2krx left in work, unless the
+    CalculiX path has run it there already."""
+    if os.path.exists(os.path.join(work, "modes.eig")):
+        return
+    with open(os.path.join(work, "modes.inp"), "w") as f:
+        f.write(REFERENCE.format(modes=modes))
+    env = dict(os.environ, OMP_NUM_THREADS="1")
+    run = subprocess.run([os.environ.get("CCX", "ccx"), "-i", "modes"], cwd=work, env=env,
+                         capture_output=True, text=True, timeout=300)
+    assert run.returncode == 0 and "*ERROR" not in run.stdout, run.stdout[-2000:]
+
+
 @pytest.fixture(scope="session")
 def export(ccx2krx, deck, tmp_path_factory):
-    """export(name, options=None) -> Export of the model with MODES modes and stresses, run once
-    per session for each name and option string."""
+    """export(name, options=None, solver="calculix", stress=True, held=False) -> Export of the model with
+    MODES modes, run once per session for each set of arguments; the work directory holds
+    CalculiX's own solution beside the matrices whichever path solved."""
     done = {}
 
-    def get(name, options=None):
-        key = (name, options)
+    def get(name, options=None, solver="calculix", stress=True, held=False):
+        key = (name, options, solver, stress, held)
         if key not in done:
             where = tmp_path_factory.mktemp(name)
             out, keep = str(where / (name + ".krx")), str(where / "work")
-            run = run_tool(ccx2krx, [deck(name), "-o", out, "--modes", str(MODES), "--stress",
-                                     "--keep", keep], options)
+            args = [deck(name, held=held), "-o", out, "--modes", str(MODES), "--keep", keep,
+                    "--solver", solver] + (["--stress"] if stress else [])
+            run = run_tool(ccx2krx, args, options)
             assert run.returncode == 0, f"ccx2krx failed on {name}:\n{run.stderr}"
-            done[key] = Export(deck(name), out, keep, run)
+            calculix_reference(keep, MODES)
+            done[key] = Export(deck(name, held=held), out, keep, run)
         return done[key]
 
     return get

@@ -67,21 +67,22 @@ def deck_set(path, name):
 
 @pytest.fixture(scope="module")
 def exports(ccx2krx, deck, tmp_path_factory):
-    """The bracket with both holes as interface points, exported twice at once: with stresses,
-    and with the inertia invariants (which keep only the nodes of faces and interfaces)."""
+    """The bracket with both holes as interface points, exported three times at once: by the own
+    solver, by it with the inertia invariants (which keep only the nodes of faces and
+    interfaces), and by CalculiX with stresses."""
     where = tmp_path_factory.mktemp("component")
 
-    def export(options):
-        label = options or "plain"
+    def export(label, args, options=None):
         out, keep = str(where / f"{label}.krx"), str(where / f"work_{label}")
-        stress = [] if options else ["--stress"]
         run = run_tool(ccx2krx, [deck(BRACKET), "-o", out, "--interface", "HOLE1", "--interface",
-                                 "HOLE2", "--modes", str(FIXED), "--keep", keep, *stress], options)
+                                 "HOLE2", "--modes", str(FIXED), "--keep", keep, *args], options)
         assert run.returncode == 0, run.stderr
         return Export(deck(BRACKET), out, keep, run)
 
+    jobs = [("own", ["--solver", "own"]), ("invariants", ["--solver", "own"], "full_invar"),
+            ("calculix", ["--solver", "calculix", "--stress"])]
     with ThreadPoolExecutor(2) as pool:
-        return list(pool.map(export, ["", "full_invar"]))
+        return list(pool.map(lambda job: export(*job), jobs))
 
 
 @pytest.fixture(scope="module")
@@ -126,8 +127,9 @@ def test_interface_points_are_the_file_interface_nodes(component, reference):
         np.testing.assert_allclose(f.coords[f.node_positions([ref])[0]], mean, rtol=1e-12)
 
 
-def test_frequencies_bound_calculix_free_free_from_above(component, reference):
-    f = component.read()
+@pytest.mark.parametrize("path", [0, 2], ids=["own", "calculix"])
+def test_frequencies_bound_calculix_free_free_from_above(exports, reference, path):
+    f = exports[path].read()
     theirs = ccx.dat_eigenvalues(reference[1])
     ours = f.eigenvalues
     # Six rigid-body modes, then elastic ones no lower than the full model's and within 1%.
@@ -147,8 +149,9 @@ def static_response(f, points, load):
     return null @ np.linalg.solve(stiffness, null.T @ phi_b.T @ load)
 
 
-def test_static_response_of_one_hole_with_the_other_held_is_exact(component, reference):
-    f = component.read()
+@pytest.mark.parametrize("path", [0, 2], ids=["own", "calculix"])
+def test_static_response_of_one_hole_with_the_other_held_is_exact(exports, reference, path):
+    f = exports[path].read()
     points, _, theirs = reference
     # A unit force along z, then a unit moment about y.
     for load, expected in zip((np.eye(6)[2], np.eye(6)[4]), theirs):
@@ -157,12 +160,12 @@ def test_static_response_of_one_hole_with_the_other_held_is_exact(component, ref
         assert error < 1e-6, f"{ours} against CalculiX's {expected}: {error:.1e}"
 
 
-def test_static_stresses_follow_from_the_modal_stresses(component, reference):
-    f = component.read()
+def test_static_stresses_follow_from_the_modal_stresses(exports, reference):
+    f = exports[2].read()
     q = static_response(f, reference[0], np.eye(6)[4])
     ids, modal = f.stress
     ours = np.tensordot(q, np.asarray(modal), axes=1)
-    their_ids, theirs = ccx.frd_results(os.path.join(component.keep, "static.frd"), "STRESS")[None]
+    their_ids, theirs = ccx.frd_results(os.path.join(exports[0].keep, "static.frd"), "STRESS")[None]
     theirs = by_node(their_ids, theirs[:, [0, 1, 2, 3, 5, 4]], ids)
     # Both sides carry the .frd's five digits.
     assert np.max(np.abs(ours - theirs)) < 1e-4 * np.max(np.abs(theirs))

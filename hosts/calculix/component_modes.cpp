@@ -1,0 +1,75 @@
+// Component modes from one factor of K_ii: the static shape of each held row (constraint modes),
+// and the rigid ties that carry the held reference nodes' motion to the nodes of their sets.
+#include "solver.h"
+
+namespace ccx {
+
+bool constraint_modes(const Matrices &m, const std::vector<int> &held, Factor &f,
+                      std::vector<double> &shapes) {
+  size_t n = static_cast<size_t>(m.n), h = held.size();
+  std::vector<int> held_at(n, -1), free_at(n, -1);
+  for (size_t k = 0; k < h; ++k) held_at[held[k]] = static_cast<int>(k);
+  size_t free_rows = 0;
+  for (size_t r = 0; r < n; ++r)
+    if (held_at[r] < 0) free_at[r] = static_cast<int>(free_rows++);
+  // Right-hand sides -K_ih, one column per held row; each stored entry of the upper triangle
+  // stands for (r, c) and (c, r).
+  std::vector<double> rhs(free_rows * h, 0.0);
+  for (int c = 0; c < m.n; ++c)
+    for (int64_t k = m.start[c]; k < m.start[c + 1]; ++k) {
+      int r = m.row[k];
+      double v = m.stiffness[k];
+      if (held_at[c] >= 0 && free_at[r] >= 0) rhs[held_at[c] * free_rows + free_at[r]] -= v;
+      if (r != c && held_at[r] >= 0 && free_at[c] >= 0)
+        rhs[held_at[r] * free_rows + free_at[c]] -= v;
+    }
+  if (!solve_shifted(f, rhs.data(), static_cast<int>(h))) return false;
+  shapes.assign(n * h, 0.0);
+  for (size_t k = 0; k < h; ++k) {
+    double *shape = &shapes[k * n];
+    shape[held[k]] = 1.0;
+    for (size_t r = 0; r < n; ++r)
+      if (free_at[r] >= 0) shape[r] = rhs[k * free_rows + free_at[r]];
+  }
+  return true;
+}
+
+void rigid_motions(const Deck &deck, const DofMap &map, std::vector<double> &motions) {
+  size_t n = map.row_node.size();
+  motions.assign(6 * n, 0.0);
+  for (size_t r = 0; r < n; ++r) {
+    int node = map.row_node[r], dir = map.row_dir[r];
+    if (node < 0 || dir < 0) continue;
+    if (dir >= 3) {
+      motions[static_cast<size_t>(dir) * n + r] = 1.0;
+      continue;
+    }
+    const double *x = &deck.xyz[3 * static_cast<size_t>(node)];
+    motions[static_cast<size_t>(dir) * n + r] = 1.0;
+    // theta_a e_a x x has component d equal to e_a x x along d.
+    for (int a = 0; a < 3; ++a) {
+      int b = (a + 1) % 3, c = (a + 2) % 3;  // e_a x x = (0, -x_c, x_b) in (a, b, c)
+      if (dir == b) motions[static_cast<size_t>(3 + a) * n + r] = -x[c];
+      if (dir == c) motions[static_cast<size_t>(3 + a) * n + r] = x[b];
+    }
+  }
+}
+
+void expand_rigid_ties(const Deck &deck, std::vector<double> &by_node) {
+  for (const Interface &point : deck.interfaces) {
+    int ref = node_index(deck, point.ref);
+    const double *u = &by_node[6 * static_cast<size_t>(ref)];
+    const double *theta = u + 3;
+    const double *at = &deck.xyz[3 * static_cast<size_t>(ref)];
+    for (int node : point.tied) {
+      const double *x = &deck.xyz[3 * static_cast<size_t>(node)];
+      double r[3] = {x[0] - at[0], x[1] - at[1], x[2] - at[2]};
+      double *v = &by_node[6 * static_cast<size_t>(node)];
+      v[0] = u[0] + theta[1] * r[2] - theta[2] * r[1];
+      v[1] = u[1] + theta[2] * r[0] - theta[0] * r[2];
+      v[2] = u[2] + theta[0] * r[1] - theta[1] * r[0];
+    }
+  }
+}
+
+}  // namespace ccx

@@ -1,0 +1,103 @@
+// ccx2krx's own solver: CalculiX assembles, these stages solve. The back-end (a sparse factor of
+// K - sigma M, its solves and the count of eigenvalues below a shift) stands behind the first
+// group of declarations; the stages after it (the lowest modes with their checks, the component
+// modes, the rigid ties) use nothing else of it, so another back-end can take its place.
+#ifndef CCX2KRX_SOLVER_H
+#define CCX2KRX_SOLVER_H
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "ccx2krx.h"
+
+namespace ccx {
+
+// ---- the back-end -----------------------------------------------------------------------------
+
+struct Factor;  // K - sigma M factored, defined by the back-end
+struct FactorFree {
+  void operator()(Factor *f) const;
+};
+using FactorHandle = std::unique_ptr<Factor, FactorFree>;
+
+// Factors K - sigma M (m.stiffness, m.mass), which must be positive definite: sigma below the
+// lowest eigenvalue. A failure says at which row the matrix stopped being positive definite.
+bool factor_shifted(const Matrices &m, double sigma, FactorHandle &f);
+// x = (K - sigma M)^-1 b for `columns` vectors of m.n values each, one after the other, in place.
+bool solve_shifted(Factor &f, double *x, int columns);
+// The fill-reducing ordering of a factor, for another factor of the same pattern.
+std::vector<int64_t> factor_ordering(const Factor &f);
+// The number of eigenvalues of K phi = lambda M phi below shift (Sylvester's inertia of an LDL'
+// factor of K - shift M), with the ordering of an earlier factor of the same pattern.
+bool count_eigenvalues_below(const Matrices &m, double shift, const std::vector<int64_t> &ordering,
+                             int64_t &count);
+// What the factor cost: entries of L, seconds of ordering and of numerical factorisation.
+struct FactorStats {
+  double entries = 0.0;
+  double analyse_seconds = 0.0;
+  double factor_seconds = 0.0;
+};
+FactorStats factor_stats(const Factor &f);
+
+// ---- the stages -------------------------------------------------------------------------------
+
+// The rows `keep` (increasing) of both matrices, the others and their entries dropped.
+void restrict_rows(const Matrices &m, const std::vector<int> &keep, Matrices &sub);
+
+// A shift below every eigenvalue for the factor: a free body's rigid-body eigenvalues are zero to
+// rounding, so sigma is a small negative fraction of the median ratio of K's to M's diagonal.
+double lower_shift(const Matrices &m);
+
+// The six rigid-body motions of the rows (translations along x, y, z, rotations about them):
+// a translation row of a node at x moves by a + theta x x, a rotation row by theta. 6 * n values.
+void rigid_motions(const Deck &deck, const DofMap &map, std::vector<double> &motions);
+
+// The lowest modes of K phi = lambda M phi by shift-invert Lanczos on f (K - sigma M factored):
+// values ascending, vectors one after the other (m.n values each), M-orthonormal. A few more
+// are computed than wanted for the missed-mode check and kept at the end. The combinations of
+// `motions` (count vectors of m.n values) that K leaves without strain are modes of eigenvalue
+// zero to rounding: they are taken as they are and Lanczos runs on the rest, since a single-vector
+// Lanczos resolves a sixfold eigenvalue at zero only by the rounding that separates its members.
+struct Modes {
+  int wanted = 0;
+  std::vector<double> values;
+  std::vector<double> vectors;
+  int rigid = 0;  // the modes taken from the motions
+  int solves = 0;
+};
+bool lowest_modes(const Matrices &m, Factor &f, double sigma, int wanted,
+                  const std::vector<double> &motions, Modes &modes);
+// Fails a mode whose residual |K phi - lambda M phi| / (|K phi| + |lambda| |M phi|) is above
+// tolerance (for a rigid-body mode, the lowest elastic eigenvalue stands for lambda below), and
+// any mode whose M-norm is not 1.
+bool check_residuals(const Matrices &m, const Modes &modes, double tolerance);
+// Fails when K - shift M, for a shift between the last wanted eigenvalue and the next one
+// computed, has more eigenvalues below it than the modes list: Lanczos missed one.
+bool check_missed_modes(const Matrices &m, const std::vector<int64_t> &ordering,
+                        const Modes &modes, double &seconds);
+
+// Static shapes of the held rows: for each held row h, the vector with 1 at h, 0 at the other
+// held rows and -K_ii^-1 K_ih at the free rows i, f being K_ii factored (sigma = 0). shapes gets
+// m.n values per held row.
+bool constraint_modes(const Matrices &m, const std::vector<int> &held, Factor &f,
+                      std::vector<double> &shapes);
+
+// The own path of a run: the lowest `modes` modes of the matrices (with interfaces: the static
+// shapes of the interface rows to statics_path, then the modes with them held), checked, their
+// vectors written to vectors_path and opened in eig as the export reads CalculiX's.
+struct OwnJob {
+  const Deck *deck = nullptr;
+  const DofMap *map = nullptr;
+  const Matrices *matrices = nullptr;
+  int modes = 0;
+  std::string vectors_path;
+  std::string statics_path;
+  bool timing = false;
+};
+bool solve_own(const OwnJob &job, EigenFile &eig);
+
+}  // namespace ccx
+
+#endif

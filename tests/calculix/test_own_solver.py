@@ -1,0 +1,84 @@
+"""ccx2krx's own solver against CalculiX's solution of the same model, per element type, free and
+held at one face: its eigenvalues against the Rayleigh quotients of CalculiX's own eigenvectors
+with CalculiX's matrices, its mode shapes against those eigenvectors, the rigid-body subspace;
+and the choice between the paths."""
+
+import os
+
+import numpy as np
+import pytest
+
+import calculix_output as ccx
+from conftest import MODELS, run_tool
+
+CASES = [(name, held) for name in MODELS for held in (False, True)]
+
+
+def rows_of(f, rows):
+    """The file's mode shapes at the matrices' rows (node, direction): rows x modes."""
+    at = f.node_positions(rows[:, 0])
+    assert np.all(at >= 0)
+    return np.asarray(f.mode_shapes)[:, at, rows[:, 1]].T
+
+
+def separated(eigenvalues, first, gap=0.01):
+    """Modes from first on whose eigenvalue lies at least gap (relative) from its neighbours."""
+    return [k for k in range(first, len(eigenvalues))
+            if all(abs(eigenvalues[k] - eigenvalues[j]) > gap * eigenvalues[k]
+                   for j in (k - 1, k + 1) if first <= j < len(eigenvalues))]
+
+
+@pytest.mark.parametrize("name, held", CASES)
+def test_modes_are_calculix_own(export, name, held):
+    e = export(name, solver="own", stress=False, held=held)
+    f = e.read()
+    assert "from CalculiX's matrices" in f.header["comments"][0]
+    rows, product = ccx.stored_matrices(os.path.join(e.keep, "matrices"))
+    _, theirs = ccx.eig_vectors(os.path.join(e.keep, "modes.eig"), len(rows))
+    rayleigh = np.sum(theirs * product("sti", theirs), axis=0) / np.sum(
+        theirs * product("mas", theirs), axis=0)
+    rigid = 0 if held else 6
+    np.testing.assert_allclose(f.eigenvalues[rigid:], rayleigh[rigid:], rtol=1e-6)
+    ours = rows_of(f, rows)
+    np.testing.assert_allclose(ours.T @ product("mas", ours), np.eye(len(f.eigenvalues)),
+                               atol=1e-9)
+    if not held:
+        assert np.all(np.abs(f.eigenvalues[:6]) < 1e-6 * rayleigh[6])
+        # The sixfold eigenvalue zero: CalculiX's rigid-body modes span the same space as ours.
+        overlap = ours[:, :6].T @ product("mas", theirs[:, :6])
+        np.testing.assert_allclose(np.linalg.svd(overlap, compute_uv=False), 1.0, atol=1e-6)
+    picked = separated(rayleigh, rigid)
+    assert len(picked) >= 3
+    for k in picked:
+        sign = 1.0 if ours[:, k] @ theirs[:, k] >= 0 else -1.0
+        worst = np.max(np.abs(ours[:, k] - sign * theirs[:, k])) / np.max(np.abs(theirs[:, k]))
+        assert worst < 1e-4, f"{name} mode {k + 1}: {worst:.1e} of the largest entry"
+
+
+def test_both_paths_write_the_same_blocks(export):
+    own = export("bar_c3d8", solver="own", stress=False).read()
+    calculix = export("bar_c3d8", solver="calculix", stress=False).read()
+    assert sorted(own.blocks) == sorted(calculix.blocks)
+    np.testing.assert_allclose(own.eigenvalues[6:], calculix.eigenvalues[6:], rtol=1e-6)
+    np.testing.assert_allclose(own.masses, calculix.masses, rtol=1e-12)
+
+
+EQUATION = "*EQUATION\n2\n1,1,1.,2,1,-1.\n"
+
+
+@pytest.mark.parametrize("case, extra, args, status, message", [
+    ("a dependent degree of freedom goes to CalculiX", EQUATION, [], 0,
+     "note: CalculiX solves the model: the deck's *EQUATION makes degrees of freedom depend"),
+    ("... and --solver own refuses it", EQUATION, ["--solver", "own"], 1,
+     "--solver own: the deck's *EQUATION makes degrees of freedom depend"),
+    ("more modes than the model has", "", ["--modes", "5000"], 1,
+     "5000 modes asked, but the model has"),
+])
+def test_solver_choice(ccx2krx, deck, tmp_path, case, extra, args, status, message):
+    model = tmp_path / "bar.inp"
+    with open(deck("bar_c3d8")) as f:
+        model.write_text(f.read() + extra)
+    out = tmp_path / "out.krx"
+    run = run_tool(ccx2krx, [str(model), "-o", str(out), "--modes", "8", *args])
+    assert run.returncode == status and message in run.stderr, f"{case}:\n{run.stderr}"
+    assert out.exists() == (status == 0), case
