@@ -205,6 +205,9 @@ bool export_model(ExportJob &job);
 // Messages: "ccx2krx: " and the text on standard error; failed() returns false for the caller.
 void note(const char *format, ...) __attribute__((format(printf, 1, 2)));
 bool failed(const char *format, ...) __attribute__((format(printf, 1, 2)));
+// While into is set, messages go there instead of standard error (the first one only): the ranks
+// of a parallel run hand theirs to rank 0, which prints one.
+void capture_messages(std::string *into);
 
 }  // namespace ccx
 

@@ -14,13 +14,24 @@ namespace ccx {
 
 namespace {
 
+std::string *captured = nullptr;
+
 void report(const char *format, std::va_list args) {
+  if (captured) {
+    // Only the first failure counts: the callers that follow only pass it up.
+    char text[1024];
+    std::vsnprintf(text, sizeof text, format, args);
+    if (captured->empty()) *captured = text;
+    return;
+  }
   std::fputs("ccx2krx: ", stderr);
   std::vfprintf(stderr, format, args);
   std::fputc('\n', stderr);
 }
 
 }  // namespace
+
+void capture_messages(std::string *into) { captured = into; }
 
 void note(const char *format, ...) {
   std::va_list args;

@@ -6,6 +6,7 @@
 #define CCX2KRX_SOLVER_H
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -77,12 +78,19 @@ bool check_residuals(const Matrices &m, const Modes &modes, double tolerance);
 // computed, has more eigenvalues below it than the modes list: Lanczos missed one.
 bool check_missed_modes(const Matrices &m, const std::vector<int64_t> &ordering,
                         const Modes &modes, double &seconds);
+// The same check with any back-end's count of the eigenvalues below a shift.
+using EigenvalueCounter = std::function<bool(double shift, int64_t &count)>;
+bool check_mode_count(const Modes &modes, const EigenvalueCounter &count_below, double &seconds);
 
 // Static shapes of the held rows: for each held row h, the vector with 1 at h, 0 at the other
 // held rows and -K_ii^-1 K_ih at the free rows i, f being K_ii factored (sigma = 0). shapes gets
 // m.n values per held row.
 bool constraint_modes(const Matrices &m, const std::vector<int> &held, Factor &f,
                       std::vector<double> &shapes);
+
+// The rows of the interface points in the order of the static shapes: per point the reference
+// node's three translations, then the rotation node's three rotations.
+bool interface_rows(const Deck &deck, const DofMap &map, std::vector<int> &held);
 
 // The own path of a run: the lowest `modes` modes of the matrices (with interfaces: the static
 // shapes of the interface rows to statics_path, then the modes with them held), checked, their
