@@ -5,5 +5,12 @@ add_test(NAME calculix.pytest
          COMMAND /usr/bin/python3 -m pytest -q -p no:cacheprovider
                  --basetemp=${CMAKE_CURRENT_BINARY_DIR}/calculix
                  ${CMAKE_CURRENT_SOURCE_DIR}/calculix)
-set_tests_properties(calculix.pytest PROPERTIES TIMEOUT 600 ENVIRONMENT
-  "PYTHONDONTWRITEBYTECODE=1;CCX2KRX=$<TARGET_FILE:ccx2krx>;KRXDUMP=$<TARGET_FILE:krxdump>;TMP=${CMAKE_CURRENT_BINARY_DIR}")
+# CCX2KRX_MPI says whether the tool has --solver mpi; its tests start mpirun (MPIEXEC) and
+# share the MPI tests' lock, since both oversubscribe the machine.
+if(CCX2KRX_PARALLEL)
+  set(KRX_CCX_MPI "CCX2KRX_MPI=1;MPIEXEC=${MPIEXEC_EXECUTABLE}")
+else()
+  set(KRX_CCX_MPI "CCX2KRX_MPI=0")
+endif()
+set_tests_properties(calculix.pytest PROPERTIES TIMEOUT 600 RESOURCE_LOCK mpi ENVIRONMENT
+  "PYTHONDONTWRITEBYTECODE=1;CCX2KRX=$<TARGET_FILE:ccx2krx>;KRXDUMP=$<TARGET_FILE:krxdump>;TMP=${CMAKE_CURRENT_BINARY_DIR};${KRX_CCX_MPI};LSAN_OPTIONS=suppressions=${CMAKE_CURRENT_SOURCE_DIR}/parallel/lsan.supp")
