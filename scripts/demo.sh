@@ -4,10 +4,10 @@
 # entries, and lists the file with krxdump (contents and the eigenvalue block; the full listing is
 # `build/krxdump out/sample.krx`); then the Python reader writes out/sample.vtu for ParaView and
 # out/mode7.png, a picture of mode 7. Then the real path: gmsh meshes the bracket of
-# hosts/calculix/geometry in quadratic tetrahedra, ccx2krx has CalculiX compute its modes and
-# stresses and exports out/bracket.krx, krxdump lists its eigenvalues, and the Python reader writes
-# out/bracket.vtu, out/bracket_mode7.png, the first bending mode, and out/bracket.html, a page
-# that animates every mode in a browser.
+# hosts/calculix/geometry in quadratic tetrahedra, CalculiX assembles its matrices, ccx2krx solves
+# for its component modes and stresses and exports out/bracket.krx, krxdump lists its eigenvalues,
+# and the Python reader writes out/bracket.vtu, out/bracket_mode7.png, the first bending mode, and
+# out/bracket.html, a page that animates every mode in a browser.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bash scripts/install-deps.sh

@@ -165,3 +165,82 @@ TEST(OwnSolver, TiedNodesFollowTheirReferenceNode) {
 }
 
 }  // namespace
+
+// One element of each type, its natural coordinates stretched and sheared into place, under a
+// displacement whose strain its recovery must give at every node: a constant strain for all,
+// a strain linear in x (u = x^2 along x) for the types whose points determine a linear field.
+TEST(StressRecovery, GivesTheStrainsOfFieldsTheElementHolds) {
+  const double hex[20][3] = {{-1, -1, -1}, {1, -1, -1}, {1, 1, -1}, {-1, 1, -1}, {-1, -1, 1},
+                             {1, -1, 1},   {1, 1, 1},   {-1, 1, 1}, {0, -1, -1},  {1, 0, -1},
+                             {0, 1, -1},   {-1, 0, -1}, {0, -1, 1}, {1, 0, 1},    {0, 1, 1},
+                             {-1, 0, 1},   {-1, -1, 0}, {1, -1, 0}, {1, 1, 0},    {-1, 1, 0}};
+  const double tet[10][3] = {{0, 0, 0},  {1, 0, 0},  {0, 1, 0},   {0, 0, 1},   {.5, 0, 0},
+                             {.5, .5, 0}, {0, .5, 0}, {0, 0, .5}, {.5, 0, .5}, {0, .5, .5}};
+  const double wedge[15][3] = {{0, 0, -1},  {1, 0, -1},   {0, 1, -1},  {0, 0, 1},  {1, 0, 1},
+                               {0, 1, 1},   {.5, 0, -1},  {.5, .5, -1}, {0, .5, -1}, {.5, 0, 1},
+                               {.5, .5, 1}, {0, .5, 1},   {0, 0, 0},   {1, 0, 0},  {0, 1, 0}};
+  struct Case {
+    const char *type;
+    int shape, rule, nodes;
+    const double (*at)[3];
+    bool linear_strain;
+  } cases[] = {
+      {"C3D4", 0, 0, 4, tet, false},      {"C3D10", 0, 0, 10, tet, true},
+      {"C3D6", 1, 0, 6, wedge, false},    {"C3D15", 1, 0, 15, wedge, true},
+      {"C3D8", 2, 0, 8, hex, false},      {"C3D8R", 2, 1, 8, hex, false},
+      {"C3D20", 2, 0, 20, hex, true},     {"C3D20R", 2, 1, 20, hex, true},
+  };
+  const double young = 210000.0, poisson = 0.3;
+  const double lambda = young * poisson / ((1 + poisson) * (1 - 2 * poisson));
+  const double mu = young / (2 * (1 + poisson));
+  for (const Case &c : cases) {
+    SCOPED_TRACE(c.type);
+    ccx::Deck deck;
+    deck.young = young;
+    deck.poisson = poisson;
+    ccx::Element e;
+    e.shape = c.shape;
+    e.rule = c.rule;
+    for (int n = 0; n < c.nodes; ++n) {
+      const double *p = c.at[n];
+      deck.node_ids.push_back(n + 1);
+      double xyz[3] = {3 * p[0] + 0.5 * p[1] + 1, 2 * p[1] + 0.3 * p[2], 4 * p[2] + 0.2 * p[0]};
+      deck.xyz.insert(deck.xyz.end(), xyz, xyz + 3);
+      e.nodes.push_back(n + 1);
+    }
+    deck.elements.push_back(e);
+    ccx::StressModel model;
+    ASSERT_TRUE(ccx::prepare_stresses(deck, model));
+    for (bool linear : {false, true}) {
+      if (linear && !c.linear_strain) continue;
+      std::vector<double> by_node(6 * c.nodes, 0.0), stresses;
+      for (int n = 0; n < c.nodes; ++n) {
+        const double *x = &deck.xyz[3 * n];
+        double *u = &by_node[6 * n];
+        if (linear) {
+          u[0] = x[0] * x[0];
+        } else {  // strains xx 1e-3, yy -2e-4, zz 5e-4, shear xy 4e-4, yz 2e-4, zx -6e-4
+          u[0] = 1e-3 * x[0] + 4e-4 * x[1] - 6e-4 * x[2];
+          u[1] = -2e-4 * x[1] + 2e-4 * x[2];
+          u[2] = 5e-4 * x[2];
+        }
+      }
+      ccx::recover_stresses(model, deck, by_node, stresses);
+      for (int n = 0; n < c.nodes; ++n) {
+        const double x = deck.xyz[3 * n];
+        double e[6] = {1e-3, -2e-4, 5e-4, 4e-4, 2e-4, -6e-4};  // shear as engineering strain
+        if (linear) {
+          for (double &v : e) v = 0.0;
+          e[0] = 2 * x;
+        }
+        double trace = e[0] + e[1] + e[2];
+        double expected[6] = {lambda * trace + 2 * mu * e[0], lambda * trace + 2 * mu * e[1],
+                              lambda * trace + 2 * mu * e[2], mu * e[3], mu * e[4], mu * e[5]};
+        for (int k = 0; k < 6; ++k)
+          EXPECT_NEAR(stresses[6 * n + k], expected[k], 1e-9 * young * (1 + std::fabs(x)))
+              << (linear ? "linear" : "constant") << " strain, node " << n + 1 << " component "
+              << k;
+      }
+    }
+  }
+}

@@ -17,6 +17,7 @@ namespace ccx {
 struct Element {
   int id = 0;
   int shape = 0;  // index into the shape table of skin.cpp (tetrahedron, wedge, hexahedron)
+  int rule = 0;   // its integration: 1 for the reduced C3D8R and C3D20R, else 0
   std::vector<int> nodes;
 };
 
@@ -50,6 +51,13 @@ struct Deck {
   int solid_nodes = 0;            // entries of node_ids that solid elements use
   int tied_nodes = 0;             // nodes of the solid elements in interface sets
   std::string dependent_keyword;  // the first *EQUATION, *TIE, *MPC, ... of the model part
+  // The material for stresses: Young's modulus and Poisson's ratio of the one isotropic linear
+  // elastic material, or why the deck has none such (several materials, another *ELASTIC type,
+  // a temperature table, *ORIENTATION, plasticity).
+  double young = 0.0;
+  double poisson = 0.0;
+  std::string material_refusal;
+  std::vector<std::string> section_materials;  // MATERIAL= of each *SOLID SECTION
   std::vector<Interface> interfaces;
 };
 
@@ -199,8 +207,17 @@ struct ExportJob {
   std::FILE *scratch_file = nullptr;  // open while the modes are handed over
   // The own solver wrote the static shapes' rows to scratch already, and computed the modes.
   bool own_solver = false;
+  // With the own solver the stresses are recovered from each shape (a StressModel of solver.h).
+  const struct StressModel *stress_model = nullptr;
 };
 bool export_model(ExportJob &job);
+
+// Progress on standard error (progress.cpp): a stage, a count within it (on a terminal only),
+// and the end of the terminal's line, which every message ends first.
+void start_progress(bool quiet);
+void show_stage(const char *stage);
+void show_count(const char *what, int count, int total);
+void end_progress_line();
 
 // Messages: "ccx2krx: " and the text on standard error; failed() returns false for the caller.
 void note(const char *format, ...) __attribute__((format(printf, 1, 2)));

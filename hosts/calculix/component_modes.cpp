@@ -1,5 +1,8 @@
 // Component modes from one factor of K_ii: the static shape of each held row (constraint modes),
 // and the rigid ties that carry the held reference nodes' motion to the nodes of their sets.
+#include <algorithm>
+#include <cmath>
+
 #include "solver.h"
 
 namespace ccx {
@@ -70,6 +73,52 @@ void expand_rigid_ties(const Deck &deck, std::vector<double> &by_node) {
       v[2] = u[2] + theta[0] * r[1] - theta[1] * r[0];
     }
   }
+}
+
+// CalculiX's diagonal of the mass matrix is the density times the unit-density diagonal of the
+// elements, node by node; where it is for every node with rows, the tied nodes get the masses
+// their diagonal gives them in the untied model and their reference node keeps the rest.
+void share_tied_masses(const Deck &deck, const DofMap &map, const Matrices &m,
+                       const std::vector<double> &unit_diagonal, std::vector<double> &nodal) {
+  size_t nodes = nodal.size();
+  std::vector<double> diagonal(nodes, 0.0);
+  std::vector<int> count(nodes, 0);
+  for (int c = 0; c < m.n; ++c) {
+    int node = map.row_node[c], dir = map.row_dir[c];
+    if (node < 0 || dir < 0 || dir > 2 || node >= deck.solid_nodes) continue;
+    for (int64_t k = m.start[c]; k < m.start[c + 1]; ++k)
+      if (m.row[k] == c) {
+        diagonal[node] += m.mass[k];
+        ++count[node];
+      }
+  }
+  double ours = 0.0, theirs = 0.0, lumped = 0.0, total = 0.0;
+  for (size_t i = 0; i < nodes; ++i) {
+    total += nodal[i];
+    if (count[i] == 0) continue;
+    diagonal[i] /= count[i];
+    ours += unit_diagonal[i];
+    theirs += diagonal[i];
+    lumped += nodal[i];
+  }
+  if (!(ours > 0.0) || !(theirs > 0.0)) return;
+  double density = theirs / ours;
+  for (size_t i = 0; i < nodes; ++i)
+    if (count[i] > 0 && std::fabs(diagonal[i] - density * unit_diagonal[i]) > 1e-9 * diagonal[i])
+      return;  // several densities, or elements whose mass the recovery's points do not give
+  double scale = lumped / theirs * density;
+  for (const Interface &point : deck.interfaces) {
+    double tied = 0.0;
+    for (int node : point.tied) {
+      nodal[node] = scale * unit_diagonal[node];
+      tied += nodal[node];
+    }
+    double &ref = nodal[static_cast<size_t>(node_index(deck, point.ref))];
+    ref = std::max(0.0, ref - tied);
+  }
+  double now = 0.0;
+  for (double v : nodal) now += v;
+  for (double &v : nodal) v *= total / now;
 }
 
 }  // namespace ccx

@@ -24,6 +24,7 @@ void report(const char *format, std::va_list args) {
     if (captured->empty()) *captured = text;
     return;
   }
+  end_progress_line();
   std::fputs("ccx2krx: ", stderr);
   std::vfprintf(stderr, format, args);
   std::fputc('\n', stderr);
@@ -157,10 +158,43 @@ struct Parser {
   bool stopped = false;
   std::vector<double> record;  // the numbers of an element record spread over lines
   NodeSet *set = nullptr;      // the set that *NSET data lines add to
+  std::string material;        // the *MATERIAL whose cards are being read
+  int elastic_lines = -1;      // data lines of its *ELASTIC so far (-1: not in *ELASTIC)
   bool generate = false;
   std::vector<std::pair<int, size_t>> all_nodes;  // node id, position in all_xyz
   std::vector<double> all_xyz;
 };
+
+void refuse_material(Deck &deck, const std::string &why) {
+  if (deck.material_refusal.empty()) deck.material_refusal = why;
+}
+
+// The material cards that decide whether the tool can recover stresses as CalculiX does.
+void take_material_keyword(Parser &p, const Keyword &k) {
+  Deck &deck = p.deck;
+  p.elastic_lines = -1;
+  static const char *const kInelastic[] = {"PLASTIC",        "HYPERELASTIC", "HYPERFOAM",
+                                           "USERMATERIAL",   "CREEP",        "DEFORMATIONPLASTICITY",
+                                           "CYCLICHARDENING"};
+  if (k.name == "MATERIAL") {
+    p.material = upper_without_blanks(param(k, "NAME"));
+  } else if (k.name == "ELASTIC") {
+    std::string type = upper_without_blanks(param(k, "TYPE"));
+    if (!type.empty() && type != "ISO" && type != "ISOTROPIC")
+      refuse_material(deck, "material " + p.material + " has *ELASTIC, TYPE=" + type);
+    if (deck.young != 0.0 || deck.poisson != 0.0)
+      refuse_material(deck, "the deck has more than one *ELASTIC");
+    p.elastic_lines = 0;
+  } else if (k.name == "ORIENTATION") {
+    refuse_material(deck, "the deck has an *ORIENTATION");
+  } else if (k.name == "SOLIDSECTION") {
+    if (!param(k, "ORIENTATION").empty())
+      refuse_material(deck, "a *SOLID SECTION has an ORIENTATION");
+    deck.section_materials.push_back(upper_without_blanks(param(k, "MATERIAL")));
+  }
+  for (const char *name : kInelastic)
+    if (k.name == name) refuse_material(deck, "material " + p.material + " has *" + k.name);
+}
 
 bool take_keyword(Parser &p, const std::string &line) {
   Keyword k = parse_keyword(line);
@@ -198,6 +232,7 @@ bool take_keyword(Parser &p, const std::string &line) {
       p.deck.dependent_keyword = k.name == "RIGIDBODY"     ? "RIGID BODY"
                                  : k.name == "CONTACTPAIR" ? "CONTACT PAIR"
                                                            : k.name;
+  take_material_keyword(p, k);
   if (k.name == "HEADING") p.want_heading = true;
   if (k.name == "DENSITY") p.deck.has_density = true;
   return true;
@@ -210,6 +245,15 @@ bool take_data(Parser &p, const std::string &line) {
     size_t lead = h.find_first_not_of(" \t");
     p.deck.heading = lead == std::string::npos ? "" : h.substr(lead);
     p.want_heading = false;
+    return true;
+  }
+  if (p.elastic_lines >= 0) {
+    std::vector<double> v;
+    append_numbers(line, v);
+    if (++p.elastic_lines > 1)
+      refuse_material(p.deck, "material " + p.material + " has a temperature table of *ELASTIC");
+    p.deck.young = v.size() > 0 ? v[0] : 0.0;
+    p.deck.poisson = v.size() > 1 ? v[1] : 0.0;
     return true;
   }
   if (p.block == "NODE") {
@@ -243,6 +287,7 @@ bool take_data(Parser &p, const std::string &line) {
     Element e;
     e.id = static_cast<int>(p.record[0]);
     e.shape = element_shape(p.element_type);
+    e.rule = p.element_type == "C3D8R" || p.element_type == "C3D20R" ? 1 : 0;
     for (int k = 1; k <= p.element_nodes; ++k) e.nodes.push_back(static_cast<int>(p.record[k]));
     p.deck.elements.push_back(std::move(e));
     p.record.clear();
@@ -338,8 +383,13 @@ int node_index(const Deck &deck, int id) {
 }
 
 bool parse_deck(const std::string &text, const std::string &base_dir, Deck &deck) {
-  Parser p{deck, "", "", 0, false, false, {}, nullptr, false, {}, {}};
+  Parser p{deck, "", "", 0, false, false, {}, nullptr, "", -1, false, {}, {}};
   if (!walk_text(p, text, base_dir, 0)) return false;
+  for (const std::string &used : deck.section_materials)
+    if (used != deck.section_materials.front())
+      refuse_material(deck, "the solid sections use more than one material");
+  if (deck.material_refusal.empty() && !(deck.young > 0.0))
+    refuse_material(deck, "the deck has no *ELASTIC with a positive Young's modulus");
   if (deck.elements.empty())
     return failed(
         "the deck holds no solid element (C3D4, C3D10, C3D6, C3D15, C3D8, C3D8R, "

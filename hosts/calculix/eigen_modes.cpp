@@ -30,7 +30,7 @@ struct ShiftInvertOp {
   void perform_op(const double *x, double *y) const {
     std::copy(x, x + n, y);
     ok = ok && solve_shifted(*factor, y, 1);
-    ++solves;
+    show_count("solves", ++solves, 0);
     deflate(y);
   }
   void deflate(double *y) const {

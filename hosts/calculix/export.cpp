@@ -7,6 +7,7 @@
 
 #include "ccx2krx.h"
 #include "krx/krx.h"
+#include "solver.h"
 
 namespace ccx {
 
@@ -134,11 +135,28 @@ bool read_static_shape(ExportJob &job, int j, std::vector<double> &rows,
   return true;
 }
 
+// Stresses of every node of an element, recovered from the shape.
+void recovered_stresses(const ExportJob &job, const std::vector<double> &by_node,
+                        std::vector<int> &nodes, std::vector<double> &values) {
+  std::vector<double> all;
+  recover_stresses(*job.stress_model, *job.deck, by_node, all);
+  nodes.clear();
+  values.clear();
+  for (size_t i = 0; i < job.stress_model->sharing.size(); ++i)
+    if (job.stress_model->sharing[i] > 0) {
+      nodes.push_back(job.deck->node_ids[i]);
+      values.insert(values.end(), &all[6 * i], &all[6 * i] + 6);
+    }
+}
+
 // CalculiX lists SXX SYY SZZ SXY SYZ SZX; the library takes sigma x, y, z, tau xy, xz, yz.
-bool set_stresses(ExportJob &job, int mode) {
+bool set_stresses(ExportJob &job, int mode, const std::vector<double> &by_node) {
   std::vector<int> nodes;
   std::vector<double> values;
-  if (!read_frd_stresses(*job.frd, mode, nodes, values)) return false;
+  if (job.stress_model)
+    recovered_stresses(job, by_node, nodes, values);
+  else if (!read_frd_stresses(*job.frd, mode, nodes, values))
+    return false;
   for (size_t k = 0; k < nodes.size(); ++k) {
     if (node_index(*job.deck, nodes[k]) < 0) continue;
     const double *s = &values[6 * k];
@@ -171,7 +189,9 @@ bool set_modes(ExportJob &job) {
   const char *mode = job.own_solver ? "rb" : "w+b";
   if (statics > 0 && !(job.scratch_file = std::fopen(job.scratch.c_str(), mode)))
     return failed("cannot open %s", job.scratch.c_str());
+  show_stage("handing the modes to the library");
   for (int j = 1; j <= modes; ++j) {
+    show_count("mode", j, modes);
     if (j <= statics && !job.own_solver) {
       if (!read_static_shape(job, j, phi, by_node)) return false;
     } else {
@@ -179,7 +199,7 @@ bool set_modes(ExportJob &job) {
       rows_to_nodes(job, phi, by_node);
     }
     if (!set_shape(job, j, by_node)) return false;
-    if (job.stress && !set_stresses(job, j)) return false;
+    if (job.stress && !set_stresses(job, j, by_node)) return false;
     m_phi.resize(phi.size());
     k_phi.resize(phi.size());
     multiply(*job.matrices, job.matrices->mass, phi.data(), m_phi.data());
@@ -215,6 +235,7 @@ bool set_interface_nodes(const Deck &deck) {
 }
 
 int report_error(int level, const char *text) {
+  end_progress_line();
   std::string line;
   for (const char *p = text;; ++p) {
     if (*p == '\n' || *p == 0) {
@@ -250,6 +271,7 @@ bool export_model(ExportJob &job) {
   if (job.scratch_file) std::fclose(job.scratch_file);
   job.scratch_file = nullptr;
   if (ok) {
+    show_stage("writing the file");
     KRX_WRITE_KRX(job.output.c_str(), &status, static_cast<int>(job.output.size()));
     ok = entry(status, "to write the file");
   }

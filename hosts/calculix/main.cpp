@@ -40,6 +40,7 @@ struct Options {
   const UnitSystem *units = &kUnitSystems[1];
   std::string keep;
   bool timing = false;
+  bool quiet = false;
   std::vector<std::string> interfaces;
   enum Solver { kAny, kOwn, kParallel, kCalculix } solver = kAny;
 };
@@ -48,7 +49,7 @@ void usage(std::FILE *out) {
   std::fprintf(
       out,
       "usage: ccx2krx MODEL.inp -o OUT.krx [--modes N] [--stress] [--units SYSTEM]\n"
-      "               [--keep DIR] [--timing] [--interface NSET ...]\n"
+      "               [--keep DIR] [--timing] [--quiet] [--interface NSET ...]\n"
       "               [--solver own|mpi|calculix]\n"
       "\n"
       "Runs CalculiX (the CCX environment variable, else ccx on PATH) on the model part of\n"
@@ -68,11 +69,16 @@ void usage(std::FILE *out) {
       "  -o OUT.krx       the file to write (its directory must exist)\n"
       "  --modes N        normal modes, rigid-body modes among them (default 20); with\n"
       "                   --interface, the normal modes with the interfaces held\n"
-      "  --stress         also the modal stresses CalculiX computes at the nodes\n"
+      "  --stress         also the modal stresses at the nodes, recovered from each shape as\n"
+      "                   CalculiX recovers them (one isotropic linear elastic material;\n"
+      "                   otherwise CalculiX solves the model and computes them)\n"
       "  --units SYSTEM   the deck's consistent units: m-kg-s, mm-t-s, mm-kg-ms, mm-g-ms,\n"
       "                   cm-g-s (default mm-t-s: N, mm, tonne, s)\n"
       "  --keep DIR       keep CalculiX's work directory in DIR (created if missing)\n"
       "  --timing         print CalculiX's time, the tool's own time and its peak memory\n"
+      "                   (with the own solver, the time of each of its stages)\n"
+      "  --quiet          no progress (on a terminal one updating line, else a line per\n"
+      "                   stage, on standard error)\n"
       "  --interface NSET make the deck's node set NSET an interface point (repeatable): a\n"
       "                   reference node and a rotation node at the plain mean of the set's\n"
       "                   coordinates, tied to the set by *RIGID BODY, REF NODE, ROT NODE.\n"
@@ -102,6 +108,8 @@ int parse_options(int argc, char **argv, Options &o) {
       o.stress = true;
     } else if (a == "--timing") {
       o.timing = true;
+    } else if (a == "--quiet") {
+      o.quiet = true;
     } else if (a == "-o" && has_value) {
       o.output = argv[++i];
     } else if (a == "--interface" && has_value) {
@@ -186,6 +194,7 @@ struct Results {
   ccx::EigenFile eig;
   ccx::FrdReader frd;
   ccx::DatReader dat;
+  std::vector<double> unit_mass;  // with interfaces: the elements' mass diagonal at unit density
 };
 
 // Why the own solver cannot give the file CalculiX's solution gives; empty when it can.
@@ -194,7 +203,9 @@ std::string own_solver_refusal(const Options &o, const ccx::Deck &deck) {
     return "the deck's *" + deck.dependent_keyword +
            " makes degrees of freedom depend on others, which CalculiX's matrices leave out and "
            "the own solver cannot rebuild";
-  if (o.stress) return "--stress takes the stresses from CalculiX's own solution";
+  if (o.stress && !deck.material_refusal.empty())
+    return "--stress: " + deck.material_refusal +
+           ", and the own solver recovers stresses of one isotropic linear elastic material only";
   return "";
 }
 
@@ -241,7 +252,9 @@ bool run_and_read(const Options &o, const ccx::Deck &deck, const std::string &di
                   Results &r, double &calculix_seconds) {
   std::vector<std::string> jobs = {"matrices"};
   if (!own) jobs.insert(jobs.begin(), "modes");
+  ccx::show_stage(own ? "CalculiX assembles the matrices" : "CalculiX solves the model");
   if (!ccx::run_calculix(dir, jobs, calculix_seconds)) return false;
+  ccx::show_stage("reading the matrices");
   if (!ccx::read_dof_map(dir + "/matrices.dof", deck, r.map)) return false;
   note_held_rows(r.map, deck);
   int rows = static_cast<int>(r.map.row_node.size());
@@ -249,6 +262,8 @@ bool run_and_read(const Options &o, const ccx::Deck &deck, const std::string &di
     return false;
   int nodes = static_cast<int>(deck.node_ids.size());
   if (!ccx::lump_masses(r.matrices, r.map, nodes, r.nodal_mass, r.total_mass)) return false;
+  if (!r.unit_mass.empty())
+    ccx::share_tied_masses(deck, r.map, r.matrices, r.unit_mass, r.nodal_mass);
   if (own && o.solver == Options::kParallel) {
     ccx::ParallelJob job;
     job.deck = &deck;
@@ -298,7 +313,14 @@ bool convert(const Options &o, double &calculix_seconds) {
   if (!make_work_dir(o, dir)) return false;
   Results r;
   bool ok = write_jobs(o, deck, dir, own);
-  // The deck's text and elements have served: the model part is written and the skin is known.
+  ccx::StressModel stresses;
+  // CCX2KRX_RECOVER_STRESSES recovers the stresses of CalculiX's own modes as the own path does,
+  // which lets the tests hold the recovery against CalculiX's stresses of the same eigenvectors.
+  bool recover = o.stress && (own || std::getenv("CCX2KRX_RECOVER_STRESSES"));
+  ok = ok && ((!recover && deck.interfaces.empty()) || ccx::prepare_stresses(deck, stresses));
+  if (ok && !deck.interfaces.empty()) ccx::mass_diagonal(stresses, deck, r.unit_mass);
+  // The deck's text and elements have served: the model part is written, the skin is known and
+  // the stress recovery holds what it needs of the elements.
   std::string().swap(deck.text);
   std::vector<ccx::Element>().swap(deck.elements);
   ok = ok && run_and_read(o, deck, dir, own, r, calculix_seconds);
@@ -320,6 +342,7 @@ bool convert(const Options &o, double &calculix_seconds) {
     job.dat = &r.dat;
     job.scratch = dir + "/static_shapes.bin";
     job.own_solver = own;
+    job.stress_model = recover ? &stresses : nullptr;
     ok = ccx::export_model(job);
   }
   ccx::close_eigen_file(r.eig);
@@ -348,21 +371,27 @@ int main(int argc, char **argv) {
   if (rank != 0) return ccx::follow_parallel();
   double calculix_seconds = 0.0;
   bool ok = false;
+  ccx::start_progress(o.quiet);
   try {
     ok = convert(o, calculix_seconds);
   } catch (const std::bad_alloc &) {
     ok = ccx::failed("out of memory");
   }
+  ccx::end_progress_line();
   if (!ok) {
     std::error_code ec;
     fs::remove(o.output, ec);
   }
   if (o.timing) {
     double total = std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
-    struct rusage usage {};
+    struct rusage usage {}, children {};
     getrusage(RUSAGE_SELF, &usage);
-    std::fprintf(stderr, "ccx2krx: CalculiX %.2f s, own %.2f s, peak memory %.1f MB\n",
-                 calculix_seconds, total - calculix_seconds, usage.ru_maxrss / 1024.0);
+    getrusage(RUSAGE_CHILDREN, &children);
+    std::fprintf(stderr,
+                 "ccx2krx: CalculiX %.2f s, own %.2f s, peak memory %.1f MB (CalculiX's largest "
+                 "job %.1f MB)\n",
+                 calculix_seconds, total - calculix_seconds, usage.ru_maxrss / 1024.0,
+                 children.ru_maxrss / 1024.0);
   }
   if (parallel) ccx::finish_parallel();
   return ok ? 0 : 1;

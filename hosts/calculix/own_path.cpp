@@ -71,11 +71,13 @@ bool solve_own(const OwnJob &job, EigenFile &eig) {
   double sigma = held.empty() ? lower_shift(*problem) : 0.0;
   auto begin = std::chrono::steady_clock::now();
   FactorHandle factor;
+  show_stage("factoring K - sigma M");
   if (!factor_shifted(*problem, sigma, factor)) return false;
   FactorStats stats = factor_stats(*factor);
   if (!held.empty()) {
     std::vector<double> shapes;
     auto statics = std::chrono::steady_clock::now();
+    show_stage("static shapes of the interfaces");
     if (!constraint_modes(m, held, *factor, shapes) ||
         !write_vectors(job.statics_path, shapes.data(), shapes.size()))
       return false;
@@ -83,6 +85,7 @@ bool solve_own(const OwnJob &job, EigenFile &eig) {
   }
   Modes modes;
   auto lanczos = std::chrono::steady_clock::now();
+  show_stage("Lanczos");
   // With interfaces held no rigid-body motion is left.
   std::vector<double> motions;
   if (held.empty()) rigid_motions(*job.deck, *job.map, motions);
@@ -93,6 +96,7 @@ bool solve_own(const OwnJob &job, EigenFile &eig) {
   std::vector<int64_t> ordering = factor_ordering(*factor);
   factor.reset();
   double check_seconds = 0.0;
+  show_stage("checking the modes (residuals, LDL' count)");
   if (!check_residuals(*problem, modes, kResidualTolerance) ||
       !check_missed_modes(*problem, ordering, modes, check_seconds))
     return false;

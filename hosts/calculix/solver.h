@@ -82,6 +82,12 @@ bool check_missed_modes(const Matrices &m, const std::vector<int64_t> &ordering,
 using EigenvalueCounter = std::function<bool(double shift, int64_t &count)>;
 bool check_mode_count(const Modes &modes, const EigenvalueCounter &count_below, double &seconds);
 
+// Gives the nodes tied to interface points the lumped masses of the untied model (scaled as the
+// others), taken from their reference node's, when CalculiX's mass diagonal is the density times
+// unit_diagonal (mass_diagonal of stress_recovery.cpp) at every node with rows; else leaves them.
+void share_tied_masses(const Deck &deck, const DofMap &map, const Matrices &m,
+                       const std::vector<double> &unit_diagonal, std::vector<double> &nodal);
+
 // Static shapes of the held rows: for each held row h, the vector with 1 at h, 0 at the other
 // held rows and -K_ii^-1 K_ih at the free rows i, f being K_ii factored (sigma = 0). shapes gets
 // m.n values per held row.
@@ -105,6 +111,27 @@ struct OwnJob {
   bool timing = false;
 };
 bool solve_own(const OwnJob &job, EigenFile &eig);
+
+// Nodal stresses recovered from displacements as CalculiX recovers them, for the deck's one
+// isotropic linear elastic material: prepare once (the elements, their integration rules and
+// extrapolations), then recover mode by mode. stresses gets six values per entry of
+// deck.node_ids in CalculiX's order xx yy zz xy yz zx; nodes of no element get zeros.
+struct StressKind;
+struct StressModel {
+  double lambda = 0.0, mu = 0.0;  // Lame's constants
+  std::vector<int> kind;          // per element, into kinds
+  std::vector<int64_t> first;     // per element, its first entry of nodes
+  std::vector<int> nodes;         // node indices into deck.node_ids
+  std::vector<std::shared_ptr<StressKind>> kinds;
+  std::vector<int> kind_rule;
+  std::vector<int> sharing;       // per node, the elements that share it
+};
+bool prepare_stresses(const Deck &deck, StressModel &model);
+// Each node's diagonal entry of the consistent mass matrix at unit density (one direction),
+// integrated at the elements' points of the stress recovery.
+void mass_diagonal(const StressModel &model, const Deck &deck, std::vector<double> &diagonal);
+void recover_stresses(const StressModel &model, const Deck &deck,
+                      const std::vector<double> &by_node, std::vector<double> &stresses);
 
 }  // namespace ccx
 

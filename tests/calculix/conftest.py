@@ -30,6 +30,11 @@ MODELS = {
     "wedge_c3d15": ("wedge.geo", {"h": 6, "order": 2}, 1e-12),
 }
 MODES = 12
+# Element types made from another model's deck: the model, its type and the type it becomes (a
+# ten-node tetrahedron keeps its corners as a four-node one).
+DERIVED = {"bar_c3d8r": ("bar_c3d8", "C3D8", "C3D8R"),
+           "bar_c3d20r": ("bar_c3d20", "C3D20", "C3D20R"),
+           "bracket_c3d4": ("bracket_c3d10", "C3D10", "C3D4")}
 
 
 @dataclass
@@ -63,6 +68,24 @@ def krxdump():
     return _tool("KRXDUMP")
 
 
+def derive_deck(path, derived_path, old, new):
+    """A copy of the deck with its elements of type old made of type new, with as many of their
+    nodes as new takes."""
+    keep = {"C3D4": 4}.get(new)
+    out, inside = [], False
+    with open(path) as f:
+        for line in f:
+            if line.startswith("*"):
+                inside = line.upper().startswith("*ELEMENT")
+                line = line.replace("TYPE=" + old + ",", "TYPE=" + new + ",")
+            elif inside and keep and line.strip():
+                line = ",".join(line.split(",")[:keep + 1]) + "\n"
+            out.append(line)
+    with open(derived_path, "w") as f:
+        f.writelines(out)
+    return derived_path
+
+
 def hold_lowest_face(path, held_path):
     """A copy of the deck whose nodes at the lowest x are held by *BOUNDARY (all three
     translations)."""
@@ -89,6 +112,10 @@ def deck(tmp_path_factory):
         if key not in made:
             if held:
                 made[key] = hold_lowest_face(get(name), str(where / (name + "_held.inp")))
+                return made[key]
+            if name in DERIVED:
+                source, old, new = DERIVED[name]
+                made[key] = derive_deck(get(source), str(where / (name + ".inp")), old, new)
                 return made[key]
             geometry, numbers, _ = MODELS[name]
             path = str(where / (name + ("" if density else "_no_density") + ".inp"))
