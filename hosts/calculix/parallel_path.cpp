@@ -239,6 +239,7 @@ bool solve_collective(const SharedJob &job, const std::vector<double> &motions,
   Distributed d;
   ParallelModes modes;
   std::vector<Vec> z;
+  if (rank == 0) show_stage("reading each rank's rows");
   bool ok = agree(read_row_block(job.mas, job.sti, job.n, job.held, first, count, block), message);
   t.read = seconds_since(begin);
   ok = ok && agree(make_distributed(block, d), message);
@@ -252,11 +253,13 @@ bool solve_collective(const SharedJob &job, const std::vector<double> &motions,
     StaticsStage statics;
     if (!job.held.empty())
       statics = [&](KSP solve) { return static_shapes(solve, d, block, job, statics_path); };
+    if (rank == 0) show_stage("factor and Krylov-Schur on every rank");
     auto lanczos = std::chrono::steady_clock::now();
     ok = ok && agree(lowest_modes_parallel(d, sigma, job.modes, z, rigid_values, statics, modes),
                      message);
     t.lanczos = seconds_since(lanczos) - modes.stats.factor_seconds;
   }
+  if (ok && rank == 0) show_stage("checking the modes (residuals, LDL' count)");
   ok = ok && agree(check_residuals_parallel(d, modes, kResidualTolerance), message);
   if (ok) {
     VectorSink sink;

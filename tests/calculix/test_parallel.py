@@ -132,7 +132,7 @@ def test_a_failing_rank_ends_the_run_with_one_message(ccx2krx, deck, tmp_path):
     (tmp_path / "b").mkdir()
     out = str(tmp_path / "out.krx")
     args = [os.path.abspath(ccx2krx), deck("bar_c3d8"), "-o", out, "--modes", "8", "--keep",
-            "work", "--solver", "mpi"]
+            "work", "--solver", "mpi", "--quiet"]
     environment = dict(os.environ, OMP_NUM_THREADS="1", **ROOT_OK)
     run = subprocess.run([MPIRUN, "--oversubscribe", "-n", "1", "--wdir", str(tmp_path / "a"),
                           *args, ":", "-n", "1", "--wdir", str(tmp_path / "b"), *args],
