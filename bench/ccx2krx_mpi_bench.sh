@@ -25,7 +25,9 @@ run() {
   end=$(date +%s.%N)
   echo "== $name: wall $(echo "$end - $start" | bc) s"
   grep -v 'krxlib warning' "$work/$name.err"
-  "$build/krxdump" "$work/$name.krx" 2> /dev/null | awk '/mode   eigenvalue/ {on = 1} on && $1 == 7 && !done {print "mode 7:", $2; done = 1}' || true
+  "$build/krxdump" "$work/$name.krx" 2> /dev/null |
+    awk '/mode   eigenvalue/ {on = 1} on && $1 == 7 && !done {print "mode 7:", $2; done = 1}' ||
+    true
 }
 run own "$build/ccx2krx" --solver own
 run mpi1 mpirun -n 1 "$build/ccx2krx" --solver mpi

@@ -23,10 +23,10 @@ bool petsc_failed(PetscErrorCode code, const char *call) {
                 text ? text : "no text", static_cast<int>(code));
 }
 
-#define PETSC_OK(call)                                               \
-  do {                                                               \
-    PetscErrorCode code_ = (call);                                   \
-    if (code_ != 0) return petsc_failed(code_, #call);               \
+#define PETSC_OK(call)                                 \
+  do {                                                 \
+    PetscErrorCode code_ = (call);                     \
+    if (code_ != 0) return petsc_failed(code_, #call); \
   } while (0)
 
 const int kExtraModes = 3;  // as many as the single-machine path computes

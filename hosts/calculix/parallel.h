@@ -54,7 +54,7 @@ struct RowBlock {
   std::vector<int> coupling_held;
   std::vector<double> coupling;
 };
-// Reads the block from the .mas and .sti files of n rows; held lists the held rows (increasing).
+// Reads the block from the .mas and .sti files of n rows; held lists the held rows in any order.
 // Every entry of both files is checked as the single-machine reader checks it; a failure is
 // reported once.
 bool read_row_block(const std::string &mas, const std::string &sti, int n,

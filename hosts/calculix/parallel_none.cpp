@@ -8,8 +8,9 @@ bool parallel_built() { return false; }
 
 bool start_parallel(int &, char **&, int &rank) {
   rank = 0;
-  return failed("--solver mpi: this ccx2krx was built without MPI (PETSc, SLEPc and MPI were not "
-                "found when it was built)");
+  return failed(
+      "--solver mpi: this ccx2krx was built without MPI (its build needs PETSc, SLEPc "
+      "and MPI)");
 }
 
 int follow_parallel() { return 1; }

@@ -96,6 +96,7 @@ struct VectorSink {
   VecScatter scatter = nullptr;
   Vec whole = nullptr;
   std::vector<double> rows;
+  std::vector<int> held_at;  // index into held of each held row, -1 for the others
   ~VectorSink() {
     if (file) std::fclose(file);
     if (scatter) VecScatterDestroy(&scatter);
@@ -123,16 +124,16 @@ bool put_vector(VectorSink &sink, Vec x, const SharedJob *job, int unit) {
   const double *out = values;
   size_t count = static_cast<size_t>(size);
   if (job) {
-    sink.rows.assign(static_cast<size_t>(job->n), 0.0);
-    size_t k = 0, h = 0;
-    for (int r = 0; r < job->n; ++r) {
-      if (h < job->held.size() && job->held[h] == r) {
-        sink.rows[r] = static_cast<int>(h) == unit ? 1.0 : 0.0;
-        ++h;
-      } else {
-        sink.rows[r] = values[k++];
-      }
+    // The interface rows come point by point, not in row order.
+    if (sink.held_at.empty()) {
+      sink.held_at.assign(static_cast<size_t>(job->n), -1);
+      for (size_t h = 0; h < job->held.size(); ++h)
+        sink.held_at[job->held[h]] = static_cast<int>(h);
     }
+    sink.rows.assign(static_cast<size_t>(job->n), 0.0);
+    size_t k = 0;
+    for (int r = 0; r < job->n; ++r)
+      sink.rows[r] = sink.held_at[r] < 0 ? values[k++] : sink.held_at[r] == unit ? 1.0 : 0.0;
     out = sink.rows.data();
     count = sink.rows.size();
   }
@@ -161,7 +162,8 @@ bool static_shapes(KSP solve, const Distributed &d, const RowBlock &block, const
     VecSet(b, 0.0);
     VecGetArray(b, &rhs);
     for (size_t k = 0; k < block.coupling.size(); ++k)
-      if (block.coupling_held[k] == static_cast<int>(h)) rhs[block.coupling_row[k]] += block.coupling[k];
+      if (block.coupling_held[k] == static_cast<int>(h))
+        rhs[block.coupling_row[k]] += block.coupling[k];
     VecRestoreArray(b, &rhs);
     ok = (KSPSolve(solve, b, x) == 0 || failed("a static shape's solve failed")) &&
          put_vector(sink, x, &job, static_cast<int>(h));
@@ -272,11 +274,12 @@ bool solve_collective(const SharedJob &job, const std::vector<double> &motions,
   for (Vec &v : z) VecDestroy(&v);
   if (ok) {
     // The check's LDL' factor is as large as the iteration's, which is gone by now.
-    ok = agree(check_mode_count(
-                   modes.modes,
-                   [&](double shift, int64_t &below) { return count_below_parallel(d, shift, below); },
-                   t.check),
-               message);
+    ok = agree(
+        check_mode_count(
+            modes.modes,
+            [&](double shift, int64_t &below) { return count_below_parallel(d, shift, below); },
+            t.check),
+        message);
   }
   free_distributed(d);
   capture_messages(nullptr);
@@ -329,7 +332,8 @@ bool solve_parallel(const ParallelJob &job, EigenFile &eig) {
   share_job(go, shared);
   job_sent = true;
   if (!go) return false;
-  if (world_size() == 1) note("note: --solver mpi on one process; start it with mpirun -n N to use N");
+  if (world_size() == 1)
+    note("note: --solver mpi on one process; start it with mpirun -n N to use N");
   std::vector<double> values;
   if (!solve_collective(shared, motions, job.vectors_path, job.statics_path, values)) return false;
   eig.name = job.vectors_path;

@@ -1,7 +1,11 @@
 // A rank's rows of CalculiX's matrix files. Both files list the upper triangle column by column;
 // a rank scans them whole but parses the value of its own entries only, and keeps nothing else.
+#include <sys/types.h>
+
 #include <cerrno>
 #include <charconv>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
 
 #include "parallel.h"
@@ -96,9 +100,10 @@ bool scan_file(const std::string &path, const Numbering &at, bool couplings, Kep
 // from one structure); a rank sees only its own, so each rank checks those.
 bool same_places(const Kept &mass, const Kept &stiffness, const std::string &sti) {
   if (mass.row.size() != stiffness.row.size())
-    return failed("%s differs in its entries from the mass matrix (%zu against %zu in one rank's "
-                  "rows)",
-                  sti.c_str(), stiffness.row.size(), mass.row.size());
+    return failed(
+        "%s differs in its entries from the mass matrix (%zu against %zu in one rank's "
+        "rows)",
+        sti.c_str(), stiffness.row.size(), mass.row.size());
   for (size_t k = 0; k < mass.row.size(); ++k)
     if (mass.row[k] != stiffness.row[k] || mass.column[k] != stiffness.column[k])
       return failed("%s: an entry differs in place from the mass matrix", sti.c_str());

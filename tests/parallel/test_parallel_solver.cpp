@@ -3,7 +3,6 @@
 // eigenvalues are 4 sin^2(k pi / 2(n + 1)) held at both ends and 4 sin^2(k pi / 2n) free, and
 // whose static shapes are linear.
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <cmath>
 #include <fstream>
@@ -181,7 +180,8 @@ TEST(ParallelSolver, RowReaderRefusesWhatTheSingleMachineReaderRefuses) {
   struct Case {
     const char *name, *mas, *sti, *message;
   } cases[] = {
-      {"below the diagonal", "1 1 1\n2 1 0\n2 2 1\n", "1 1 2\n2 2 2\n", "outside the upper triangle"},
+      {"below the diagonal", "1 1 1\n2 1 0\n2 2 1\n", "1 1 2\n2 2 2\n",
+       "outside the upper triangle"},
       {"not a triplet", "1 1 1\n2 x 1\n", "1 1 2\n2 2 2\n", "entry 2 is not \"row column value\""},
       {"patterns differ", "1 1 1\n1 2 0\n2 2 1\n", "1 1 2\n2 2 2\n", "differs"},
       {"no such file", nullptr, "1 1 2\n2 2 2\n", "cannot open"},
