@@ -3,11 +3,14 @@
 # (quadratic tetrahedra), 30 modes, free. Prints each run's --timing lines (factor, iteration,
 # check, the largest rank's peak memory), its wall time and its seventh eigenvalue; the three
 # files are compared with krxcompare. Usage: bench/ccx2krx_mpi_bench.sh [BUILD_DIR] [ELEMENT_SIZE]
-# (size 1.35 gives ~103,000 nodes, 0.9 ~313,000; at 0.9 a run needs 7-12 GB).
+# [RUN...] (size 1.35 gives ~103,000 nodes, 0.9 ~313,000, where a run needs 7-12 GB; RUN is own,
+# mpi1 or mpi2, all three by default, in the order given).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 build=$(realpath "${1:-build}")
 size=${2:-1.35}
+runs=("${@:3}")
+[ ${#runs[@]} -gt 0 ] || runs=(own mpi1 mpi2)
 export OMPI_ALLOW_RUN_AS_ROOT=1 OMPI_ALLOW_RUN_AS_ROOT_CONFIRM=1 OMP_NUM_THREADS=1
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
@@ -29,10 +32,17 @@ run() {
     awk '/mode   eigenvalue/ {on = 1} on && $1 == 7 && !done {print "mode 7:", $2; done = 1}' ||
     true
 }
-run own "$build/ccx2krx" --solver own
-run mpi1 mpirun -n 1 "$build/ccx2krx" --solver mpi
-run mpi2 mpirun -n 2 --oversubscribe "$build/ccx2krx" --solver mpi
+for r in "${runs[@]}"; do
+  case $r in
+    own) run own "$build/ccx2krx" --solver own ;;
+    mpi1) run mpi1 mpirun -n 1 "$build/ccx2krx" --solver mpi ;;
+    mpi2) run mpi2 mpirun -n 2 --oversubscribe "$build/ccx2krx" --solver mpi ;;
+    *) echo "unknown run $r (own, mpi1, mpi2)" >&2; exit 2 ;;
+  esac
+done
+[ -f "$work/own.krx" ] || exit 0
 for n in mpi1 mpi2; do
+  [ -f "$work/$n.krx" ] || continue
   status=0
   "$build/krxcompare" -q "$work/own.krx" "$work/$n.krx" || status=$?
   echo "krxcompare own $n: exit status $status (0: equivalent)"

@@ -8,7 +8,7 @@ if(CCX2KRX_PARALLEL)
                              PRIVATE KRX_BINARY_DIR="${CMAKE_CURRENT_BINARY_DIR}")
   set(KRX_MPI_ENVIRONMENT
       "OMPI_ALLOW_RUN_AS_ROOT=1;OMPI_ALLOW_RUN_AS_ROOT_CONFIRM=1;OMP_NUM_THREADS=1"
-      "LSAN_OPTIONS=suppressions=${CMAKE_CURRENT_SOURCE_DIR}/parallel/lsan.supp")
+      "LSAN_OPTIONS=suppressions=${CMAKE_CURRENT_SOURCE_DIR}/parallel/lsan.supp:fast_unwind_on_malloc=0")
   foreach(ranks 1 2)
     add_test(NAME parallel.solver.${ranks}
              COMMAND ${MPIEXEC_EXECUTABLE} -n ${ranks} --oversubscribe
