@@ -75,9 +75,23 @@ TEST(OwnSolver, FindsTheLowestModesOfHeldFreeAndRepeatedChains) {
     }
     EXPECT_TRUE(ccx::check_residuals(c.m, s.modes, 1e-8));
     double seconds = 0.0;
-    EXPECT_TRUE(
-        ccx::check_missed_modes(c.m, ccx::factor_ordering(*s.factor), s.modes, seconds));
+    EXPECT_TRUE(ccx::check_missed_modes(c.m, ccx::factor_ordering(*s.factor), s.modes, seconds));
   }
+}
+
+// Four free chains have four rigid-body modes: one mode asked still gets its check past them.
+TEST(OwnSolver, FewerModesWantedThanRigidBodyModes) {
+  const int n = 20;
+  ccx::Matrices m = chain(n, false, 4);
+  std::vector<double> motions(4 * 4 * n, 0.0);
+  for (int c = 0; c < 4; ++c)
+    for (int i = 0; i < n; ++i) motions[(c * 4 + c) * n + i] = 1.0;
+  Solved s;
+  ASSERT_TRUE(solve(m, -0.01, 1, motions, s));
+  EXPECT_EQ(s.modes.rigid, 4);
+  EXPECT_NEAR(s.modes.values[4], chain_eigenvalue(n, false, 1), 1e-10);
+  double seconds = 0.0;
+  EXPECT_TRUE(ccx::check_missed_modes(m, ccx::factor_ordering(*s.factor), s.modes, seconds));
 }
 
 TEST(OwnSolver, MissedModeCheckCatchesAModeLeftOut) {
@@ -171,24 +185,24 @@ TEST(OwnSolver, TiedNodesFollowTheirReferenceNode) {
 // a strain linear in x (u = x^2 along x) for the types whose points determine a linear field.
 TEST(StressRecovery, GivesTheStrainsOfFieldsTheElementHolds) {
   const double hex[20][3] = {{-1, -1, -1}, {1, -1, -1}, {1, 1, -1}, {-1, 1, -1}, {-1, -1, 1},
-                             {1, -1, 1},   {1, 1, 1},   {-1, 1, 1}, {0, -1, -1},  {1, 0, -1},
-                             {0, 1, -1},   {-1, 0, -1}, {0, -1, 1}, {1, 0, 1},    {0, 1, 1},
-                             {-1, 0, 1},   {-1, -1, 0}, {1, -1, 0}, {1, 1, 0},    {-1, 1, 0}};
-  const double tet[10][3] = {{0, 0, 0},  {1, 0, 0},  {0, 1, 0},   {0, 0, 1},   {.5, 0, 0},
+                             {1, -1, 1},   {1, 1, 1},   {-1, 1, 1}, {0, -1, -1}, {1, 0, -1},
+                             {0, 1, -1},   {-1, 0, -1}, {0, -1, 1}, {1, 0, 1},   {0, 1, 1},
+                             {-1, 0, 1},   {-1, -1, 0}, {1, -1, 0}, {1, 1, 0},   {-1, 1, 0}};
+  const double tet[10][3] = {{0, 0, 0},   {1, 0, 0},  {0, 1, 0},  {0, 0, 1},   {.5, 0, 0},
                              {.5, .5, 0}, {0, .5, 0}, {0, 0, .5}, {.5, 0, .5}, {0, .5, .5}};
-  const double wedge[15][3] = {{0, 0, -1},  {1, 0, -1},   {0, 1, -1},  {0, 0, 1},  {1, 0, 1},
-                               {0, 1, 1},   {.5, 0, -1},  {.5, .5, -1}, {0, .5, -1}, {.5, 0, 1},
-                               {.5, .5, 1}, {0, .5, 1},   {0, 0, 0},   {1, 0, 0},  {0, 1, 0}};
+  const double wedge[15][3] = {{0, 0, -1},  {1, 0, -1},  {0, 1, -1},   {0, 0, 1},   {1, 0, 1},
+                               {0, 1, 1},   {.5, 0, -1}, {.5, .5, -1}, {0, .5, -1}, {.5, 0, 1},
+                               {.5, .5, 1}, {0, .5, 1},  {0, 0, 0},    {1, 0, 0},   {0, 1, 0}};
   struct Case {
     const char *type;
     int shape, rule, nodes;
     const double (*at)[3];
     bool linear_strain;
   } cases[] = {
-      {"C3D4", 0, 0, 4, tet, false},      {"C3D10", 0, 0, 10, tet, true},
-      {"C3D6", 1, 0, 6, wedge, false},    {"C3D15", 1, 0, 15, wedge, true},
-      {"C3D8", 2, 0, 8, hex, false},      {"C3D8R", 2, 1, 8, hex, false},
-      {"C3D20", 2, 0, 20, hex, true},     {"C3D20R", 2, 1, 20, hex, true},
+      {"C3D4", 0, 0, 4, tet, false},   {"C3D10", 0, 0, 10, tet, true},
+      {"C3D6", 1, 0, 6, wedge, false}, {"C3D15", 1, 0, 15, wedge, true},
+      {"C3D8", 2, 0, 8, hex, false},   {"C3D8R", 2, 1, 8, hex, false},
+      {"C3D20", 2, 0, 20, hex, true},  {"C3D20R", 2, 1, 20, hex, true},
   };
   const double young = 210000.0, poisson = 0.3;
   const double lambda = young * poisson / ((1 + poisson) * (1 - 2 * poisson));
@@ -234,8 +248,12 @@ TEST(StressRecovery, GivesTheStrainsOfFieldsTheElementHolds) {
           e[0] = 2 * x;
         }
         double trace = e[0] + e[1] + e[2];
-        double expected[6] = {lambda * trace + 2 * mu * e[0], lambda * trace + 2 * mu * e[1],
-                              lambda * trace + 2 * mu * e[2], mu * e[3], mu * e[4], mu * e[5]};
+        double expected[6] = {lambda * trace + 2 * mu * e[0],
+                              lambda * trace + 2 * mu * e[1],
+                              lambda * trace + 2 * mu * e[2],
+                              mu * e[3],
+                              mu * e[4],
+                              mu * e[5]};
         for (int k = 0; k < 6; ++k)
           EXPECT_NEAR(stresses[6 * n + k], expected[k], 1e-9 * young * (1 + std::fabs(x)))
               << (linear ? "linear" : "constant") << " strain, node " << n + 1 << " component "

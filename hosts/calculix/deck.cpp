@@ -173,8 +173,9 @@ void refuse_material(Deck &deck, const std::string &why) {
 void take_material_keyword(Parser &p, const Keyword &k) {
   Deck &deck = p.deck;
   p.elastic_lines = -1;
-  static const char *const kInelastic[] = {"PLASTIC",        "HYPERELASTIC", "HYPERFOAM",
-                                           "USERMATERIAL",   "CREEP",        "DEFORMATIONPLASTICITY",
+  static const char *const kInelastic[] = {"PLASTIC",      "HYPERELASTIC",
+                                           "HYPERFOAM",    "USERMATERIAL",
+                                           "CREEP",        "DEFORMATIONPLASTICITY",
                                            "CYCLICHARDENING"};
   if (k.name == "MATERIAL") {
     p.material = upper_without_blanks(param(k, "NAME"));

@@ -101,8 +101,8 @@ bool solve_own(const OwnJob &job, EigenFile &eig) {
       !check_missed_modes(*problem, ordering, modes, check_seconds))
     return false;
   if (job.timing) {
-    std::fprintf(stderr, "ccx2krx: own solver, %d rows, factor with %.3g entries:\n",
-                 problem->n, stats.entries);
+    std::fprintf(stderr, "ccx2krx: own solver, %d rows, factor with %.3g entries:\n", problem->n,
+                 stats.entries);
     print_timing("ordering", stats.analyse_seconds);
     print_timing("factor", stats.factor_seconds);
     char what[64];

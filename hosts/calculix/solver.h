@@ -1,7 +1,9 @@
 // ccx2krx's own solver: CalculiX assembles, these stages solve. The back-end (a sparse factor of
-// K - sigma M, its solves and the count of eigenvalues below a shift) stands behind the first
-// group of declarations; the stages after it (the lowest modes with their checks, the component
-// modes, the rigid ties) use nothing else of it, so another back-end can take its place.
+// K - sigma M and its solves, the lowest modes by shift-invert iteration on it, the count of
+// eigenvalues below a shift) stands behind the first group of declarations and lives in the
+// backend_*.cpp files (CHOLMOD, Spectra, MUMPS on one machine); the stages after it (the checks
+// of the modes, the component modes, the rigid ties, the stresses, the own path that ties them
+// to the file) use nothing else of it, so another back-end can take its place.
 #ifndef CCX2KRX_SOLVER_H
 #define CCX2KRX_SOLVER_H
 
@@ -42,25 +44,13 @@ struct FactorStats {
 };
 FactorStats factor_stats(const Factor &f);
 
-// ---- the stages -------------------------------------------------------------------------------
-
-// The rows `keep` (increasing) of both matrices, the others and their entries dropped.
-void restrict_rows(const Matrices &m, const std::vector<int> &keep, Matrices &sub);
-
-// A shift below every eigenvalue for the factor: a free body's rigid-body eigenvalues are zero to
-// rounding, so sigma is a small negative fraction of the median ratio of K's to M's diagonal.
-double lower_shift(const Matrices &m);
-
-// The six rigid-body motions of the rows (translations along x, y, z, rotations about them):
-// a translation row of a node at x moves by a + theta x x, a rotation row by theta. 6 * n values.
-void rigid_motions(const Deck &deck, const DofMap &map, std::vector<double> &motions);
-
 // The lowest modes of K phi = lambda M phi by shift-invert Lanczos on f (K - sigma M factored):
-// values ascending, vectors one after the other (m.n values each), M-orthonormal. A few more
-// are computed than wanted for the missed-mode check and kept at the end. The combinations of
+// values ascending, vectors one after the other (m.n values each), M-orthonormal. kExtraModes
+// more are computed than wanted for the missed-mode check and kept at the end. The combinations of
 // `motions` (count vectors of m.n values) that K leaves without strain are modes of eigenvalue
 // zero to rounding: they are taken as they are and Lanczos runs on the rest, since a single-vector
 // Lanczos resolves a sixfold eigenvalue at zero only by the rounding that separates its members.
+constexpr int kExtraModes = 3;
 struct Modes {
   int wanted = 0;
   std::vector<double> values;
@@ -70,14 +60,28 @@ struct Modes {
 };
 bool lowest_modes(const Matrices &m, Factor &f, double sigma, int wanted,
                   const std::vector<double> &motions, Modes &modes);
+
+// ---- the stages -------------------------------------------------------------------------------
+
+// The six rigid-body motions of the rows (translations along x, y, z, rotations about them):
+// a translation row of a node at x moves by a + theta x x, a rotation row by theta. 6 * n values.
+void rigid_motions(const Deck &deck, const DofMap &map, std::vector<double> &motions);
+
+// The rows `keep` (increasing) of both matrices, the others and their entries dropped.
+void restrict_rows(const Matrices &m, const std::vector<int> &keep, Matrices &sub);
+
+// A shift below every eigenvalue for the factor: a free body's rigid-body eigenvalues are zero to
+// rounding, so sigma is a small negative fraction of the median ratio of K's to M's diagonal.
+double lower_shift(const Matrices &m);
+
 // Fails a mode whose residual |K phi - lambda M phi| / (|K phi| + |lambda| |M phi|) is above
 // tolerance (for a rigid-body mode, the lowest elastic eigenvalue stands for lambda below), and
 // any mode whose M-norm is not 1.
 bool check_residuals(const Matrices &m, const Modes &modes, double tolerance);
 // Fails when K - shift M, for a shift between the last wanted eigenvalue and the next one
 // computed, has more eigenvalues below it than the modes list: Lanczos missed one.
-bool check_missed_modes(const Matrices &m, const std::vector<int64_t> &ordering,
-                        const Modes &modes, double &seconds);
+bool check_missed_modes(const Matrices &m, const std::vector<int64_t> &ordering, const Modes &modes,
+                        double &seconds);
 // The same check with any back-end's count of the eigenvalues below a shift.
 using EigenvalueCounter = std::function<bool(double shift, int64_t &count)>;
 bool check_mode_count(const Modes &modes, const EigenvalueCounter &count_below, double &seconds);
@@ -124,7 +128,7 @@ struct StressModel {
   std::vector<int> nodes;         // node indices into deck.node_ids
   std::vector<std::shared_ptr<StressKind>> kinds;
   std::vector<int> kind_rule;
-  std::vector<int> sharing;       // per node, the elements that share it
+  std::vector<int> sharing;  // per node, the elements that share it
 };
 bool prepare_stresses(const Deck &deck, StressModel &model);
 // Each node's diagonal entry of the consistent mass matrix at unit density (one direction),

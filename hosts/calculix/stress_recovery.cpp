@@ -47,18 +47,18 @@ using Point = std::array<double, 3>;
 // Natural coordinates of the nodes in CalculiX's order: hexahedra on [-1, 1]^3, tetrahedra on the
 // unit simplex, wedges a unit triangle in (xi, eta) times [-1, 1] in zeta.
 const Point kHex20[20] = {{-1, -1, -1}, {1, -1, -1}, {1, 1, -1}, {-1, 1, -1}, {-1, -1, 1},
-                          {1, -1, 1},   {1, 1, 1},   {-1, 1, 1}, {0, -1, -1},  {1, 0, -1},
-                          {0, 1, -1},   {-1, 0, -1}, {0, -1, 1}, {1, 0, 1},    {0, 1, 1},
-                          {-1, 0, 1},   {-1, -1, 0}, {1, -1, 0}, {1, 1, 0},    {-1, 1, 0}};
-const Point kTet10[10] = {{0, 0, 0},     {1, 0, 0},   {0, 1, 0},     {0, 0, 1},   {.5, 0, 0},
-                          {.5, .5, 0},   {0, .5, 0},  {0, 0, .5},    {.5, 0, .5}, {0, .5, .5}};
-const Point kWedge15[15] = {{0, 0, -1},  {1, 0, -1},  {0, 1, -1},  {0, 0, 1},    {1, 0, 1},
+                          {1, -1, 1},   {1, 1, 1},   {-1, 1, 1}, {0, -1, -1}, {1, 0, -1},
+                          {0, 1, -1},   {-1, 0, -1}, {0, -1, 1}, {1, 0, 1},   {0, 1, 1},
+                          {-1, 0, 1},   {-1, -1, 0}, {1, -1, 0}, {1, 1, 0},   {-1, 1, 0}};
+const Point kTet10[10] = {{0, 0, 0},   {1, 0, 0},  {0, 1, 0},  {0, 0, 1},   {.5, 0, 0},
+                          {.5, .5, 0}, {0, .5, 0}, {0, 0, .5}, {.5, 0, .5}, {0, .5, .5}};
+const Point kWedge15[15] = {{0, 0, -1},  {1, 0, -1},  {0, 1, -1},   {0, 0, 1},   {1, 0, 1},
                             {0, 1, 1},   {.5, 0, -1}, {.5, .5, -1}, {0, .5, -1}, {.5, 0, 1},
-                            {.5, .5, 1}, {0, .5, 1},  {0, 0, 0},   {1, 0, 0},    {0, 1, 0}};
+                            {.5, .5, 1}, {0, .5, 1},  {0, 0, 0},    {1, 0, 0},   {0, 1, 0}};
 // The edges' end nodes of the quadratic elements, in the order of their midside nodes.
 const int kTetEdges[6][2] = {{0, 1}, {1, 2}, {2, 0}, {0, 3}, {1, 3}, {2, 3}};
-const int kWedgeEdges[9][2] = {{0, 1}, {1, 2}, {2, 0}, {3, 4}, {4, 5}, {5, 3},
-                               {0, 3}, {1, 4}, {2, 5}};
+const int kWedgeEdges[9][2] = {{0, 1}, {1, 2}, {2, 0}, {3, 4}, {4, 5},
+                               {5, 3}, {0, 3}, {1, 4}, {2, 5}};
 
 void shape_functions(int shape, int count, const Point &at, Dual *n) {
   Dual x{at[0], {1, 0, 0}}, y{at[1], {0, 1, 0}}, z{at[2], {0, 0, 1}};
@@ -68,8 +68,7 @@ void shape_functions(int shape, int count, const Point &at, Dual *n) {
     for (int i = 0; i < 8; ++i) {
       Dual a = one + c[i][0] * x, b = one + c[i][1] * y, g = one + c[i][2] * z;
       n[i] = 0.125 * (a * b * g);
-      if (count == 20)
-        n[i] = n[i] * (c[i][0] * x + c[i][1] * y + c[i][2] * z - constant(2.0));
+      if (count == 20) n[i] = n[i] * (c[i][0] * x + c[i][1] * y + c[i][2] * z - constant(2.0));
     }
     for (int i = 8; i < count; ++i) {
       const Point &p = c[i];
@@ -90,8 +89,7 @@ void shape_functions(int shape, int count, const Point &at, Dual *n) {
     for (int i = 0; i < 6; ++i) {
       Dual side = i < 3 ? below : above;
       Dual li = l[i % 3];
-      n[i] = count == 6 ? li * side
-                        : li * ((2.0 * li - one) * side) - 0.5 * (li * bulge);
+      n[i] = count == 6 ? li * side : li * ((2.0 * li - one) * side) - 0.5 * (li * bulge);
     }
     for (int e = 0; count == 15 && e < 9; ++e) {
       int a = kWedgeEdges[e][0], b = kWedgeEdges[e][1];
@@ -145,7 +143,8 @@ Rule gauss_rule(int shape, int nodes, int reduced) {
       for (const auto &p : t) r.points.push_back({p[0], p[1], z});
     // Linear within the layer, fitted by a line across the three layers.
     for (int k = 0; k < 2; ++k)
-      for (const auto &e : {std::array<int, 3>{0, 0, k}, {1, 0, k}, {0, 1, k}}) r.terms.push_back(e);
+      for (const auto &e : {std::array<int, 3>{0, 0, k}, {1, 0, k}, {0, 1, k}})
+        r.terms.push_back(e);
   }
   return r;
 }
@@ -199,8 +198,7 @@ std::vector<double> extrapolation(int shape, int nodes, const Rule &r) {
     for (size_t i = 0; i < t; ++i) {
       double term = monomial(r.terms[i], node_point(shape, n));
       for (size_t j = 0; j < t; ++j)
-        for (size_t p = 0; p < g; ++p)
-          e[n * g + p] += term * inverse[i * t + j] * at[p * t + j];
+        for (size_t p = 0; p < g; ++p) e[n * g + p] += term * inverse[i * t + j] * at[p * t + j];
     }
   // CalculiX's six-node wedge takes the weights of a fit to points at zeta = +-sqrt(0.6) and gives
   // them to alternate nodes, whatever the node's layer; kept, since its stresses are the ones to
@@ -335,7 +333,6 @@ void recover_stresses(const StressModel &model, const Deck &deck,
     if (model.sharing[i] > 0)
       for (int c = 0; c < 6; ++c) stresses[6 * i + c] /= model.sharing[i];
 }
-
 
 void mass_diagonal(const StressModel &model, const Deck &deck, std::vector<double> &diagonal) {
   diagonal.assign(deck.node_ids.size(), 0.0);

@@ -1,5 +1,6 @@
-"""Each gmsh mesh exported by ccx2krx against CalculiX's own output in the kept work directory
-and against the exact volume, centre and inertia of the geometry."""
+"""Each gmsh mesh exported by ccx2krx's CalculiX path against CalculiX's own output in the kept
+work directory and against the exact volume, centre and inertia of the geometry; its stresses are
+the tool's recovery from CalculiX's eigenvectors (see conftest.export)."""
 
 import math
 import os
