@@ -29,7 +29,6 @@ bool petsc_failed(PetscErrorCode code, const char *call) {
     if (code_ != 0) return petsc_failed(code_, #call); \
   } while (0)
 
-const int kExtraModes = 3;  // as many as the single-machine path computes
 const double kLanczosTolerance = 1e-10;
 
 double seconds_since(std::chrono::steady_clock::time_point begin) {
@@ -248,7 +247,11 @@ bool lowest_modes_parallel(const Distributed &d, double sigma, int wanted, std::
     return failed("%d modes asked, but the model has %d degrees of freedom (%d at most)", wanted,
                   d.rows, d.rows - kExtraModes - 1);
   int rigid = static_cast<int>(z.size());
-  int lanczos = nev - rigid;
+  // As on one machine: a few modes past the rigid-body ones even when fewer are wanted.
+  int lanczos = std::max(nev - rigid, kExtraModes + 1);
+  if (rigid + lanczos >= d.rows)
+    return failed("%d modes asked, but the model has %d degrees of freedom (%d at most)", wanted,
+                  d.rows, d.rows - kExtraModes - 1 - rigid);
   out.modes.wanted = wanted;
   out.modes.rigid = rigid;
   out.modes.values = rigid_values;
