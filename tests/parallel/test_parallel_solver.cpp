@@ -1,7 +1,7 @@
 // The parallel solver's stages on every rank of the run (CTest starts it under mpirun with 1 and
 // 2 ranks): chains of unit masses and springs written as CalculiX's matrix files, whose
-// eigenvalues are 4 sin^2(k pi / 2(n + 1)) held at both ends and 4 sin^2(k pi / 2n) free, and
-// whose static shapes are linear.
+// eigenvalues are 4 sin^2(k pi / 2(n + 1)) held at both ends and 4 sin^2(k pi / 2n) free. The
+// static shapes are checked against the single-machine path in tests/calculix/test_parallel.py.
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -133,47 +133,6 @@ TEST(ParallelSolver, MissedModeCheckCatchesAModeLeftOut) {
       seconds));
   ccx::capture_messages(nullptr);
   EXPECT_NE(message.find("it missed a mode"), std::string::npos) << message;
-}
-
-TEST(ParallelSolver, StaticShapesOfAHeldChainAreLinear) {
-  // A free chain of 30 held at its first and last row: the static shape of each end falls
-  // linearly to the other.
-  const int n = 30;
-  Problem p;
-  ASSERT_TRUE(read(write_chain("statics", n, false), n, {0, n - 1}, p));
-  ccx::ParallelModes modes;
-  std::vector<std::vector<double>> shapes(2);
-  ccx::StaticsStage statics = [&](KSP solve) {
-    Vec b = nullptr, x = nullptr;
-    MatCreateVecs(p.d.k, &x, &b);
-    for (int h = 0; h < 2; ++h) {
-      VecSet(b, 0.0);
-      for (size_t k = 0; k < p.block.coupling.size(); ++k)
-        if (p.block.coupling_held[k] == h) {
-          PetscInt row = p.block.first + p.block.coupling_row[k];
-          VecSetValue(b, row, p.block.coupling[k], ADD_VALUES);
-        }
-      VecAssemblyBegin(b);
-      VecAssemblyEnd(b);
-      KSPSolve(solve, b, x);
-      const PetscScalar *v = nullptr;
-      VecGetArrayRead(x, &v);
-      shapes[h].assign(v, v + p.block.count);
-      VecRestoreArrayRead(x, &v);
-    }
-    VecDestroy(&b);
-    VecDestroy(&x);
-    return true;
-  };
-  std::vector<Vec> z;
-  ASSERT_TRUE(ccx::lowest_modes_parallel(p.d, 0.0, 4, z, {}, statics, modes));
-  ccx::free_modes(modes);
-  for (int h = 0; h < 2; ++h)
-    for (int r = 0; r < p.block.count; ++r) {
-      int row = p.block.first + r + 1;  // the matrix files' row, 0 and n - 1 held
-      double expected = h == 0 ? 1.0 - row / (n - 1.0) : row / (n - 1.0);
-      EXPECT_NEAR(shapes[h][r], expected, 1e-12) << "held row " << h << ", row " << row;
-    }
 }
 
 TEST(ParallelSolver, RowReaderRefusesWhatTheSingleMachineReaderRefuses) {
