@@ -2,7 +2,8 @@
 # ccx2krx on a bracket of about 100,000 nodes (quadratic tetrahedra), 30 modes with stresses, by
 # both paths in one run: the own solver (CalculiX assembles, the tool solves) and CalculiX's
 # (--solver calculix). For each: the wall time, CalculiX's share, the tool's own share and peak
-# memory, CalculiX's largest job's peak, as the tool's --timing lines give them.
+# memory, the largest child process's peak (CalculiX's jobs, the missed-mode check), as the
+# tool's --timing lines give them.
 # Usage: bench/ccx2krx_bench.sh [BUILD_DIR] [ELEMENT_SIZE] [PATHS] [OPTION...]  (size 1.35 gives
 # ~103,000 nodes, 0.9 ~313,000; PATHS is "own calculix" (default), "own" or "calculix"; options
 # go to ccx2krx: "--interface HOLE1 --interface HOLE2" exports the component modes of both bolt

@@ -1,12 +1,22 @@
 // The single-machine back-end's inertia: MUMPS's multifrontal LDL' (symmetric indefinite, on one
 // process) of K - shift M, whose negative pivots count the eigenvalues below the shift. CHOLMOD's
 // simplicial LDL' gives the same count without BLAS, some thirty times slower on 300,000 rows.
+// MUMPS runs on MPI; the count is made in a child process, a world of one of its own, so that
+// the tool itself never holds MPI's state (which Open MPI keeps to the end of the process) and
+// the child's memory is returned whole when it ends.
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
 // MPI's C interface only: the C++ bindings would need a library of their own.
 #define OMPI_SKIP_MPICXX 1
 #include <dmumps_c.h>
 #include <mpi.h>
 
-#include <cstdlib>
+#include <new>
 
 #include "solver.h"
 
@@ -14,53 +24,33 @@ namespace ccx {
 
 namespace {
 
-// MUMPS runs on MPI: a process started without mpirun is a world of one.
-bool start_mpi() {
-  int started = 0;
-  MPI_Initialized(&started);
-  if (started) return true;
-  if (MPI_Init(nullptr, nullptr) != MPI_SUCCESS)
-    return failed("cannot start MPI for the LDL' count");
-  std::atexit([] {
-    int done = 0;
-    MPI_Finalized(&done);
-    if (!done) MPI_Finalize();
-  });
-  return true;
-}
+// What the child reports through its pipe.
+struct Outcome {
+  int error = 0;   // MUMPS's INFOG(1), or -1000 when MPI did not start
+  int detail = 0;  // INFOG(2)
+  int64_t count = 0;
+};
 
 void call_mumps(DMUMPS_STRUC_C &id, int job) {
   id.job = job;
   dmumps_c(&id);
 }
 
-}  // namespace
-
-// Open MPI keeps what MPI_Init allocates until the process ends, which LeakSanitizer would report
-// at the end of every run that counted.
-#if defined(__SANITIZE_ADDRESS__)
-#define CCX2KRX_LEAK_CHECK 1
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer)
-#define CCX2KRX_LEAK_CHECK 1
-#endif
-#endif
-#ifdef CCX2KRX_LEAK_CHECK
-extern "C" const char *__lsan_default_suppressions() {
-  return "leak:libmpi.so\nleak:libopen-pal.so\nleak:libopen-rte.so\nleak:libhwloc.so\n"
-         "leak:libevent\nleak:libpmix.so\nleak:mca_\n";
-}
-#endif
-
-bool count_eigenvalues_below(const Matrices &m, double shift, const std::vector<int64_t> &ordering,
-                             int64_t &count) {
-  if (!start_mpi()) return false;
+Outcome factor_and_count(const Matrices &m, double shift, const std::vector<int64_t> &ordering) {
+  Outcome out;
+  if (MPI_Init(nullptr, nullptr) != MPI_SUCCESS) {
+    out.error = -1000;
+    return out;
+  }
   DMUMPS_STRUC_C id{};
   id.comm_fortran = static_cast<MUMPS_INT>(MPI_Comm_c2f(MPI_COMM_WORLD));
   id.par = 1;
   id.sym = 2;  // symmetric, not necessarily positive definite
   call_mumps(id, -1);
-  if (id.infog[0] < 0) return failed("MUMPS did not start (error %d)", id.infog[0]);
+  if (id.infog[0] < 0) {
+    out.error = id.infog[0];
+    return out;
+  }
   // The upper triangle as 1-based coordinates.
   size_t entries = m.row.size();
   std::vector<MUMPS_INT> rows(entries), cols(entries), order(ordering.size());
@@ -83,17 +73,58 @@ bool count_eigenvalues_below(const Matrices &m, double shift, const std::vector<
   id.icntl[3] = 0;
   id.icntl[6] = order.empty() ? 7 : 1;  // the given ordering, else MUMPS's choice
   id.perm_in = order.empty() ? nullptr : order.data();
-  id.icntl[12] = 1;   // the root front factored here too, so that its pivots are counted
+  id.icntl[12] = 1;  // the root front factored here too, so that its pivots are counted
   call_mumps(id, 4);  // analysis and factorisation
-  int error = id.infog[0], detail = id.infog[1];
-  count = id.infog[11];
+  out.error = id.infog[0];
+  out.detail = id.infog[1];
+  out.count = id.infog[11];
   call_mumps(id, -2);
-  if (error == -9 || error == -13)
-    return failed("out of memory in the LDL' factor of %d rows (MUMPS error %d, %d)", m.n, error,
-                  detail);
-  if (error < 0)
-    return failed("the LDL' factor of K - (%g) M failed (MUMPS error %d, %d)", shift, error,
-                  detail);
+  MPI_Finalize();
+  return out;
+}
+
+}  // namespace
+
+bool count_eigenvalues_below(const Matrices &m, double shift, const std::vector<int64_t> &ordering,
+                             int64_t &count) {
+  int fds[2];
+  if (pipe(fds) != 0) return failed("cannot make a pipe for the LDL' count");
+  std::fflush(nullptr);
+  pid_t pid = fork();
+  if (pid < 0) {
+    close(fds[0]);
+    close(fds[1]);
+    return failed("cannot start the LDL' count: %s", std::strerror(errno));
+  }
+  if (pid == 0) {
+    close(fds[0]);
+    Outcome out;
+    try {
+      out = factor_and_count(m, shift, ordering);
+    } catch (const std::bad_alloc &) {
+      out.error = -9;
+    }
+    ssize_t written = write(fds[1], &out, sizeof out);
+    _exit(written == static_cast<ssize_t>(sizeof out) ? 0 : 1);
+  }
+  close(fds[1]);
+  Outcome out;
+  ssize_t got = read(fds[0], &out, sizeof out);
+  close(fds[0]);
+  int status = 0;
+  while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+  }
+  if (got != static_cast<ssize_t>(sizeof out))
+    return failed("the LDL' count of %d rows ended without a result (status %d): out of memory?",
+                  m.n, status);
+  if (out.error == -1000) return failed("cannot start MPI for the LDL' count");
+  if (out.error == -9 || out.error == -13)
+    return failed("out of memory in the LDL' factor of %d rows (MUMPS error %d, %d)", m.n,
+                  out.error, out.detail);
+  if (out.error < 0)
+    return failed("the LDL' factor of K - (%g) M failed (MUMPS error %d, %d)", shift, out.error,
+                  out.detail);
+  count = out.count;
   return true;
 }
 

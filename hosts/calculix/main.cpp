@@ -388,8 +388,8 @@ int main(int argc, char **argv) {
     getrusage(RUSAGE_SELF, &usage);
     getrusage(RUSAGE_CHILDREN, &children);
     std::fprintf(stderr,
-                 "ccx2krx: CalculiX %.2f s, own %.2f s, peak memory %.1f MB (CalculiX's largest "
-                 "job %.1f MB)\n",
+                 "ccx2krx: CalculiX %.2f s, own %.2f s, peak memory %.1f MB (largest child "
+                 "process %.1f MB)\n",
                  calculix_seconds, total - calculix_seconds, usage.ru_maxrss / 1024.0,
                  children.ru_maxrss / 1024.0);
   }
