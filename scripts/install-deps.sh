@@ -4,7 +4,8 @@ set -euo pipefail
 packages=(cmake ninja-build g++ clang libclang-rt-dev gfortran pkg-config libtirpc-dev libgtest-dev
           libgmock-dev libbenchmark-dev liblapack-dev calculix-ccx calculix-ccx-test gmsh chromium
           libjs-three libsuitesparse-dev libopenblas-dev libeigen3-dev libspectra-dev libmumps-dev
-          libopenmpi-dev python3-numpy python3-meshio python3-matplotlib python3-pytest)
+          libopenmpi-dev openmpi-bin libpetsc-real-dev libslepc-real-dev
+          python3-numpy python3-meshio python3-matplotlib python3-pytest)
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "ok installed" || missing+=("$p")

@@ -260,8 +260,9 @@ bool map_expanded_rows(const Deck &deck, Expansion &e, DofMap &map);
 // Six components per entry of deck.node_ids from a vector over the matrices' rows: solid nodes
 // and knots as the rows give them; shells the mid-surface's translation (CalculiX's own: the mean
 // of bottom and top, for three nodes (bottom + 4 middle + top) / 6) and n x (u_top - u_bottom) /
-// t, the bottom of a tied node from the node's own rows; beams the mean of the corners and the least-squares rotation of the corners. A direction
-// held at a node (fewer rows than the node's others) stays zero.
+// t, the bottom of a tied node from the node's own rows; beams the mean of the corners and the
+// least-squares rotation of the corners. A direction held at a node (fewer rows than the node's
+// others) stays zero.
 void project_rows(const Expansion &e, const DofMap &map, const double *rows,
                   std::vector<double> &by_node);
 // Nodal masses and rotary inertias: each expanded node's share (as lump_masses gives it),
@@ -320,6 +321,9 @@ void end_progress_line();
 // Messages: "ccx2krx: " and the text on standard error; failed() returns false for the caller.
 void note(const char *format, ...) __attribute__((format(printf, 1, 2)));
 bool failed(const char *format, ...) __attribute__((format(printf, 1, 2)));
+// While into is set, messages go there instead of standard error (the first one only): the ranks
+// of a parallel run hand theirs to rank 0, which prints one.
+void capture_messages(std::string *into);
 
 }  // namespace ccx
 

@@ -14,7 +14,16 @@ namespace ccx {
 
 namespace {
 
+std::string *captured = nullptr;
+
 void report(const char *format, std::va_list args) {
+  if (captured) {
+    // Only the first failure counts: the callers that follow only pass it up.
+    char text[1024];
+    std::vsnprintf(text, sizeof text, format, args);
+    if (captured->empty()) *captured = text;
+    return;
+  }
   end_progress_line();
   std::fputs("ccx2krx: ", stderr);
   std::vfprintf(stderr, format, args);
@@ -22,6 +31,8 @@ void report(const char *format, std::va_list args) {
 }
 
 }  // namespace
+
+void capture_messages(std::string *into) { captured = into; }
 
 void note(const char *format, ...) {
   std::va_list args;

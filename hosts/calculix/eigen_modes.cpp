@@ -80,6 +80,15 @@ bool check_residuals(const Matrices &m, const Modes &modes, double tolerance) {
 // must be the number of modes computed below it.
 bool check_missed_modes(const Matrices &m, const std::vector<int64_t> &ordering, const Modes &modes,
                         double &seconds) {
+  return check_mode_count(
+      modes,
+      [&](double shift, int64_t &count) {
+        return count_eigenvalues_below(m, shift, ordering, count);
+      },
+      seconds);
+}
+
+bool check_mode_count(const Modes &modes, const EigenvalueCounter &count_below, double &seconds) {
   const std::vector<double> &v = modes.values;
   // Never inside the rigid-body modes, whose eigenvalues are zero to rounding.
   size_t first = static_cast<size_t>(std::max(modes.wanted, modes.rigid));
@@ -95,7 +104,7 @@ bool check_missed_modes(const Matrices &m, const std::vector<int64_t> &ordering,
   double shift = 0.5 * (v[split - 1] + v[split]);
   auto begin = std::chrono::steady_clock::now();
   int64_t count = 0;
-  bool ok = count_eigenvalues_below(m, shift, ordering, count);
+  bool ok = count_below(shift, count);
   seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
   if (!ok) return false;
   if (count != static_cast<int64_t>(split))

@@ -208,7 +208,8 @@ bool build_expansion(const Deck &deck, Expansion &x) {
     if (s.offset)
       return failed("the section of %s element %d has an offset, which cannot be exported",
                     e.type.c_str(), e.id);
-    if (!(e.beam ? place_beam(deck, e, s, x) : place_shell(deck, e, s, x, nodal, thickness))) return false;
+    if (!(e.beam ? place_beam(deck, e, s, x) : place_shell(deck, e, s, x, nodal, thickness)))
+      return false;
   }
   for (const Element &e : deck.elements)
     for (int id : e.nodes) {

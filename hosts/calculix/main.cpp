@@ -1,7 +1,7 @@
-// ccx2krx MODEL.inp -o OUT.krx [--modes N] [--stress] [--units SYSTEM] [--keep DIR] [--timing]
-// [--interface NSET ...] [--solver own|calculix]: CalculiX assembles the model part of a deck,
-// the tool (or CalculiX) solves it, and its modes (with interface points: its component modes)
-// are exported as a KRX file.
+// ccx2krx MODEL.inp -o OUT.krx [--modes N] [--stress] [--shell-surface SIDE] [--units SYSTEM]
+// [--keep DIR] [--timing] [--quiet] [--interface NSET ...] [--solver own|mpi|calculix]: CalculiX
+// assembles the model part of a deck, the tool (or CalculiX) solves it, and its modes (with
+// interface points: its component modes) are exported as a KRX file.
 #include <sys/resource.h>
 #include <unistd.h>
 
@@ -11,6 +11,7 @@
 #include <filesystem>
 
 #include "ccx2krx.h"
+#include "parallel.h"
 #include "solver.h"
 
 namespace fs = std::filesystem;
@@ -42,7 +43,7 @@ struct Options {
   bool timing = false;
   bool quiet = false;
   std::vector<std::string> interfaces;
-  enum Solver { kAny, kOwn, kCalculix } solver = kAny;
+  enum Solver { kAny, kOwn, kParallel, kCalculix } solver = kAny;
 };
 
 void usage(std::FILE *out) {
@@ -50,7 +51,7 @@ void usage(std::FILE *out) {
       out,
       "usage: ccx2krx MODEL.inp -o OUT.krx [--modes N] [--stress] [--shell-surface SIDE]\n"
       "               [--units SYSTEM] [--keep DIR] [--timing] [--quiet] [--interface NSET ...]\n"
-      "               [--solver own|calculix]\n"
+      "               [--solver own|mpi|calculix]\n"
       "\n"
       "Runs CalculiX (the CCX environment variable, else ccx on PATH) on the model part of\n"
       "MODEL.inp (everything before its first *STEP) and writes its normal modes as a KRX file.\n"
@@ -98,6 +99,10 @@ void usage(std::FILE *out) {
       "                   interface nodes, with rotations from the rotation nodes (solids\n"
       "                   only: refused on models with shells or beams)\n"
       "  --solver own     the own solver, or fail where it cannot solve the model\n"
+      "  --solver mpi     the own solver over MPI: mpirun -n N ccx2krx ... --solver mpi; the\n"
+      "                   ranks share the factor and the iteration, each reads only its rows\n"
+      "                   of the matrices (the working directory, TMPDIR or --keep, must be\n"
+      "                   shared by all ranks); rank 0 writes the file\n"
       "  --solver calculix  CalculiX computes the modes (*FREQUENCY, STORAGE=YES), the\n"
       "                   static shapes and the stresses\n");
 }
@@ -123,16 +128,17 @@ int parse_options(int argc, char **argv, Options &o) {
       o.interfaces.push_back(argv[++i]);
     } else if (a == "--solver" && has_value) {
       std::string v = argv[++i];
-      if (v != "own" && v != "calculix") {
-        std::fprintf(stderr, "ccx2krx: --solver wants own or calculix, not %s\n", v.c_str());
+      if (v != "own" && v != "mpi" && v != "calculix") {
+        std::fprintf(stderr, "ccx2krx: --solver wants own, mpi or calculix, not %s\n", v.c_str());
         return 2;
       }
-      o.solver = v == "own" ? Options::kOwn : Options::kCalculix;
+      o.solver = v == "own" ? Options::kOwn : v == "mpi" ? Options::kParallel : Options::kCalculix;
     } else if (a == "--shell-surface" && has_value) {
       std::string v = argv[++i];
       o.shell_surface = v == "top" ? 1 : v == "bottom" ? -1 : v == "mid" ? 0 : 2;
       if (o.shell_surface == 2) {
-        std::fprintf(stderr, "ccx2krx: --shell-surface wants top, bottom or mid, not %s\n",
+        std::fprintf(stderr, "ccx2krx: --shell-surface wants top, bottom or mid, not %s
+",
                      v.c_str());
         return 2;
       }
@@ -242,7 +248,9 @@ bool choose_solver(const Options &o, const ccx::Deck &deck, bool &own) {
     own = true;
     return true;
   }
-  if (o.solver == Options::kOwn) return ccx::failed("--solver own: %s", refusal.c_str());
+  if (o.solver == Options::kOwn || o.solver == Options::kParallel)
+    return ccx::failed("--solver %s: %s", o.solver == Options::kOwn ? "own" : "mpi",
+                       refusal.c_str());
   ccx::note("note: CalculiX solves the model: %s", refusal.c_str());
   return true;
 }
@@ -292,6 +300,18 @@ bool run_and_read(const Options &o, const ccx::Deck &deck, const std::string &di
   }
   if (!r.unit_mass.empty())
     ccx::share_tied_masses(deck, r.map, r.matrices, r.unit_mass, r.nodal_mass);
+  if (own && o.solver == Options::kParallel) {
+    ccx::ParallelJob job;
+    job.deck = &deck;
+    job.map = &r.map;
+    job.mas = dir + "/matrices.mas";
+    job.sti = dir + "/matrices.sti";
+    job.modes = o.modes;
+    job.vectors_path = dir + "/own_modes.bin";
+    job.statics_path = dir + "/static_shapes.bin";
+    job.timing = o.timing;
+    return ccx::solve_parallel(job, r.eig);
+  }
   if (own) {
     ccx::OwnJob job;
     job.deck = &deck;
@@ -397,6 +417,12 @@ int main(int argc, char **argv) {
   int parsed = parse_options(argc, argv, o);
   if (parsed == 1) return 0;
   if (parsed == 2) return 2;
+  // Under --solver mpi every rank runs this program; rank 0 is the tool, the others only take
+  // part in the solve.
+  bool parallel = o.solver == Options::kParallel;
+  int rank = 0;
+  if (parallel && !ccx::start_parallel(argc, argv, rank)) return 2;
+  if (rank != 0) return ccx::follow_parallel();
   double calculix_seconds = 0.0;
   bool ok = false;
   ccx::start_progress(o.quiet);
@@ -421,5 +447,6 @@ int main(int argc, char **argv) {
                  calculix_seconds, total - calculix_seconds, usage.ru_maxrss / 1024.0,
                  children.ru_maxrss / 1024.0);
   }
+  if (parallel) ccx::finish_parallel();
   return ok ? 0 : 1;
 }

@@ -17,8 +17,8 @@ double seconds_since(std::chrono::steady_clock::time_point begin) {
   return std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
 }
 
-// The rows of the interface points in the order of the static shapes: per point the reference
-// node's three translations, then the rotation node's three rotations.
+}  // namespace
+
 bool interface_rows(const Deck &deck, const DofMap &map, std::vector<int> &held) {
   held.clear();
   for (const Interface &point : deck.interfaces) {
@@ -34,6 +34,8 @@ bool interface_rows(const Deck &deck, const DofMap &map, std::vector<int> &held)
   }
   return true;
 }
+
+namespace {
 
 bool write_vectors(const std::string &path, const double *values, size_t count) {
   std::FILE *file = std::fopen(path.c_str(), "wb");

@@ -8,6 +8,7 @@
 #define CCX2KRX_SOLVER_H
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -81,6 +82,9 @@ bool check_residuals(const Matrices &m, const Modes &modes, double tolerance);
 // computed, has more eigenvalues below it than the modes list: Lanczos missed one.
 bool check_missed_modes(const Matrices &m, const std::vector<int64_t> &ordering, const Modes &modes,
                         double &seconds);
+// The same check with any back-end's count of the eigenvalues below a shift.
+using EigenvalueCounter = std::function<bool(double shift, int64_t &count)>;
+bool check_mode_count(const Modes &modes, const EigenvalueCounter &count_below, double &seconds);
 
 // Gives the nodes tied to interface points the lumped masses of the untied model (scaled as the
 // others), taken from their reference node's, when CalculiX's mass diagonal is the density times
@@ -93,6 +97,10 @@ void share_tied_masses(const Deck &deck, const DofMap &map, const Matrices &m,
 // m.n values per held row.
 bool constraint_modes(const Matrices &m, const std::vector<int> &held, Factor &f,
                       std::vector<double> &shapes);
+
+// The rows of the interface points in the order of the static shapes: per point the reference
+// node's three translations, then the rotation node's three rotations.
+bool interface_rows(const Deck &deck, const DofMap &map, std::vector<int> &held);
 
 // The own path of a run: the lowest `modes` modes of the matrices (with interfaces: the static
 // shapes of the interface rows to statics_path, then the modes with them held), checked, their

@@ -1,0 +1,169 @@
+"""ccx2krx --solver mpi on 1 and 2 ranks against the single-machine own solver of the same
+model: eigenvalues, mode shapes (up to sign, subspaces where eigenvalues repeat), the static
+shapes of interface points, and the files through krxcompare; a rank that fails, and a run
+without mpirun. CCX2KRX_MPI tells whether the tool was built with the parallel solver."""
+
+import os
+import subprocess
+
+import numpy as np
+import pytest
+
+import krx
+from conftest import MODES, run_tool
+
+BUILT = os.environ.get("CCX2KRX_MPI") == "1"
+MPIRUN = os.environ.get("MPIEXEC", "mpirun")
+ROOT_OK = {"OMPI_ALLOW_RUN_AS_ROOT": "1", "OMPI_ALLOW_RUN_AS_ROOT_CONFIRM": "1"}
+needs_mpi = pytest.mark.skipif(not BUILT, reason="ccx2krx was built without MPI")
+
+
+def mpirun(ranks, args, cwd=None):
+    environment = dict(os.environ, OMP_NUM_THREADS="1", **ROOT_OK)
+    return subprocess.run([MPIRUN, "-n", str(ranks), "--oversubscribe", *args], cwd=cwd,
+                          capture_output=True, text=True, env=environment, timeout=300)
+
+
+def clusters(values, gap=1e-6):
+    """Groups of mode indices whose eigenvalues agree to gap relative to the largest one."""
+    scale = np.max(np.abs(values))
+    groups = [[0]]
+    for k in range(1, len(values)):
+        if abs(values[k] - values[k - 1]) > gap * scale:
+            groups.append([])
+        groups[-1].append(k)
+    return groups
+
+
+def assert_same_modes(own_values, own, theirs, their_values):
+    """Eigenvalues to 1e-8 (the rigid-body ones, zero to rounding, against the largest), shapes
+    (columns) to 1e-6 of their largest entry up to sign, or the same subspace where repeated."""
+    np.testing.assert_allclose(their_values, own_values, rtol=1e-8,
+                               atol=1e-8 * np.max(np.abs(own_values)))
+    for group in clusters(np.asarray(own_values)):
+        a, b = own[:, group], theirs[:, group]
+        if len(group) == 1:
+            sign = 1.0 if a[:, 0] @ b[:, 0] >= 0 else -1.0
+            worst = np.max(np.abs(a - sign * b)) / np.max(np.abs(a))
+            assert worst < 1e-6, f"mode {group[0] + 1}: {worst:.1e} of the largest entry"
+        else:
+            # Orthonormal bases of one subspace: the cosines of its principal angles are 1.
+            qa, qb = np.linalg.qr(a)[0], np.linalg.qr(b)[0]
+            np.testing.assert_allclose(np.linalg.svd(qa.T @ qb, compute_uv=False), 1.0,
+                                       atol=1e-6, err_msg=f"modes {group}")
+
+
+def vectors(work, name, count):
+    data = np.fromfile(os.path.join(work, name))
+    return data.reshape(count, -1).T
+
+
+def compare(krxcompare, base, new):
+    run = subprocess.run([krxcompare, "-v", "0", base, new], capture_output=True, text=True)
+    return run.returncode, run.stdout
+
+
+@pytest.fixture(scope="session")
+def krxcompare(krxdump):
+    return os.path.join(os.path.dirname(krxdump), "krxcompare")
+
+
+def parallel_export(ccx2krx, model, where, ranks, extra=()):
+    out, keep = str(where / f"mpi{ranks}.krx"), str(where / f"work{ranks}")
+    run = mpirun(ranks, [ccx2krx, model, "-o", out, "--modes", str(MODES), "--keep", keep,
+                         "--solver", "mpi", *extra])
+    assert run.returncode == 0, run.stderr
+    return out, keep
+
+
+@needs_mpi
+@pytest.mark.parametrize("name, held", [("bar_c3d8", False), ("wedge_c3d15", False),
+                                        ("bar_c3d8", True), ("wedge_c3d15", True)])
+def test_ranks_give_the_single_machine_modes(ccx2krx, export, krxcompare, tmp_path, name, held):
+    own = export(name, solver="own", stress=False, held=held)
+    own_values = own.read().eigenvalues
+    ours = vectors(own.keep, "own_modes.bin", MODES)
+    for ranks in (1, 2):
+        out, keep = parallel_export(ccx2krx, own.deck, tmp_path, ranks)
+        values = krx.read(out).eigenvalues
+        assert_same_modes(own_values, ours, vectors(keep, "own_modes.bin", MODES), values)
+        status, report = compare(krxcompare, own.out, out)
+        assert status == 0, f"{ranks} ranks:\n{report}"
+
+
+@needs_mpi
+def test_ranks_give_the_single_machine_component_modes(ccx2krx, deck, krxcompare, tmp_path):
+    """The static shapes, the fixed-interface modes and the file, stresses recovered on rank 0."""
+    model = deck("bar_c3d8")
+    ends = ["--interface", "END1", "--interface", "END2"]
+    own_out, own_keep = str(tmp_path / "own.krx"), str(tmp_path / "own")
+    run = run_tool(ccx2krx, [model, "-o", own_out, "--modes", str(MODES), "--keep", own_keep,
+                             "--solver", "own", "--stress", *ends])
+    assert run.returncode == 0, run.stderr
+    shapes = np.fromfile(os.path.join(own_keep, "static_shapes.bin"))
+    own_values = krx.read(own_out).eigenvalues
+    for ranks in (1, 2):
+        out, keep = parallel_export(ccx2krx, model, tmp_path, ranks, ["--stress", *ends])
+        theirs = np.fromfile(os.path.join(keep, "static_shapes.bin"))
+        assert theirs.shape == shapes.shape
+        assert np.max(np.abs(theirs - shapes)) < 1e-8 * np.max(np.abs(shapes))
+        # The fixed-interface modes (no eigenvalue repeats on this bar), and the eigenvalues of
+        # the file, which the library computes from the static shapes and those modes.
+        own_modes = vectors(own_keep, "own_modes.bin", MODES)
+        for k, theirs in enumerate(vectors(keep, "own_modes.bin", MODES).T):
+            sign = 1.0 if own_modes[:, k] @ theirs >= 0 else -1.0
+            worst = np.max(np.abs(own_modes[:, k] - sign * theirs))
+            assert worst < 1e-6 * np.max(np.abs(own_modes[:, k])), f"mode {k + 1}"
+        values = krx.read(out).eigenvalues
+        np.testing.assert_allclose(values, own_values, rtol=1e-8,
+                                   atol=1e-8 * np.max(np.abs(own_values)))
+        # The interface rotations of fixed-interface modes and the stresses of rigid-body modes
+        # are zero to rounding, which a relative comparison cannot pass: krxcompare may fail
+        # those and nothing else.
+        status, report = compare(krxcompare, own_out, out)
+        stress = np.abs(np.asarray(krx.read(own_out).stress[1]))
+        for line in report.splitlines():
+            if line.startswith("->Fail Stress Mode: #"):
+                mode = int(line.split("#")[1]) - 1
+                assert stress[mode].max() < 1e-9 * stress.max(), report
+            elif line.startswith("->Fail"):
+                assert "EigenVector rotational" in line or "ModeShape, " in line, report
+
+
+@needs_mpi
+def test_a_failing_rank_ends_the_run_with_one_message(ccx2krx, deck, tmp_path):
+    # The second rank starts in another directory, so the relative work directory rank 0 made
+    # is not there for it: the working directory is not shared.
+    (tmp_path / "a").mkdir()
+    (tmp_path / "b").mkdir()
+    out = str(tmp_path / "out.krx")
+    args = [os.path.abspath(ccx2krx), deck("bar_c3d8"), "-o", out, "--modes", "8", "--keep",
+            "work", "--solver", "mpi", "--quiet"]
+    environment = dict(os.environ, OMP_NUM_THREADS="1", **ROOT_OK)
+    run = subprocess.run([MPIRUN, "--oversubscribe", "-n", "1", "--wdir", str(tmp_path / "a"),
+                          *args, ":", "-n", "1", "--wdir", str(tmp_path / "b"), *args],
+                         capture_output=True, text=True, env=environment, timeout=300)
+    ours = [line for line in run.stderr.splitlines()
+            if line.startswith("ccx2krx:") and "note:" not in line]
+    assert run.returncode != 0
+    assert ours == ["ccx2krx: rank 1: cannot open work/matrices.mas: No such file or directory"], \
+        run.stderr
+    assert not os.path.exists(out)
+
+
+@needs_mpi
+def test_without_mpirun_the_run_is_one_rank(ccx2krx, export, deck, tmp_path):
+    out = str(tmp_path / "one.krx")
+    run = run_tool(ccx2krx, [deck("bar_c3d8"), "-o", out, "--modes", str(MODES), "--solver",
+                             "mpi"], env=ROOT_OK)
+    assert "note: --solver mpi on one process; start it with mpirun -n N to use N" in run.stderr
+    own = export("bar_c3d8", solver="own", stress=False).read()
+    np.testing.assert_allclose(krx.read(out).eigenvalues[6:], own.eigenvalues[6:], rtol=1e-8)
+
+
+@pytest.mark.skipif(BUILT, reason="ccx2krx was built with MPI")
+def test_without_mpi_built_the_option_is_refused(ccx2krx, deck, tmp_path):
+    run = run_tool(ccx2krx, [deck("bar_c3d8"), "-o", str(tmp_path / "x.krx"), "--solver", "mpi"])
+    assert run.returncode == 2
+    assert run.stderr == ("ccx2krx: --solver mpi: this ccx2krx was built without MPI (its build "
+                          "needs PETSc, SLEPc and MPI)\n")
