@@ -137,8 +137,7 @@ int parse_options(int argc, char **argv, Options &o) {
       std::string v = argv[++i];
       o.shell_surface = v == "top" ? 1 : v == "bottom" ? -1 : v == "mid" ? 0 : 2;
       if (o.shell_surface == 2) {
-        std::fprintf(stderr, "ccx2krx: --shell-surface wants top, bottom or mid, not %s
-",
+        std::fprintf(stderr, "ccx2krx: --shell-surface wants top, bottom or mid, not %s\n",
                      v.c_str());
         return 2;
       }
