@@ -282,6 +282,26 @@ bool prepare_stresses(const Deck &deck, StressModel &model) {
   return true;
 }
 
+namespace {
+
+// The Jacobian d x_i / d xi_j of an element at one of its integration points (n: the shape
+// functions there), and its determinant.
+double jacobian_at(const StressKind &k, const std::vector<Dual> &n, const Deck &deck,
+                   const int *nodes, double jac[3][3]) {
+  for (int i = 0; i < 3; ++i)
+    for (int j = 0; j < 3; ++j) jac[i][j] = 0.0;
+  for (int a = 0; a < k.nodes; ++a) {
+    const double *x = &deck.xyz[3 * static_cast<size_t>(nodes[a])];
+    for (int i = 0; i < 3; ++i)
+      for (int j = 0; j < 3; ++j) jac[i][j] += x[i] * n[a].d[j];
+  }
+  return jac[0][0] * (jac[1][1] * jac[2][2] - jac[1][2] * jac[2][1]) -
+         jac[0][1] * (jac[1][0] * jac[2][2] - jac[1][2] * jac[2][0]) +
+         jac[0][2] * (jac[1][0] * jac[2][1] - jac[1][1] * jac[2][0]);
+}
+
+}  // namespace
+
 void recover_stresses(const StressModel &model, const Deck &deck,
                       const std::vector<double> &by_node, std::vector<double> &stresses) {
   stresses.assign(6 * deck.node_ids.size(), 0.0);
@@ -293,15 +313,8 @@ void recover_stresses(const StressModel &model, const Deck &deck,
     at_points.assign(6 * g, 0.0);
     for (size_t p = 0; p < g; ++p) {
       const std::vector<Dual> &n = k.at_points[p];
-      double jac[3][3] = {};  // d x_i / d xi_j
-      for (int a = 0; a < k.nodes; ++a) {
-        const double *x = &deck.xyz[3 * static_cast<size_t>(nodes[a])];
-        for (int i = 0; i < 3; ++i)
-          for (int j = 0; j < 3; ++j) jac[i][j] += x[i] * n[a].d[j];
-      }
-      double det = jac[0][0] * (jac[1][1] * jac[2][2] - jac[1][2] * jac[2][1]) -
-                   jac[0][1] * (jac[1][0] * jac[2][2] - jac[1][2] * jac[2][0]) +
-                   jac[0][2] * (jac[1][0] * jac[2][1] - jac[1][1] * jac[2][0]);
+      double jac[3][3];  // d x_i / d xi_j
+      double det = jacobian_at(k, n, deck, nodes, jac);
       double inv[3][3];  // inv[m][j] = d xi_m / d x_j
       for (int i = 0; i < 3; ++i)
         for (int j = 0; j < 3; ++j) {
@@ -341,15 +354,8 @@ void mass_diagonal(const StressModel &model, const Deck &deck, std::vector<doubl
     const int *nodes = &model.nodes[static_cast<size_t>(model.first[e])];
     for (size_t p = 0; p < k.rule.points.size(); ++p) {
       const std::vector<Dual> &n = k.at_points[p];
-      double jac[3][3] = {};
-      for (int a = 0; a < k.nodes; ++a) {
-        const double *x = &deck.xyz[3 * static_cast<size_t>(nodes[a])];
-        for (int i = 0; i < 3; ++i)
-          for (int j = 0; j < 3; ++j) jac[i][j] += x[i] * n[a].d[j];
-      }
-      double det = jac[0][0] * (jac[1][1] * jac[2][2] - jac[1][2] * jac[2][1]) -
-                   jac[0][1] * (jac[1][0] * jac[2][2] - jac[1][2] * jac[2][0]) +
-                   jac[0][2] * (jac[1][0] * jac[2][1] - jac[1][1] * jac[2][0]);
+      double jac[3][3];
+      double det = jacobian_at(k, n, deck, nodes, jac);
       double volume = std::fabs(det) * k.weights[p];
       for (int a = 0; a < k.nodes; ++a)
         diagonal[static_cast<size_t>(nodes[a])] += n[a].v * n[a].v * volume;

@@ -400,6 +400,23 @@ int read_header_block(BlockIo &b, HeaderBlock &h) {
   return code_header(c, h);
 }
 
+template <std::size_t N>
+void trim_field(std::array<char, N> &field) {
+  field[N - 1] = '\0';
+  for (std::size_t i = N; i-- > 0;) {
+    if (field[i] != ' ' && field[i] != '\0') break;
+    field[i] = '\0';
+  }
+}
+
+void trim_header_fields(HeaderBlock &h) {
+  trim_field(h.title);
+  trim_field(h.date);
+  trim_field(h.input_name);
+  trim_field(h.input_type);
+  for (auto &c : h.comments) trim_field(c);
+}
+
 int write_content_block(BlockIo &b, const std::array<uint8_t, kFlagCount> &flags) {
   return put_chars(b.io, reinterpret_cast<const char *>(flags.data()), kFlagCount);
 }

@@ -121,6 +121,8 @@ int write_version_block(BlockIo &b, int32_t code);
 int read_version_block(BlockIo &b, int32_t &code);
 int write_header_block(BlockIo &b, const HeaderBlock &h);
 int read_header_block(BlockIo &b, HeaderBlock &h);
+// Each text field of a header as read: its trailing blanks and padding cut, the last byte NUL.
+void trim_header_fields(HeaderBlock &h);
 int write_content_block(BlockIo &b, const std::array<uint8_t, kFlagCount> &flags);
 int read_content_block(BlockIo &b, std::array<uint8_t, kFlagCount> &flags);
 int write_nodal_coords_block(BlockIo &b, const NodalCoordsBlock &block);

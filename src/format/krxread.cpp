@@ -126,15 +126,6 @@ int locate_blocks(KRXDATA &model) {
   return 1;
 }
 
-template <std::size_t N>
-void trim_field(std::array<char, N> &field) {
-  field[N - 1] = '\0';
-  for (std::size_t i = N; i-- > 0;) {
-    if (field[i] != ' ' && field[i] != '\0') break;
-    field[i] = '\0';
-  }
-}
-
 int read_header(KRXDATA &model) {
   const char *problem = "Problem reading Header information";
   BlockIo io = block_io(model);
@@ -144,11 +135,7 @@ int read_header(KRXDATA &model) {
     error("%s", problem);
     return 0;
   }
-  trim_field(h.title);
-  trim_field(h.date);
-  trim_field(h.input_name);
-  trim_field(h.input_type);
-  for (auto &c : h.comments) trim_field(c);
+  trim_header_fields(h);
   model.title = h.title;
   model.date = h.date;
   model.input_name = h.input_name;

@@ -88,15 +88,6 @@ int read_version(PositionedFile &f) {
   return 1;
 }
 
-template <std::size_t N>
-void trim_field(std::array<char, N> &field) {
-  field[N - 1] = '\0';
-  for (std::size_t i = N; i-- > 0;) {
-    if (field[i] != ' ' && field[i] != '\0') break;
-    field[i] = '\0';
-  }
-}
-
 int read_front(PositionedFile &f, std::string &problem) {
   bool memory = false;
   int64_t header_bytes = 544 * int64_t(f.C()), flag_bytes = kFlagCount * int64_t(f.C());
@@ -109,8 +100,7 @@ int read_front(PositionedFile &f, std::string &problem) {
     return 0;
   }
   HeaderBlock &h = f.header;
-  trim_field(h.title), trim_field(h.date), trim_field(h.input_name), trim_field(h.input_type);
-  for (auto &c : h.comments) trim_field(c);
+  trim_header_fields(h);
   // These generations have no invariant or later blocks.
   if (f.generation == 10 || f.generation == 20 || f.generation == 30 || f.generation == 31)
     std::fill(f.flags.begin() + 17, f.flags.begin() + 97, uint8_t(0));
