@@ -34,7 +34,7 @@ RULES = [
     ('- to +', re.compile(r'(?<=\s)-(?=\s)'), '+'),
     ('&& to ||', re.compile(r'(?<=\s)&&(?=\s)'), '||'),
     ('|| to &&', re.compile(r'(?<=\s)\|\|(?=\s)'), '&&'),
-    ('0 to 1', re.compile(r'(?<![\w.])0(?![\w.])'), '1'),
+    ('0 to 1', re.compile(r'(?<![\w.])0(?![\w.])'), '1'),  # also an index [0] to [1]
     ('1 to 0', re.compile(r'(?<![\w.])1(?![\w.])'), '0'),
 ]
 CONDITION = re.compile(r'\b(if|while) \((.*)\)(\s*(\{|return\b.*|continue;|break;)?)\s*$')
@@ -105,6 +105,11 @@ def collect_sites(root):
                     continue
                 sites.extend(sites_of_line(path, number, line))
     return sites
+
+
+def original_line(path, number):
+    with open(path, encoding='utf-8') as f:
+        return f.readlines()[number - 1].strip()
 
 
 class Restorer:
@@ -217,7 +222,8 @@ def main():
     print(f'\n{args.directory}: killed {counts["killed"]}, survived {counts["survived"]}, '
           f'timed out {counts["timed out"]}, not compiling {counts["not compiling"]}; '
           f'score {score:.1f}% in {time.time() - start:.0f} s')
-    lines = [f'{p}:{n}: {name}: {new.strip()}' for p, n, name, new in survivors]
+    lines = [f'{p}:{n}: {name}: {original_line(p, n)} -> {new.strip() or "(nothing)"}'
+             for p, n, name, new in survivors]
     for line in lines:
         print('survived ' + line)
     if args.survivors:
