@@ -2,13 +2,13 @@
 # Builds the libFuzzer targets with clang (address and undefined-behaviour sanitizers) and runs
 # each over a working copy of its checked-in corpus for the given seconds (default 60 each).
 # New inputs stay in build-fuzz/corpus/<target>; inputs that crash go to build-fuzz/findings.
-#   scripts/fuzz.sh [seconds] [target ...]     targets: read compare options sketch
+#   scripts/fuzz.sh [seconds] [target ...]     targets: read read_api compare options sketch
 set -euo pipefail
 cd "$(dirname "$0")/.."
 seconds=${1:-60}
 shift || true
 targets=("$@")
-[ ${#targets[@]} -gt 0 ] || targets=(read compare options sketch)
+[ ${#targets[@]} -gt 0 ] || targets=(read read_api compare options sketch)
 bash scripts/install-deps.sh
 
 CC=clang CXX=clang++ cmake -S . -B build-fuzz -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
