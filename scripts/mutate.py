@@ -129,19 +129,29 @@ class Restorer:
             self.path = None
 
 
-def run(cmd, timeout, cwd):
-    """Runs cmd; 'ok', 'failed' or 'timeout'. The whole process group goes on a timeout."""
-    proc = subprocess.Popen(cmd, cwd=cwd, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
-                            start_new_session=True)
+def run(cmd, timeout, cwd, output=None):
+    """Runs cmd; 'ok', 'failed' or 'timeout'. The whole process group goes on a timeout. With
+    output (a list), the command's standard output is appended to it."""
+    proc = subprocess.Popen(cmd, cwd=cwd, stdout=subprocess.PIPE if output is not None
+                            else subprocess.DEVNULL, stderr=subprocess.DEVNULL,
+                            start_new_session=True, text=True)
     try:
-        return 'ok' if proc.wait(timeout=timeout) == 0 else 'failed'
+        out, _ = proc.communicate(timeout=timeout)
+        if output is not None:
+            output.append(out)
+        return 'ok' if proc.returncode == 0 else 'failed'
     except subprocess.TimeoutExpired:
         os.killpg(proc.pid, signal.SIGKILL)
-        proc.wait()
+        proc.communicate()
         return 'timeout'
 
 
+FAILED_TEST = re.compile(r'^\s*\d+ - (\S+) \((Failed|Timeout|SEGFAULT|Subprocess aborted|Exception|'
+                         r'Child aborted|Not Run)\)', re.M)
+
+
 def try_mutant(site, args, restorer, root):
+    """The mutant's outcome and the tests that failed on it."""
     path, number, _, new = site
     with open(path, encoding='utf-8') as f:
         lines = f.readlines()
@@ -152,15 +162,19 @@ def try_mutant(site, args, restorer, root):
     try:
         build = run(['cmake', '--build', args.build, '-j', str(args.jobs)], args.build_timeout, root)
         if build != 'ok':
-            return 'not compiling'
-        test = ['ctest', '--test-dir', args.build, '-j', str(args.jobs), '--stop-on-failure',
-                '--timeout', str(args.timeout)]
+            return 'not compiling', []
+        test = ['ctest', '--test-dir', args.build, '-j', str(args.jobs), '--timeout',
+                str(args.timeout)]
+        if not args.every_test:
+            test.append('--stop-on-failure')
         if args.tests:
             test += ['-R', args.tests]
         if args.exclude:
             test += ['-E', args.exclude]
-        result = run(test, args.timeout * 3, root)
-        return {'ok': 'survived', 'failed': 'killed', 'timeout': 'timed out'}[result]
+        output = []
+        result = run(test, args.timeout * 3, root, output)
+        killers = sorted(set(m.group(1) for m in FAILED_TEST.finditer(''.join(output))))
+        return {'ok': 'survived', 'failed': 'killed', 'timeout': 'timed out'}[result], killers
     finally:
         restorer.restore()
 
@@ -177,6 +191,11 @@ def main():
     parser.add_argument('--build-timeout', type=int, default=600)
     parser.add_argument('--jobs', type=int, default=os.cpu_count() or 2)
     parser.add_argument('--survivors', help='file to write the surviving mutants to')
+    parser.add_argument('--every-test', action='store_true',
+                        help='run every test on each mutant instead of stopping at the first '
+                        'failure, so that the results name every test that catches it')
+    parser.add_argument('--results', help='file to write every mutant\'s outcome to, one line '
+                        'each with the tests that caught it')
     parser.add_argument('--list', action='store_true', help='list the sample and stop')
     args = parser.parse_args()
 
@@ -205,16 +224,22 @@ def main():
 
     counts = {'killed': 0, 'survived': 0, 'timed out': 0, 'not compiling': 0}
     survivors = []
+    results = open(args.results, 'w', encoding='utf-8') if args.results else None
     start = time.time()
     try:
         for i, site in enumerate(sample, 1):
-            outcome = try_mutant(site, args, restorer, root)
+            outcome, killers = try_mutant(site, args, restorer, root)
             counts[outcome] += 1
             if outcome == 'survived':
                 survivors.append(site)
             print(f'[{i}/{len(sample)}] {site[0]}:{site[1]}: {site[2]}: {outcome}', flush=True)
+            if results:
+                results.write(f'{outcome}\t{site[0]}:{site[1]}: {site[2]}\t{" ".join(killers)}\n')
+                results.flush()
     finally:
         restorer.restore()
+        if results:
+            results.close()
         run(['cmake', '--build', args.build, '-j', str(args.jobs)], args.build_timeout, root)
 
     judged = counts['killed'] + counts['survived'] + counts['timed out']
