@@ -107,6 +107,21 @@ def collect_sites(root):
     return sites
 
 
+def from_results(path, sites):
+    """The mutants named by the lines of a results file, found again among the sites."""
+    by_name = {f'{p}:{n}: {name}': (p, n, name, new) for p, n, name, new in sites}
+    chosen = []
+    with open(path, encoding='utf-8') as f:
+        for line in f:
+            fields = line.rstrip('\n').split('\t')
+            if len(fields) < 2:
+                continue
+            if fields[1] not in by_name:
+                sys.exit(f'{path}: no such mutant in today\'s sources: {fields[1]}')
+            chosen.append(by_name[fields[1]])
+    return chosen
+
+
 def original_line(path, number):
     with open(path, encoding='utf-8') as f:
         return f.readlines()[number - 1].strip()
@@ -196,6 +211,8 @@ def main():
                         'failure, so that the results name every test that catches it')
     parser.add_argument('--results', help='file to write every mutant\'s outcome to, one line '
                         'each with the tests that caught it')
+    parser.add_argument('--from-results', help='try again only the mutants of an earlier '
+                        'results file (or of the lines kept from it), instead of a sample')
     parser.add_argument('--list', action='store_true', help='list the sample and stop')
     args = parser.parse_args()
 
@@ -203,6 +220,8 @@ def main():
     os.chdir(root)
     sites = collect_sites(args.directory)
     sample = random.Random(args.seed).sample(sites, min(args.sample, len(sites)))
+    if args.from_results:
+        sample = from_results(args.from_results, sites)
     sample.sort(key=lambda s: (s[0], s[1]))
     print(f'{args.directory}: {len(sites)} mutants, {len(sample)} sampled (seed {args.seed})')
     if args.list:
