@@ -108,17 +108,35 @@ def collect_sites(root):
 
 
 def from_results(path, sites):
-    """The mutants named by the lines of a results file, found again among the sites."""
+    """The mutants named by the lines of a results file, found again among the sites. A line that
+    moved since that run is found by its file, its change and its original text (the nearest one
+    to its old place where the text repeats)."""
     by_name = {f'{p}:{n}: {name}': (p, n, name, new) for p, n, name, new in sites}
+    texts = {}
+
+    def text_of(site):
+        if site[0] not in texts:
+            with open(site[0], encoding='utf-8') as f:
+                texts[site[0]] = [line.strip() for line in f]
+        return texts[site[0]][site[1] - 1]
     chosen = []
     with open(path, encoding='utf-8') as f:
         for line in f:
             fields = line.rstrip('\n').split('\t')
             if len(fields) < 2:
                 continue
-            if fields[1] not in by_name:
+            site = by_name.get(fields[1])
+            text = fields[3] if len(fields) > 3 else None
+            if site is not None and (text is None or text_of(site) == text):
+                chosen.append(site)
+                continue
+            where, name = fields[1].split(': ', 1)
+            file, number = where.rsplit(':', 1)
+            moved = [s for s in sites if s[0] == file and s[2] == name and text is not None
+                     and text_of(s) == text]
+            if not moved:
                 sys.exit(f'{path}: no such mutant in today\'s sources: {fields[1]}')
-            chosen.append(by_name[fields[1]])
+            chosen.append(min(moved, key=lambda s: abs(s[1] - int(number))))
     return chosen
 
 
@@ -253,7 +271,8 @@ def main():
                 survivors.append(site)
             print(f'[{i}/{len(sample)}] {site[0]}:{site[1]}: {site[2]}: {outcome}', flush=True)
             if results:
-                results.write(f'{outcome}\t{site[0]}:{site[1]}: {site[2]}\t{" ".join(killers)}\n')
+                results.write(f'{outcome}\t{site[0]}:{site[1]}: {site[2]}\t{" ".join(killers)}\t'
+                              f'{original_line(site[0], site[1])}\n')
                 results.flush()
     finally:
         restorer.restore()
