@@ -74,29 +74,6 @@ def test_steps_are_left_out_and_units_named(export, ccx2krx, tmp_path):
     assert f.units == ["KILOGRAM", "METER", "SECOND", "NEWTON"]
 
 
-SHELL_DECK = """*HEADING
-one shell element
-*NODE
-1, 0, 0, 0
-2, 10, 0, 0
-3, 10, 10, 0
-4, 0, 10, 0
-5, 5, 0, 0
-6, 10, 5, 0
-7, 5, 10, 0
-8, 0, 5, 0
-*ELEMENT, TYPE=S8, ELSET=PLATE
-1, 1, 2, 3, 4, 5, 6, 7, 8
-*MATERIAL, NAME=STEEL
-*ELASTIC
-210000, 0.3
-*DENSITY
-7.85e-9
-*SHELL SECTION, ELSET=PLATE, MATERIAL=STEEL, OFFSET=0.5
-1.0
-"""
-
-
 def bad_inputs(deck, where):
     """(case, deck, output, environment, a text the message must hold)."""
     good = deck("bar_c3d8")
@@ -105,14 +82,10 @@ def bad_inputs(deck, where):
         text = f.read().replace("MATERIAL=STEEL", "MATERIAL=STEAL")
     with open(refused, "w") as f:
         f.write(text)
-    shell = os.path.join(where, "shell.inp")
-    with open(shell, "w") as f:
-        f.write(SHELL_DECK)
     out = os.path.join(where, "out.krx")
     return [("ccx missing", good, out, {"CCX": "/nonexistent/ccx"}, "/nonexistent/ccx"),
             ("deck refused", refused, out, {}, "*ERROR"),
             ("no density", deck("bar_c3d8", density=False), out, {}, "density"),
-            ("shell with an offset", shell, out, {}, "of S8 element 1 has an offset"),
             ("no output directory", good, os.path.join(where, "missing", "out.krx"), {},
              os.path.join(where, "missing"))]
 
