@@ -1,5 +1,5 @@
-"""Readers of CalculiX's own output files: the eigenvalue and total-mass tables of the .dat, the
-result blocks of an ASCII .frd, and the matrices of a SOLVER=MATRIXSTORAGE run."""
+"""Readers of CalculiX's own output files: the eigenvalue, total-mass and displacement tables of
+the .dat, the result blocks of an ASCII .frd, and the matrices of a SOLVER=MATRIXSTORAGE run."""
 
 import re
 
@@ -36,6 +36,21 @@ def dat_total_effective_mass(path):
         if len(numbers) == 6:
             return np.array(numbers)
     raise ValueError(f"{path}: no total effective mass")
+
+
+def dat_displacements(path, name):
+    """The displacement tables that *NODE PRINT wrote for the node set name: one {node: xyz} per
+    table."""
+    tables, inside = [], False
+    with open(path) as f:
+        for line in f:
+            parts = line.split()
+            if line.startswith(" displacements"):
+                inside = f"set {name} " in line
+                tables += [{}] if inside else []
+            elif inside and len(parts) == 4 and parts[0].isdigit():
+                tables[-1][int(parts[0])] = np.array([float(v) for v in parts[1:]])
+    return tables
 
 
 def frd_results(path, name):

@@ -134,23 +134,28 @@ def run_tool(tool, args, options=None, env=None):
                           timeout=300)
 
 
-# CalculiX's own solution of the model part in the work directory (what --solver calculix runs):
-# modes.dat, modes.frd (displacements, stresses) and modes.eig (double-precision eigenvectors).
-REFERENCE = ("*INCLUDE,INPUT=model.inp\n*STEP\n*FREQUENCY,STORAGE=YES\n{modes}\n"
-             "*NODE FILE\nU\n*EL FILE\nS\n*END STEP\n")
+def calculix(work, job, text):
+    """Starts CalculiX on the model part that ccx2krx left in work followed by text, as
+    work/job.inp; wait with finish()."""
+    with open(os.path.join(work, job + ".inp"), "w") as f:
+        f.write("*INCLUDE,INPUT=model.inp\n" + text)
+    env = dict(os.environ, OMP_NUM_THREADS="1")
+    return subprocess.Popen([os.environ.get("CCX", "ccx"), "-i", job], cwd=work, env=env,
+                            stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)
+
+
+def finish(run):
+    out, _ = run.communicate(timeout=300)
+    assert run.returncode == 0 and "*ERROR" not in out, out[-2000:]
 
 
 def calculix_reference(work, modes):
-    """Runs CalculiX's *FREQUENCY on the model part that ccx2krx left in work, unless the
-    CalculiX path has run it there already."""
-    if os.path.exists(os.path.join(work, "modes.eig")):
-        return
-    with open(os.path.join(work, "modes.inp"), "w") as f:
-        f.write(REFERENCE.format(modes=modes))
-    env = dict(os.environ, OMP_NUM_THREADS="1")
-    run = subprocess.run([os.environ.get("CCX", "ccx"), "-i", "modes"], cwd=work, env=env,
-                         capture_output=True, text=True, timeout=300)
-    assert run.returncode == 0 and "*ERROR" not in run.stdout, run.stdout[-2000:]
+    """CalculiX's own solution of the model part in work (what --solver calculix runs), unless
+    the CalculiX path has run it there already: modes.dat, modes.frd (displacements, stresses)
+    and modes.eig (double-precision eigenvectors)."""
+    if not os.path.exists(os.path.join(work, "modes.eig")):
+        finish(calculix(work, "modes", f"*STEP\n*FREQUENCY,STORAGE=YES\n{modes}\n"
+                                      "*NODE FILE\nU\n*EL FILE\nS\n*END STEP\n"))
 
 
 @pytest.fixture(scope="session")

@@ -29,10 +29,9 @@ def plate(kind, nx, ny, length, width, thickness, fold=None, first=1):
     """An nx x ny grid of shell elements on [0, length] x [0, width] (z = 0); with fold, the part
     beyond x = fold turns up by 90 degrees (x -> fold, z -> x - fold). Returns the nodes (id ->
     xyz) and elements (id -> node ids in CalculiX's order)."""
-    quadratic = kind.startswith("S8")
+    quadratic = kind.startswith("S8") or kind == "S6"
     step = 2 if quadratic else 1
-    grid = {}
-    nodes, elements = {}, {}
+    grid, nodes, elements = {}, {}, {}
 
     def node(i, j):
         if (i, j) not in grid:
@@ -45,8 +44,6 @@ def plate(kind, nx, ny, length, width, thickness, fold=None, first=1):
             nodes[grid[i, j]] = (x, y, z)
         return grid[i, j]
 
-    quadratic = quadratic or kind == "S6"
-    step = 2 if quadratic else 1
     for ex in range(nx):
         for ey in range(ny):
             i, j = step * ex, step * ey
@@ -60,7 +57,7 @@ def plate(kind, nx, ny, length, width, thickness, fold=None, first=1):
                                 for p, q in ((a, b), (b, c), (c, a))]
                     elements[first + len(elements)] = tri
                 continue
-            if quadratic:
+            if kind.startswith("S8"):
                 corners += [node(i + 1, j), node(i + 2, j + 1), node(i + 1, j + 2), node(i, j + 1)]
             elements[first + len(elements)] = corners
     return nodes, elements
@@ -151,7 +148,7 @@ def boxes(pieces):
 
 def expansion(path):
     """{element id: (original node ids, expanded node ids)} and the knot ids of a .12d file."""
-    elements, knots = {}, []
+    elements = {}
     with open(path) as f:
         text = f.read()
     knots = [int(k) for k in re.findall(r"a KNOT was generated in node\s+(\d+)", text)]

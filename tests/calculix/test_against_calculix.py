@@ -1,16 +1,20 @@
 """Each gmsh mesh exported by ccx2krx's CalculiX path against CalculiX's own output in the kept
 work directory and against the exact volume, centre and inertia of the geometry; its stresses are
-the tool's recovery from CalculiX's eigenvectors (see conftest.export)."""
+the tool's recovery from CalculiX's eigenvectors (see conftest.export). Then the writer's options
+on the same exports of the bracket, a deck with steps in another unit system, and the bad inputs,
+which must leave no file behind."""
 
 import math
 import os
+import subprocess
 
 import numpy as np
 import pytest
 
 import calculix_output as ccx
+import krx
 import solids
-from conftest import MODELS, MODES
+from conftest import MODELS, MODES, run_tool
 
 DENSITY = 7.85e-9
 EXACT = {"bracket": solids.BRACKET, "bar": solids.BAR, "wedge": solids.WEDGE}
@@ -26,15 +30,12 @@ def shape(name):
     return name.split("_")[0]
 
 
-def elastic_separated(eigenvalues, gap=0.01):
-    """Indices of the elastic modes (after the six rigid-body ones) whose eigenvalue lies at least
-    gap (relative) from both neighbours in the list."""
-    picked = []
-    for k in range(6, len(eigenvalues)):
-        near = [eigenvalues[j] for j in (k - 1, k + 1) if 6 <= j < len(eigenvalues)]
-        if all(abs(eigenvalues[k] - e) > gap * eigenvalues[k] for e in near):
-            picked.append(k)
-    return picked
+def separated(eigenvalues, first=6, gap=0.01):
+    """Modes from first on (after the six rigid-body ones of a free body) whose eigenvalue lies at
+    least gap (relative) from its neighbours in the list."""
+    return [k for k in range(first, len(eigenvalues))
+            if all(abs(eigenvalues[k] - eigenvalues[j]) > gap * eigenvalues[k]
+                   for j in (k - 1, k + 1) if first <= j < len(eigenvalues))]
 
 
 def by_node(ids, values, wanted):
@@ -72,6 +73,13 @@ def test_eigenvalues_are_calculix_own(export, name):
     np.testing.assert_allclose(f.gen_mass, 1.0, atol=1e-9)
 
 
+def inertia_about_centre(body):
+    """Block 6 holds the inertia about the origin with the products of inertia negated."""
+    about_origin = body["inertia"] * np.where(np.eye(3) == 1, 1.0, -1.0)
+    c = body["centre"]
+    return about_origin - body["mass"] * (np.dot(c, c) * np.eye(3) - np.outer(c, c))
+
+
 @names
 def test_mass_centre_and_inertia(export, name):
     e = export(name)
@@ -87,12 +95,8 @@ def test_mass_centre_and_inertia(export, name):
     assert mass == pytest.approx(DENSITY * volume, rel=MODELS[name][2])
     size = float(np.linalg.norm(np.ptp(f.coords, axis=0)))
     assert np.linalg.norm(body["centre"] - centre) < 1e-3 * size
-    # Block 6 holds the inertia about the origin with the products of inertia negated.
-    about_origin = body["inertia"] * np.where(np.eye(3) == 1, 1.0, -1.0)
-    c = body["centre"]
-    about_centre = about_origin - mass * (np.dot(c, c) * np.eye(3) - np.outer(c, c))
     exact = DENSITY * inertia
-    assert np.max(np.abs(about_centre - exact)) < 0.01 * np.max(np.abs(exact))
+    assert np.max(np.abs(inertia_about_centre(body) - exact)) < 0.01 * np.max(np.abs(exact))
 
 
 @names
@@ -103,7 +107,7 @@ def test_nodes_and_mode_shapes_are_calculix_own(export, name):
     ids, coords = ccx.deck_nodes(e.deck)
     assert np.array_equal(np.sort(f.node_ids), ids)
     np.testing.assert_allclose(by_node(f.node_ids, f.coords, ids), coords, rtol=0, atol=1e-9)
-    picked = elastic_separated(f.eigenvalues)
+    picked = separated(f.eigenvalues)
     assert len(picked) >= 3
     for k in picked:
         ours = by_node(f.mode_shape_node_ids, np.asarray(f.mode_shapes[k]), ids)
@@ -118,7 +122,7 @@ def test_stresses_are_calculix_own(export, name):
     f = e.read()
     stress = ccx.frd_results(os.path.join(e.keep, "modes.frd"), "STRESS")
     ids, values = f.stress
-    for k in elastic_separated(f.eigenvalues):
+    for k in separated(f.eigenvalues):
         their_ids, theirs = stress[k + 1]
         # CalculiX writes xx yy zz xy yz zx; the file holds xx yy zz xy xz yz.
         theirs = theirs[:, [0, 1, 2, 3, 5, 4]]
@@ -152,3 +156,94 @@ def test_outer_faces_and_header(export, name):
     assert header["title"].startswith(shape(name) + " meshed by gmsh")
     assert header["input_name"] == os.path.basename(e.deck)
     assert "calculix" in header["input_type"].lower()
+
+
+# ---- the writer's options and the refusals ----
+
+BRACKET = "bracket_c3d10"
+
+
+def face_nodes(f):
+    return np.unique(np.concatenate(f.faces))
+
+
+def assert_valid(krxdump, e):
+    listing = subprocess.run([krxdump, e.out, "-l"], capture_output=True, text=True)
+    assert listing.returncode == 0, listing.stdout + listing.stderr
+    return e.read()
+
+
+def test_centre_of_mass_frame(export, krxdump):
+    plain, shifted = export(BRACKET).read(), assert_valid(krxdump, export(BRACKET, "lbrf2cm"))
+    order = np.argsort(plain.node_ids)
+    assert np.array_equal(np.sort(shifted.node_ids), plain.node_ids[order])
+    moved = plain.coords[order] - shifted.coords[np.argsort(shifted.node_ids)]
+    np.testing.assert_allclose(moved, np.broadcast_to(plain.global_body_props["centre"],
+                                                      moved.shape), atol=1e-9)
+    np.testing.assert_allclose(shifted.eigenvalues, plain.eigenvalues, rtol=1e-9, atol=1e-6)
+
+
+def test_full_invariants(export, krxdump):
+    e = export(BRACKET, "full_invar")
+    f = assert_valid(krxdump, e)
+    assert set(range(19, 27)) <= set(f.blocks)
+    mass = ccx.stored_total_mass(os.path.join(e.keep, "matrices"))
+    assert f.invariants[19][0] == pytest.approx(mass, rel=1e-9)
+    # The node set shrinks to the nodes of the faces.
+    assert np.array_equal(np.sort(f.node_ids), face_nodes(f))
+    assert len(f.node_ids) < len(export(BRACKET).read().node_ids)
+
+
+def test_strip_and_coarsen_keep_the_outline(export, krxdump):
+    plain = export(BRACKET).read()
+    stripped = assert_valid(krxdump, export(BRACKET, "strip_face"))
+    # The faces handed over are the outer surface already: there is nothing to strip.
+    assert len(stripped.faces) == len(plain.faces)
+    coarse = assert_valid(krxdump, export(BRACKET, "coarsen(0.5)"))
+    assert 0 < len(coarse.faces) < len(plain.faces)
+    used = coarse.coords[coarse.node_positions(face_nodes(coarse))]
+    np.testing.assert_allclose(used.min(axis=0), plain.coords.min(axis=0), atol=1e-9)
+    np.testing.assert_allclose(used.max(axis=0), plain.coords.max(axis=0), atol=1e-9)
+    assert surface(coarse)[0] == pytest.approx(surface(plain)[0], rel=0.05)
+
+
+def test_steps_are_left_out_and_units_named(export, ccx2krx, tmp_path):
+    plain = export("bar_c3d8")
+    deck = tmp_path / "with_steps.inp"
+    with open(plain.deck) as f:
+        deck.write_text(f.read() + "*STEP\n*STATIC\n*BOUNDARY\nEND1, 1, 3\n*END STEP\n")
+    out = tmp_path / "with_steps.krx"
+    run = run_tool(ccx2krx, [str(deck), "-o", str(out), "--modes", "12", "--units", "m-kg-s"])
+    assert run.returncode == 0, run.stderr
+    assert sum("*STEP" in line for line in run.stderr.splitlines()) == 1
+    f, g = krx.read(out), plain.read()
+    np.testing.assert_allclose(f.eigenvalues[6:], g.eigenvalues[6:], rtol=1e-9)
+    assert g.units == ["MEGAGRAM", "MILLIMETER", "SECOND", "NEWTON"]
+    assert f.units == ["KILOGRAM", "METER", "SECOND", "NEWTON"]
+
+
+def bad_inputs(deck, where):
+    """(case, deck, output, environment, a text the message must hold)."""
+    good = deck("bar_c3d8")
+    refused = os.path.join(where, "refused.inp")
+    with open(good) as f:  # a section naming a material the deck does not define
+        text = f.read().replace("MATERIAL=STEEL", "MATERIAL=STEAL")
+    with open(refused, "w") as f:
+        f.write(text)
+    out = os.path.join(where, "out.krx")
+    return [("ccx missing", good, out, {"CCX": "/nonexistent/ccx"}, "/nonexistent/ccx"),
+            ("deck refused", refused, out, {}, "*ERROR"),
+            ("no density", deck("bar_c3d8", density=False), out, {}, "density"),
+            ("no output directory", good, os.path.join(where, "missing", "out.krx"), {},
+             os.path.join(where, "missing"))]
+
+
+def test_bad_input_gives_a_message_and_no_file(ccx2krx, deck, tmp_path):
+    for case, model, out, env, text in bad_inputs(deck, str(tmp_path)):
+        run = run_tool(ccx2krx, [model, "-o", out, "--modes", "8"], env=env)
+        assert run.returncode == 1, f"{case}: exit {run.returncode}\n{run.stderr}"
+        assert run.stderr.startswith("ccx2krx: "), f"{case}: {run.stderr!r}"
+        assert text.lower() in run.stderr.lower(), f"{case}: {run.stderr!r}"
+        assert not os.path.exists(out), f"{case}: {out} was written"
+    usage = run_tool(ccx2krx, [])
+    assert usage.returncode == 2 and usage.stderr

@@ -4,7 +4,6 @@ eigenvalues, its *NODE PRINT of the original nodes, the rotations that its expan
 
 import gzip
 import os
-import subprocess
 from concurrent.futures import ThreadPoolExecutor
 
 import numpy as np
@@ -12,9 +11,9 @@ import pytest
 
 import calculix_output as ccx
 import structures as st
-from conftest import GEOMETRY, Export, run_tool
+from conftest import GEOMETRY, Export, calculix, finish, run_tool
 from make_deck import make_deck
-from test_against_calculix import assert_same_up_to_sign, by_node, elastic_separated
+from test_against_calculix import assert_same_up_to_sign, by_node, inertia_about_centre, separated
 
 MODES = 12
 EXAMPLES = "/usr/share/doc/calculix-ccx-test/examples/test"
@@ -44,7 +43,6 @@ MODELS = {
     "boxprofile": ("boxprofile.inp", False, None, 0),
 }
 FREE = [name for name, model in MODELS.items() if model[1]]
-EXACT = [name for name, model in MODELS.items() if model[2] is not None]
 # What the lumping by diagonal scaling gives on these coarse meshes (two to eight elements
 # across): the centre of mass off by a share of the model's size, the inertia about it off by a
 # share of its largest entry. Trapezoidal weights on four linear elements across a plate alone
@@ -79,47 +77,38 @@ def _write_deck(name, where, stem=None):
 def _print_job(work, node_ids):
     """CalculiX's *NODE PRINT of the original nodes for the same modes, as print.dat."""
     ids = "".join(f"{n},\n" for n in node_ids)
-    with open(os.path.join(work, "print.inp"), "w") as f:
-        f.write(f"*INCLUDE,INPUT=model.inp\n*NSET,NSET=PRINTALL\n{ids}*STEP\n*FREQUENCY\n"
-                f"{MODES}\n*NODE PRINT,NSET=PRINTALL\nU\n*END STEP\n")
-    run = subprocess.run([os.environ.get("CCX", "ccx"), "-i", "print"], cwd=work,
-                         env=dict(os.environ, OMP_NUM_THREADS="1"), capture_output=True,
-                         text=True, timeout=300)
-    assert run.returncode == 0 and "*ERROR" not in run.stdout, run.stdout[-2000:]
+    finish(calculix(work, "print", f"*NSET,NSET=PRINTALL\n{ids}*STEP\n*FREQUENCY\n{MODES}\n"
+                                   "*NODE PRINT,NSET=PRINTALL\nU\n*END STEP\n"))
 
 
 @pytest.fixture(scope="module")
 def exports(ccx2krx, tmp_path_factory):
     where = tmp_path_factory.mktemp("structures")
 
-    def export(name):
-        deck = _write_deck(name, str(where))
-        out, keep = str(where / f"{name}.krx"), str(where / f"work_{name}")
-        run = run_tool(ccx2krx, [deck, "-o", out, "--modes", str(MODES), "--keep", keep])
-        assert run.returncode == 0, f"{name}: {run.stderr}"
+    def export(label, name, options=()):
+        deck = _write_deck(name, str(where), label)  # each run its own deck: they run at once
+        out, keep = str(where / f"{label}.krx"), str(where / f"work_{label}")
+        run = run_tool(ccx2krx, [deck, "-o", out, "--modes", str(MODES), "--keep", keep, *options])
+        assert run.returncode == 0, f"{label}: {run.stderr}"
         e = Export(deck, out, keep, run)
-        _print_job(keep, e.read().node_ids)
-        return name, e
+        if label == name:
+            _print_job(keep, e.read().node_ids)
+        return label, e
 
+    # The S8 plate with the stresses of its top surface and of its mid-surface, and the B31 beam
+    # with those of its section corner.
+    jobs = [(name, name, ["--stress"] if name in ("s8_plate", "b31_beam") else []) for name in MODELS]
+    jobs.append(("s8_plate_mid", "s8_plate", ["--stress", "--shell-surface", "mid"]))
     with ThreadPoolExecutor(2) as pool:
-        return dict(pool.map(export, MODELS))
-
-
-def print_tables(path):
-    """The displacement tables of a .dat, one {node: xyz} per mode."""
-    tables = []
-    with open(path) as f:
-        for line in f:
-            if line.startswith(" displacements"):
-                tables.append({})
-            elif tables and len(line.split()) == 4 and line.split()[0].isdigit():
-                parts = line.split()
-                tables[-1][int(parts[0])] = np.array([float(v) for v in parts[1:]])
-    return tables
+        return dict(pool.map(lambda job: export(*job), jobs))
 
 
 names = pytest.mark.parametrize("name", list(MODELS))
-free = pytest.mark.parametrize("name", FREE)
+
+
+def rigid(name):
+    """The rigid-body modes of the model: six of a free body, none of a held one."""
+    return 6 if MODELS[name][1] else 0
 
 
 @names
@@ -127,17 +116,17 @@ def test_eigenvalues_and_translations_are_calculix_own(exports, name):
     e = exports[name]
     f = e.read()
     theirs = ccx.dat_eigenvalues(os.path.join(e.keep, "modes.dat"))
-    first = 6 if MODELS[name][1] else 0
+    first = rigid(name)
     np.testing.assert_allclose(f.eigenvalues[first:], theirs[first:],
                                rtol=EIGENVALUES.get(name, 1e-5))
     if first:
         assert np.all(np.abs(f.eigenvalues[:6]) < 1e-5 * theirs[6])
-    tables = print_tables(os.path.join(e.keep, "print.dat"))
+    tables = ccx.dat_displacements(os.path.join(e.keep, "print.dat"), "PRINTALL")
     assert len(tables) == len(theirs)
     ids = np.sort(f.node_ids)
     shapes = np.asarray(f.mode_shapes)
     largest = np.abs(shapes[:, :, :3]).max()
-    for k in separated(name, f.eigenvalues)[: 4]:
+    for k in separated(f.eigenvalues, first, 0.05)[: 4]:
         ours = by_node(f.mode_shape_node_ids, shapes[k], ids)[:, :3]
         theirs_k = np.array([tables[k][n] for n in ids])
         # A torsion mode of a beam moves no node: its translations are round-off.
@@ -145,14 +134,6 @@ def test_eigenvalues_and_translations_are_calculix_own(exports, name):
             sign = 1.0 if np.sum(ours * theirs_k) >= 0 else -1.0
             worst = np.abs(ours - sign * theirs_k).max() / np.abs(theirs_k).max()
             assert worst < 1e-4, f"{name} mode {k + 1}: {worst:.1e}"
-
-
-def separated(name, eigenvalues):
-    """The modes at least 5% from their neighbours: the elastic ones of a free body, any of a
-    held one."""
-    rigid = 6 if MODELS[name][1] else 0
-    padded = np.r_[np.full(6 - rigid, -1.0), eigenvalues]
-    return [k - 6 + rigid for k in elastic_separated(padded, 0.05)]
 
 
 def rotations_from_expansion(e):
@@ -211,7 +192,7 @@ def test_rotations_are_those_of_the_expanded_nodes(exports, name):
     expanded, knots = rotations_from_expansion(e)
     if name in ("s8r_fold", "b32r_frame", "sheet"):
         assert knots, f"{name}: CalculiX made no knot"
-    for k in separated(name, f.eigenvalues):
+    for k in separated(f.eigenvalues, rigid(name), 0.05):
         ours = by_node(f.mode_shape_node_ids, shapes[k], np.array(sorted(expanded)))[:, 3:]
         theirs, mine = [], []
         for at, node in enumerate(sorted(expanded)):
@@ -276,58 +257,28 @@ def rotation_axes(e):
     return axes
 
 
-@pytest.mark.parametrize("name", EXACT)
-def test_mass_and_inertia_against_closed_forms(exports, name):
-    e = exports[name]
-    f = e.read()
-    mass, centre, inertia = MODELS[name][2]
-    body = f.global_body_props
-    assert body["mass"] == pytest.approx(mass, rel=1e-9)
-    assert np.all(f.masses > 0)
-    size = np.ptp(f.coords, axis=0).max()
-    off_centre, off_inertia = LUMPING[name]
-    assert np.abs(body["centre"] - centre).max() < off_centre * size + 1e-9
-    about_origin = body["inertia"] * np.where(np.eye(3) == 1, 1.0, -1.0)
-    c = body["centre"]
-    about_centre = about_origin - body["mass"] * (np.dot(c, c) * np.eye(3) - np.outer(c, c))
-    worst = np.max(np.abs(about_centre - inertia)) / np.max(np.abs(inertia))
-    assert worst < off_inertia, f"{about_centre} against {inertia}"
-
-
-@names
-def test_shell_faces_cover_the_shells(exports, name):
+@pytest.mark.parametrize("name", [n for n, m in MODELS.items() if m[2:] != (None, None)])
+def test_mass_inertia_and_shell_area_against_closed_forms(exports, name):
     f = exports[name].read()
-    area = MODELS[name][3]
-    if area is None:
-        return
-    shell_area = 0.0
-    for face in f.faces or []:
-        p = f.coords[f.node_positions(np.array(face))]
-        shell_area += 0.5 * np.linalg.norm(np.cross(p, np.roll(p, -1, axis=0)).sum(axis=0))
-    if name == "welded":  # the plate and the bricks' skin
-        shell_area -= 2 * (10 * 20 + 20 * 10 + 10 * 10)
-    assert shell_area == pytest.approx(area, rel=1e-7)  # shellf's corner lies at -7.45e-9
-
-
-@pytest.fixture(scope="module")
-def stressed(ccx2krx, tmp_path_factory):
-    """The S8 plate with the stresses of its top surface and of its mid-surface, and the B31
-    beam with those of its section corner."""
-    where = tmp_path_factory.mktemp("stressed")
-
-    def export(case):
-        name, options = case
-        label = name + "_".join(("",) + options)
-        deck = _write_deck(name, str(where), label)  # each run its own deck: they run at once
-        out, keep = str(where / f"{label}.krx"), str(where / f"work_{label}")
-        run = run_tool(ccx2krx, [deck, "-o", out, "--modes", str(MODES), "--keep", keep,
-                                 "--stress", *options])
-        assert run.returncode == 0, f"{label}: {run.stderr}"
-        return case, Export(deck, out, keep, run)
-
-    cases = [("s8_plate", ()), ("s8_plate", ("--shell-surface", "mid")), ("b31_beam", ())]
-    with ThreadPoolExecutor(2) as pool:
-        return dict(pool.map(export, cases))
+    exact, area = MODELS[name][2:]
+    if exact is not None:
+        mass, centre, inertia = exact
+        body = f.global_body_props
+        assert body["mass"] == pytest.approx(mass, rel=1e-9)
+        assert np.all(f.masses > 0)
+        off_centre, off_inertia = LUMPING[name]
+        size = np.ptp(f.coords, axis=0).max()
+        assert np.abs(body["centre"] - centre).max() < off_centre * size + 1e-9
+        worst = np.max(np.abs(inertia_about_centre(body) - inertia)) / np.max(np.abs(inertia))
+        assert worst < off_inertia, f"{inertia_about_centre(body)} against {inertia}"
+    if area is not None:
+        shell_area = 0.0
+        for face in f.faces or []:
+            p = f.coords[f.node_positions(np.array(face))]
+            shell_area += 0.5 * np.linalg.norm(np.cross(p, np.roll(p, -1, axis=0)).sum(axis=0))
+        if name == "welded":  # the plate and the bricks' skin
+            shell_area -= 2 * (10 * 20 + 20 * 10 + 10 * 10)
+        assert shell_area == pytest.approx(area, rel=1e-7)  # shellf's corner lies at -7.45e-9
 
 
 def stresses_at(e, offset):
@@ -346,9 +297,8 @@ def stresses_at(e, offset):
     return f.node_ids, out
 
 
-def test_stresses_at_the_chosen_surface_and_fibre(stressed):
-    top, mid = stressed["s8_plate", ()], stressed["s8_plate", ("--shell-surface", "mid")]
-    beam = stressed["b31_beam", ()]
+def test_stresses_at_the_chosen_surface_and_fibre(exports):
+    top, mid, beam = (exports[label] for label in ("s8_plate", "s8_plate_mid", "b31_beam"))
     # The plate's normal is +z, its thickness 1; the beam's section axes are z (4) and -y (2).
     checks = [(top, [(np.array([0, 0, 0.5]), 1.0)]),
               (mid, [(np.array([0, 0, 0.5]), 0.5), (np.array([0, 0, -0.5]), 0.5)]),
@@ -356,7 +306,7 @@ def test_stresses_at_the_chosen_surface_and_fibre(stressed):
     for e, parts in checks:
         f = e.read()
         ids, modal = f.stress
-        for k in elastic_separated(f.eigenvalues):
+        for k in separated(f.eigenvalues):
             theirs = 0.0
             for offset, weight in parts:
                 node_ids, at = stresses_at(e, offset)
@@ -369,6 +319,8 @@ def test_stresses_at_the_chosen_surface_and_fibre(stressed):
     (("MATERIAL=STEEL\n1.0", "MATERIAL=STEEL,COMPOSITE\n0.5,,STEEL\n0.5,,STEEL"), [],
      "COMPOSITE cannot be exported"),
     (("ELSET=PLATE,MATERIAL", "ELSET=OTHER,MATERIAL"), [], "S8 element 1 has no *SHELL SECTION"),
+    (("MATERIAL=STEEL\n1.0", "MATERIAL=STEEL,OFFSET=0.5\n1.0"), [],
+     "of S8 element 1 has an offset"),
     (None, ["--interface", "NALL"], "--interface cannot be used with shell elements"),
 ])
 def test_refusals_name_what_cannot_be_exported(ccx2krx, tmp_path, change, options, message):

@@ -2,7 +2,8 @@
  * double) into a directory, for tests that compare the read API with another reader:
  *   read_api_dump FILE.krx DIR
  * DIR/blocks.txt lists the present blocks, DIR/header.txt and DIR/units.txt hold one text a line,
- * and every other array is DIR/<name>.i4 or DIR/<name>.f8. Exit status 1 at the first failure. */
+ * and every other array is DIR/<name>.i4 or DIR/<name>.f8, named as the Python reader names it
+ * where it has one array of that name. Exit status 1 at the first failure. */
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -93,7 +94,7 @@ int main(int argc, char **argv) {
   }
   if (krx_has_block(file, 7)) {
     check(krx_read_eigenvalues(file, ints, reals), "eigenvalues");
-    save("eigen_numbers.i4", ints, 4 * (size_t)m);
+    save("mode_numbers.i4", ints, 4 * (size_t)m);
     save("eigen_records.f8", reals, 40 * (size_t)m);
   }
   dump_modes(8, KRX_MODE_SHAPE, KRX_COUNT_MODE_SHAPE_NODES);
@@ -114,12 +115,12 @@ int main(int argc, char **argv) {
     for (int u = 0; u < 4; ++u) fprintf(out, "%s\n", units[u]);
     fclose(out);
   }
+  static const char *matrices[4] = {"generalized_stiffness.f8", "generalized_mass.f8", NULL,
+                                     "generalized_damping.f8"};
   for (int block = 12; block <= 15; ++block) {
-    char name[32];
-    if (block == 14 || !krx_has_block(file, block)) continue;
+    if (!matrices[block - 12] || !krx_has_block(file, block)) continue;
     check(krx_read_generalized_matrix(file, block, reals), "generalized matrix");
-    snprintf(name, sizeof name, "matrix_%d.f8", block);
-    save(name, reals, 8 * (size_t)(order * order));
+    save(matrices[block - 12], reals, 8 * (size_t)(order * order));
   }
   if (krx_has_block(file, 16)) {
     int64_t t = count(KRX_COUNT_TRANSFORMATION_ORDER);
@@ -132,7 +133,7 @@ int main(int argc, char **argv) {
   }
   if (krx_has_block(file, 17)) {
     check(krx_read_interface_nodes(file, ints), "interface nodes");
-    save("interface.i4", ints, 4 * (size_t)count(KRX_COUNT_INTERFACE_NODES));
+    save("interface_nodes.i4", ints, 4 * (size_t)count(KRX_COUNT_INTERFACE_NODES));
   }
   if (krx_has_block(file, 5) || krx_has_block(file, 14)) {
     check(krx_read_faces(file, ints), "faces");
