@@ -242,6 +242,16 @@ struct Expansion {
   std::vector<int> surface;
   std::vector<int> knots;           // ids of the knot nodes, ascending
   std::vector<int> rotation_nodes;  // their rotation nodes
+  // Shell and beam nodes of interface sets. CalculiX's *RIGID BODY ties the mean of a shell
+  // node's bottom and top (of a beam node's four corners) to the reference node and leaves the
+  // node's rotation free; the node's first expanded node has no rows and follows from the rest.
+  struct Tie {
+    int node = 0;  // index into deck.node_ids
+    int ref = 0;   // the reference node's index
+    double arm[3] = {0.0, 0.0, 0.0};  // from the reference node to the node
+  };
+  std::vector<Tie> ties;       // ascending by node
+  std::vector<int> bare_refs;  // reference nodes whose sets hold no solid node: no mass of their own
 };
 // The reference geometry of every shell and beam node from the deck: each element's normal at
 // the node (from its shape functions) averaged over the node's elements, thickness from the
@@ -249,6 +259,10 @@ struct Expansion {
 // section's direction. Refuses elements without a section, offsets, sections it
 // cannot place.
 bool build_expansion(const Deck &deck, Expansion &e);
+// After add_interfaces: the reference nodes join the expansion as nodes with rows of their own,
+// and the shell and beam nodes of each set move from its tied nodes (which follow the reference
+// node as a whole) to e.ties. Refuses a set node that joins shells to solids.
+bool tie_interface_nodes(Deck &deck, Expansion &e);
 // Knots and their rotation nodes from JOB.12d (the rotation node follows the knot's last
 // expanded node), and the expanded nodes of e.surface.
 bool read_knots(const std::string &path, const Deck &deck, Expansion &e);
@@ -306,6 +320,9 @@ struct ExportJob {
   std::FILE *scratch_file = nullptr;  // open while the modes are handed over
   // The own solver wrote the static shapes' rows to scratch already, and computed the modes.
   bool own_solver = false;
+  // The static shapes' rows are in scratch already (the own solver's, or with shells and beams,
+  // whose expanded rows CalculiX's .dat does not give).
+  bool statics_written = false;
   // With the own solver the stresses are recovered from each shape (a StressModel of solver.h).
   const struct StressModel *stress_model = nullptr;
 };

@@ -2,6 +2,7 @@
 // and the rigid ties that carry the held reference nodes' motion to the nodes of their sets.
 #include <algorithm>
 #include <cmath>
+#include <cstdio>
 
 #include "solver.h"
 
@@ -34,6 +35,42 @@ bool constraint_modes(const Matrices &m, const std::vector<int> &held, Factor &f
     for (size_t r = 0; r < n; ++r)
       if (free_at[r] >= 0) shape[r] = rhs[k * free_rows + free_at[r]];
   }
+  return true;
+}
+
+bool write_static_shapes(const Deck &deck, const DofMap &map, const Matrices &m,
+                         const std::string &path) {
+  // CalculiX ties shell and beam nodes by their translations alone: a set on one line leaves the
+  // rotation about it without a row.
+  for (const Interface &point : deck.interfaces) {
+    int ref = node_index(deck, point.ref), rows[6] = {0, 0, 0, 0, 0, 0};
+    for (size_t r = 0; r < map.row_node.size(); ++r)
+      if (map.row_node[r] == ref && map.row_dir[r] >= 0) ++rows[map.row_dir[r]];
+    for (int dir = 3; dir < 6; ++dir)
+      if (rows[dir] == 0)
+        return failed("--interface %s: its nodes leave the rotation about %c free (shell and beam "
+                      "nodes are tied by their translations only, and the set's nodes lie on one "
+                      "line)",
+                      point.set.c_str(), "xyz"[dir - 3]);
+  }
+  std::vector<int> held;
+  if (!interface_rows(deck, map, held)) return false;
+  std::vector<char> is_held(static_cast<size_t>(m.n), 0);
+  for (int row : held) is_held[static_cast<size_t>(row)] = 1;
+  std::vector<int> keep;
+  for (int r = 0; r < m.n; ++r)
+    if (!is_held[static_cast<size_t>(r)]) keep.push_back(r);
+  Matrices free_rows;
+  restrict_rows(m, keep, free_rows);
+  FactorHandle factor;
+  std::vector<double> shapes;
+  show_stage("static shapes of the interfaces");
+  if (!factor_shifted(free_rows, 0.0, factor) || !constraint_modes(m, held, *factor, shapes))
+    return false;
+  std::FILE *file = std::fopen(path.c_str(), "wb");
+  bool ok = file && std::fwrite(shapes.data(), sizeof(double), shapes.size(), file) == shapes.size();
+  if (file && std::fclose(file) != 0) ok = false;
+  if (!ok) return failed("cannot write %s", path.c_str());
   return true;
 }
 

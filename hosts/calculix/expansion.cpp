@@ -230,6 +230,45 @@ bool build_expansion(const Deck &deck, Expansion &x) {
   return true;
 }
 
+bool tie_interface_nodes(Deck &deck, Expansion &x) {
+  size_t nodes = deck.node_ids.size();
+  x.kind.resize(nodes, Expansion::kSolid);
+  x.axes.resize(6 * nodes, 0.0);
+  x.edge.resize(nodes, 1.0);
+  x.slots.resize(3 * nodes, 0);
+  x.tied.resize(nodes, 0);
+  x.ties.clear();
+  x.bare_refs.clear();
+  for (Interface &joint : deck.interfaces) {
+    int ref = node_index(deck, joint.ref);
+    Vec at = point(deck, ref);
+    std::vector<int> solids;
+    for (int i : joint.tied) {
+      size_t k = static_cast<size_t>(i);
+      if (x.kind[k] == Expansion::kSolid) {
+        solids.push_back(i);
+        continue;
+      }
+      if (x.tied[k])
+        return failed("--interface %s: node %d joins shell elements to solid ones, which cannot "
+                      "be tied to an interface point",
+                      joint.set.c_str(), deck.node_ids[k]);
+      Expansion::Tie tie;
+      tie.node = i;
+      tie.ref = ref;
+      Vec arm = sub(point(deck, i), at);
+      std::copy(arm.begin(), arm.end(), tie.arm);
+      x.ties.push_back(tie);
+    }
+    deck.tied_nodes -= static_cast<int>(joint.tied.size() - solids.size());
+    joint.tied.swap(solids);
+    if (joint.tied.empty()) x.bare_refs.push_back(ref);
+  }
+  std::sort(x.ties.begin(), x.ties.end(),
+            [](const Expansion::Tie &a, const Expansion::Tie &b) { return a.node < b.node; });
+  return true;
+}
+
 bool parse_knots(std::FILE *file, const std::string &name, const Deck &deck, Expansion &x) {
   std::vector<int> last(deck.node_ids.size(), 0);  // each node's largest expanded id
   x.surface.assign(2 * deck.node_ids.size(), 0);
@@ -312,6 +351,9 @@ bool map_expanded_rows(const Deck &deck, Expansion &x, DofMap &map) {
     rotation.emplace_back(x.rotation_nodes[k], node_index(deck, x.knots[k]));
   std::sort(rotation.begin(), rotation.end());
   std::fill(x.slots.begin(), x.slots.end(), 0);
+  // A node tied to an interface point lacks its first expanded node's rows.
+  std::vector<unsigned char> first(x.kind.size(), 0);
+  for (const Expansion::Tie &tie : x.ties) first[static_cast<size_t>(tie.node)] = 1;
   std::vector<int> seen(rotation.size(), 0);
   for (size_t r = 0; r < rows; ++r) {
     int node = map.row_node[r], dir = map.row_dir[r];
@@ -328,7 +370,8 @@ bool map_expanded_rows(const Deck &deck, Expansion &x, DofMap &map) {
     }
     if (dir < 0 || dir > 2) continue;
     unsigned char &count = x.slots[3 * static_cast<size_t>(node) + static_cast<size_t>(dir)];
-    if (count == 255) return failed("node %d has too many expanded rows", deck.node_ids[node]);
+    if (count == 254) return failed("node %d has too many expanded rows", deck.node_ids[node]);
+    if (count == 0) count = first[static_cast<size_t>(node)];
     map.row_slot[r] = count++;
   }
   // A knot whose rotations are all held has no rotation rows; so would one whose rotation node

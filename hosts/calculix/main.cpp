@@ -96,8 +96,11 @@ void usage(std::FILE *out) {
       "                   The file then holds the static shape of each interface degree of\n"
       "                   freedom (the others held) and N normal modes with all of them held,\n"
       "                   orthonormalised by the library; the reference nodes are its\n"
-      "                   interface nodes, with rotations from the rotation nodes (solids\n"
-      "                   only: refused on models with shells or beams)\n"
+      "                   interface nodes, with rotations from the rotation nodes. Shell\n"
+      "                   and beam nodes are tied as CalculiX ties them: the mean of a\n"
+      "                   shell node's bottom and top (of a beam node's section corners)\n"
+      "                   follows the point, the node's own rotation stays free, so such a\n"
+      "                   set must not lie on one line\n"
       "  --solver own     the own solver, or fail where it cannot solve the model\n"
       "  --solver mpi     the own solver over MPI: mpirun -n N ccx2krx ... --solver mpi; the\n"
       "                   ranks share the factor and the iteration, each reads only its rows\n"
@@ -299,6 +302,9 @@ bool run_and_read(const Options &o, const ccx::Deck &deck, const std::string &di
   }
   if (!r.unit_mass.empty())
     ccx::share_tied_masses(deck, r.map, r.matrices, r.unit_mass, r.nodal_mass);
+  if (!own && !deck.interfaces.empty() && !deck.structures.empty() &&
+      !ccx::write_static_shapes(deck, r.map, r.matrices, dir + "/static_shapes.bin"))
+    return false;
   if (own && o.solver == Options::kParallel) {
     ccx::ParallelJob job;
     job.deck = &deck;
@@ -334,22 +340,14 @@ bool run_and_read(const Options &o, const ccx::Deck &deck, const std::string &di
   return !o.stress || ccx::open_frd(dir + "/modes.frd", r.frd);
 }
 
-// Shells and beams: what the tool cannot yet project is refused before CalculiX runs.
-bool check_structures(const Options &o, const ccx::Deck &deck, ccx::Expansion &expansion) {
-  const char *kind = deck.structures.front().beam ? "beam" : "shell";
-  if (!o.interfaces.empty())
-    return ccx::failed("--interface cannot be used with %s elements (%s element %d)", kind,
-                       deck.structures.front().type.c_str(), deck.structures.front().id);
-  return ccx::build_expansion(deck, expansion);
-}
-
 bool convert(const Options &o, double &calculix_seconds) {
   if (!check_output(o.output)) return false;
   ccx::Deck deck;
   Results r;
   if (!ccx::read_deck(o.deck, deck)) return false;
-  if (!deck.structures.empty() && !check_structures(o, deck, r.expansion)) return false;
+  if (!deck.structures.empty() && !ccx::build_expansion(deck, r.expansion)) return false;
   if (!ccx::add_interfaces(deck, o.interfaces)) return false;
+  if (!deck.structures.empty() && !ccx::tie_interface_nodes(deck, r.expansion)) return false;
   if (deck.has_steps)
     ccx::note("note: the deck holds steps; only its model part before the first *STEP is used");
   std::vector<ccx::Face> faces;
@@ -395,6 +393,7 @@ bool convert(const Options &o, double &calculix_seconds) {
     job.dat = &r.dat;
     job.scratch = dir + "/static_shapes.bin";
     job.own_solver = own;
+    job.statics_written = own || !deck.structures.empty();
     job.stress_model = recover ? &stresses : nullptr;
     ok = ccx::export_model(job);
   }

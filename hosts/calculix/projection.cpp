@@ -139,6 +139,27 @@ void add_block_inertia(const Expansion &e, const DofMap &map, size_t i, int r, i
   }
 }
 
+// The first expanded node of a node tied to an interface point, which has no rows: the rigid
+// body holds the mean of the bottom and top (of the four corners) at u + theta x arm.
+void complete_tie(const Expansion &e, const Expansion::Tie &tie, const std::vector<double> &by_node,
+                  double (*u)[3]) {
+  size_t i = static_cast<size_t>(tie.node);
+  const double *ref = &by_node[6 * static_cast<size_t>(tie.ref)];
+  Vec rigid = cross({ref[3], ref[4], ref[5]}, {tie.arm[0], tie.arm[1], tie.arm[2]});
+  if (e.kind[i] == Expansion::kKnot) {
+    // A knot's translations have no rows: the knot follows the point as a whole.
+    for (int d = 0; d < 3; ++d) u[0][d] = ref[d] + rigid[static_cast<size_t>(d)];
+    return;
+  }
+  int count = complete_count(e, i);
+  if (count == 0) return;
+  bool beam = e.kind[i] == Expansion::kBeam;
+  for (int d = 0; d < 3; ++d) {
+    double sum = beam ? u[1][d] + u[2][d] + u[3][d] : u[count - 1][d];
+    u[0][d] = (beam ? 4.0 : 2.0) * (ref[d] + rigid[static_cast<size_t>(d)]) - sum;
+  }
+}
+
 }  // namespace
 
 void project_rows(const Expansion &e, const DofMap &map, const double *rows,
@@ -160,6 +181,12 @@ void project_rows(const Expansion &e, const DofMap &map, const double *rows,
     if (e.slots[3 * i + static_cast<size_t>(dir)] != complete_count(e, i) || slot >= kMaxSlots)
       continue;
     expanded[(kMaxSlots * i + static_cast<size_t>(slot)) * 3 + static_cast<size_t>(dir)] = rows[r];
+  }
+  for (const Expansion::Tie &tie : e.ties) {
+    size_t i = static_cast<size_t>(tie.node);
+    double(*u)[3] = reinterpret_cast<double(*)[3]>(&expanded[kMaxSlots * 3 * i]);
+    complete_tie(e, tie, by_node, u);
+    if (e.kind[i] == Expansion::kKnot) std::copy(u[0], u[0] + 3, &by_node[6 * i]);
   }
   for (size_t i = 0; i < nodes; ++i) {
     int count = complete_count(e, i);
@@ -258,11 +285,24 @@ bool lump_expanded_masses(const Matrices &m, const DofMap &map, const Expansion 
       ++slot_rows[at];
     }
   }
-  double sum = 0.0;
-  for (size_t at = 0; at < slot_sum.size(); ++at) {
+  for (size_t at = 0; at < slot_sum.size(); ++at)
     slot_sum[at] = slot_rows[at] ? slot_sum[at] / slot_rows[at] : 0.0;
-    sum += slot_sum[at];
+  // A node tied to an interface point has no rows of its first expanded node, whose mass its
+  // last one's stands for (bottom and top, or the corners, mirror each other); the reference
+  // node's rows carry that mass condensed, so that a set of shell and beam nodes alone leaves
+  // the reference node none. A knot in the set has no translation rows at all: its mass stays
+  // with the reference node.
+  std::vector<int> bare = e.bare_refs;
+  for (const Expansion::Tie &tie : e.ties) {
+    size_t at = static_cast<size_t>(kMaxSlots) * static_cast<size_t>(tie.node);
+    size_t i = static_cast<size_t>(tie.node);
+    if (e.kind[i] == Expansion::kKnot) bare.erase(std::remove(bare.begin(), bare.end(), tie.ref), bare.end());
+    int mirror = e.kind[i] == Expansion::kBeam ? 1 : std::max(count[i] - 1, 0);
+    slot_sum[at] = slot_sum[at + static_cast<size_t>(mirror)];
   }
+  for (int ref : bare) slot_sum[static_cast<size_t>(kMaxSlots) * static_cast<size_t>(ref)] = 0.0;
+  double sum = 0.0;
+  for (double v : slot_sum) sum += v;
   if (!(total > 0.0) || !(sum > 0.0))
     return failed("the mass matrix gives no positive total mass (%g); check *DENSITY", total);
   double scale = total / sum;
