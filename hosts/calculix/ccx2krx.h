@@ -251,7 +251,7 @@ struct Expansion {
     double arm[3] = {0.0, 0.0, 0.0};  // from the reference node to the node
   };
   std::vector<Tie> ties;       // ascending by node
-  std::vector<int> bare_refs;  // reference nodes whose sets hold no solid node: no mass of their own
+  std::vector<int> bare_refs;  // reference nodes of sets without solid nodes: no mass of their own
 };
 // The reference geometry of every shell and beam node from the deck: each element's normal at
 // the node (from its shape functions) averaged over the node's elements, thickness from the

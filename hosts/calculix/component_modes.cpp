@@ -48,10 +48,10 @@ bool write_static_shapes(const Deck &deck, const DofMap &map, const Matrices &m,
       if (map.row_node[r] == ref && map.row_dir[r] >= 0) ++rows[map.row_dir[r]];
     for (int dir = 3; dir < 6; ++dir)
       if (rows[dir] == 0)
-        return failed("--interface %s: its nodes leave the rotation about %c free (shell and beam "
-                      "nodes are tied by their translations only, and the set's nodes lie on one "
-                      "line)",
-                      point.set.c_str(), "xyz"[dir - 3]);
+        return failed(
+            "--interface %s: its nodes leave the rotation about %c free (shell and beam nodes "
+            "are tied by their translations only, and the set's nodes lie on one line)",
+            point.set.c_str(), "xyz"[dir - 3]);
   }
   std::vector<int> held;
   if (!interface_rows(deck, map, held)) return false;
@@ -68,7 +68,8 @@ bool write_static_shapes(const Deck &deck, const DofMap &map, const Matrices &m,
   if (!factor_shifted(free_rows, 0.0, factor) || !constraint_modes(m, held, *factor, shapes))
     return false;
   std::FILE *file = std::fopen(path.c_str(), "wb");
-  bool ok = file && std::fwrite(shapes.data(), sizeof(double), shapes.size(), file) == shapes.size();
+  bool ok =
+      file && std::fwrite(shapes.data(), sizeof(double), shapes.size(), file) == shapes.size();
   if (file && std::fclose(file) != 0) ok = false;
   if (!ok) return failed("cannot write %s", path.c_str());
   return true;

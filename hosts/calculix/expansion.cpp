@@ -250,9 +250,10 @@ bool tie_interface_nodes(Deck &deck, Expansion &x) {
         continue;
       }
       if (x.tied[k])
-        return failed("--interface %s: node %d joins shell elements to solid ones, which cannot "
-                      "be tied to an interface point",
-                      joint.set.c_str(), deck.node_ids[k]);
+        return failed(
+            "--interface %s: node %d joins shell elements to solid ones, which cannot be tied "
+            "to an interface point",
+            joint.set.c_str(), deck.node_ids[k]);
       Expansion::Tie tie;
       tie.node = i;
       tie.ref = ref;

@@ -296,7 +296,8 @@ bool lump_expanded_masses(const Matrices &m, const DofMap &map, const Expansion 
   for (const Expansion::Tie &tie : e.ties) {
     size_t at = static_cast<size_t>(kMaxSlots) * static_cast<size_t>(tie.node);
     size_t i = static_cast<size_t>(tie.node);
-    if (e.kind[i] == Expansion::kKnot) bare.erase(std::remove(bare.begin(), bare.end(), tie.ref), bare.end());
+    if (e.kind[i] == Expansion::kKnot)
+      bare.erase(std::remove(bare.begin(), bare.end(), tie.ref), bare.end());
     int mirror = e.kind[i] == Expansion::kBeam ? 1 : std::max(count[i] - 1, 0);
     slot_sum[at] = slot_sum[at + static_cast<size_t>(mirror)];
   }
