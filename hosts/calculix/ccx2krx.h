@@ -279,12 +279,20 @@ bool map_expanded_rows(const Deck &deck, Expansion &e, DofMap &map);
 // others) stays zero.
 void project_rows(const Expansion &e, const DofMap &map, const double *rows,
                   std::vector<double> &by_node);
+// Adds to diagonal (one entry per node, the solids' share in it) the unit-density diagonal of the
+// mass of each shell and beam element's solid as CalculiX expands it (after read_knots: a knot's
+// expanded nodes lie along each element's own normal), summed onto the original nodes.
+bool expanded_mass_diagonal(const Deck &deck, const Expansion &e, std::vector<double> &diagonal);
 // Nodal masses and rotary inertias: each expanded node's share (as lump_masses gives it),
 // summed onto its original node, whose inertia is that of its expanded nodes turning together
 // (their block of the consistent mass, scaled to the node's mass); a knot's inertia is its
-// rotation rows' block of the mass matrix. inertia: I11, I22, I33, I12, I13, I23 per entry.
+// rotation rows' block of the mass matrix, scaled likewise. Where unit (the unit-density diagonal
+// of expanded_mass_diagonal) is the rows' diagonal over one density, the shares come from it:
+// a knot's rows are condensed, and a node tied to an interface point lacks some.
+// inertia: I11, I22, I33, I12, I13, I23 per entry.
 bool lump_expanded_masses(const Matrices &m, const DofMap &map, const Expansion &e,
-                          std::vector<double> &nodal, std::vector<double> &inertia, double &total);
+                          const std::vector<double> &unit, std::vector<double> &nodal,
+                          std::vector<double> &inertia, double &total);
 // Stresses at the original nodes from those of the .frd (node ids, six values each): solid
 // nodes and nodes that tie shells to solids their own; shells at the bottom (surface -1) or top
 // (1) surface or the mean of both (0), beams at the section corner of e.surface. by_node gets

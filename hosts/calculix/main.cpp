@@ -220,6 +220,7 @@ struct Results {
   ccx::FrdReader frd;
   ccx::DatReader dat;
   std::vector<double> unit_mass;  // with interfaces: the elements' mass diagonal at unit density
+  std::vector<double> unit_diagonal;  // with shells and beams: every node's, expanded elements in
 };
 
 // Why the own solver cannot give the file CalculiX's solution gives; empty when it can.
@@ -296,11 +297,12 @@ bool run_and_read(const Options &o, const ccx::Deck &deck, const std::string &di
     if (!ccx::lump_masses(r.matrices, r.map, nodes, r.nodal_mass, r.total_mass)) return false;
   } else if (!ccx::read_knots(dir + "/matrices.12d", deck, r.expansion) ||
              !ccx::map_expanded_rows(deck, r.expansion, r.map) ||
-             !ccx::lump_expanded_masses(r.matrices, r.map, r.expansion, r.nodal_mass,
-                                        r.nodal_inertia, r.total_mass)) {
+             !ccx::expanded_mass_diagonal(deck, r.expansion, r.unit_diagonal) ||
+             !ccx::lump_expanded_masses(r.matrices, r.map, r.expansion, r.unit_diagonal,
+                                        r.nodal_mass, r.nodal_inertia, r.total_mass)) {
     return false;
   }
-  if (!r.unit_mass.empty())
+  if (!r.unit_mass.empty() && deck.structures.empty())
     ccx::share_tied_masses(deck, r.map, r.matrices, r.unit_mass, r.nodal_mass);
   if (!own && !deck.interfaces.empty() && !deck.structures.empty() &&
       !ccx::write_static_shapes(deck, r.map, r.matrices, dir + "/static_shapes.bin"))
@@ -365,6 +367,11 @@ bool convert(const Options &o, double &calculix_seconds) {
                  (own || std::getenv("CCX2KRX_RECOVER_STRESSES"));
   ok = ok && ((!recover && deck.interfaces.empty()) || ccx::prepare_stresses(deck, stresses));
   if (ok && !deck.interfaces.empty()) ccx::mass_diagonal(stresses, deck, r.unit_mass);
+  // With shells and beams the solids' diagonal is taken while their elements are here; the
+  // expanded elements' joins it once CalculiX has placed the knots.
+  ccx::StressModel solids;
+  if (ok && !deck.structures.empty() && (ok = ccx::prepare_stresses(deck, solids)))
+    ccx::mass_diagonal(solids, deck, r.unit_diagonal);
   // The deck's text and elements have served: the model part is written, the skin is known and
   // the stress recovery holds what it needs of the elements.
   std::string().swap(deck.text);

@@ -160,6 +160,25 @@ void complete_tie(const Expansion &e, const Expansion::Tie &tie, const std::vect
   }
 }
 
+// Whether the rows' diagonal of every node whose rows are its own (no knot, no node tied to an
+// interface point or to solids, none without rows) is one density times its unit-density
+// diagonal: then that diagonal gives every node its share, knots and tied nodes included.
+bool one_density(const Expansion &e, const std::vector<double> &unit,
+                 const std::vector<double> &rows, const std::vector<unsigned char> &ties) {
+  if (unit.size() != rows.size()) return false;
+  double low = 0.0, high = 0.0;
+  for (size_t i = 0; i < rows.size(); ++i) {
+    if (e.kind[i] == Expansion::kKnot || e.tied[i] || ties[i] || !(rows[i] > 0.0) ||
+        !(unit[i] > 0.0))
+      continue;
+    double density = rows[i] / unit[i];
+    if (low == 0.0) low = high = density;
+    low = std::min(low, density);
+    high = std::max(high, density);
+  }
+  return low > 0.0 && high - low <= 1e-9 * high;
+}
+
 }  // namespace
 
 void project_rows(const Expansion &e, const DofMap &map, const double *rows,
@@ -249,8 +268,11 @@ void project_stresses(const Expansion &e, const Deck &deck, int surface,
 // the thickness or over the section as the element does), and scaled from that block's mass to
 // the node's lumped mass: corners alone would give a section three times its inertia.
 bool lump_expanded_masses(const Matrices &m, const DofMap &map, const Expansion &e,
-                          std::vector<double> &nodal, std::vector<double> &inertia, double &total) {
+                          const std::vector<double> &unit, std::vector<double> &nodal,
+                          std::vector<double> &inertia, double &total) {
   size_t nodes = e.kind.size();
+  std::vector<unsigned char> ties(nodes, 0);
+  for (const Expansion::Tie &tie : e.ties) ties[static_cast<size_t>(tie.node)] = 1;
   std::vector<double> slot_sum(static_cast<size_t>(kMaxSlots) * nodes, 0.0);
   std::vector<unsigned char> slot_rows(static_cast<size_t>(kMaxSlots) * nodes, 0);
   std::vector<double> block(9 * nodes, 0.0), block_mass(nodes, 0.0);
@@ -292,6 +314,9 @@ bool lump_expanded_masses(const Matrices &m, const DofMap &map, const Expansion 
   // node's rows carry that mass condensed, so that a set of shell and beam nodes alone leaves
   // the reference node none. A knot in the set has no translation rows at all: its mass stays
   // with the reference node.
+  std::vector<double> knot_rows(nodes, 0.0);  // a knot's translation rows: its block's mass
+  for (size_t i = 0; i < nodes; ++i)
+    if (e.kind[i] == Expansion::kKnot) knot_rows[i] = slot_sum[kMaxSlots * i];
   std::vector<int> bare = e.bare_refs;
   for (const Expansion::Tie &tie : e.ties) {
     size_t at = static_cast<size_t>(kMaxSlots) * static_cast<size_t>(tie.node);
@@ -302,18 +327,23 @@ bool lump_expanded_masses(const Matrices &m, const DofMap &map, const Expansion 
     slot_sum[at] = slot_sum[at + static_cast<size_t>(mirror)];
   }
   for (int ref : bare) slot_sum[static_cast<size_t>(kMaxSlots) * static_cast<size_t>(ref)] = 0.0;
+  nodal.assign(nodes, 0.0);
+  for (size_t i = 0; i < nodes; ++i)
+    for (int s = 0; s < kMaxSlots; ++s) nodal[i] += slot_sum[kMaxSlots * i + s];
+  const std::vector<double> &share = one_density(e, unit, nodal, ties) ? unit : nodal;
   double sum = 0.0;
-  for (double v : slot_sum) sum += v;
+  for (double v : share) sum += v;
   if (!(total > 0.0) || !(sum > 0.0))
     return failed("the mass matrix gives no positive total mass (%g); check *DENSITY", total);
   double scale = total / sum;
-  nodal.assign(nodes, 0.0);
+  for (size_t i = 0; i < nodes; ++i) nodal[i] = share[i] * scale;
   inertia.assign(6 * nodes, 0.0);
   for (size_t i = 0; i < nodes; ++i) {
-    for (int s = 0; s < kMaxSlots; ++s) nodal[i] += slot_sum[kMaxSlots * i + s] * scale;
     const double *B = &block[9 * i];
-    // The block's mass counts each of the three directions.
-    double factor = e.kind[i] == Expansion::kKnot ? 1.0
+    // The block's mass counts each of the three directions; a knot's block is that of its
+    // translation rows.
+    double factor = e.kind[i] == Expansion::kKnot ? (knot_rows[i] > 0.0 ? nodal[i] / knot_rows[i]
+                                                                         : 0.0)
                     : block_mass[i] > 0.0         ? 3.0 * nodal[i] / block_mass[i]
                                                   : 0.0;
     const double entries[6] = {B[0], B[4], B[8], B[1], B[2], B[5]};
