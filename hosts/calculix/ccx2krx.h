@@ -137,6 +137,9 @@ struct DofMap {
   std::vector<int> row_dir;
   std::vector<int> row_id;    // the node id the .dof gives
   std::vector<int> row_slot;  // with shells and beams: see map_expanded_rows
+  // With shells and beams: the offset of each row's expanded node from its original node, three
+  // per row (zero for rows of the node itself), so that a rigid motion moves every row.
+  std::vector<double> row_offset;
 };
 bool read_dof_map(const std::string &path, const Deck &deck, DofMap &map);
 bool parse_dof_map(std::FILE *file, const std::string &name, const Deck &deck, DofMap &map);
@@ -271,6 +274,8 @@ bool parse_knots(std::FILE *file, const std::string &name, const Deck &deck, Exp
 // original node and direction, in CalculiX's order: bottom to top, corners first) and moves the
 // rows of a knot's rotation node to the knot, directions 3..5. Counts e.slots.
 bool map_expanded_rows(const Deck &deck, Expansion &e, DofMap &map);
+// Fills map.row_offset from the slots (after map_expanded_rows).
+void place_expanded_rows(const Expansion &e, DofMap &map);
 // Six components per entry of deck.node_ids from a vector over the matrices' rows: solid nodes
 // and knots as the rows give them; shells the mid-surface's translation (CalculiX's own: the mean
 // of bottom and top, for three nodes (bottom + 4 middle + top) / 6) and n x (u_top - u_bottom) /

@@ -38,8 +38,7 @@ bool constraint_modes(const Matrices &m, const std::vector<int> &held, Factor &f
   return true;
 }
 
-bool write_static_shapes(const Deck &deck, const DofMap &map, const Matrices &m,
-                         const std::string &path) {
+bool check_interface_rotations(const Deck &deck, const DofMap &map) {
   // CalculiX ties shell and beam nodes by their translations alone: a set on one line leaves the
   // rotation about it without a row.
   for (const Interface &point : deck.interfaces) {
@@ -53,6 +52,11 @@ bool write_static_shapes(const Deck &deck, const DofMap &map, const Matrices &m,
             "are tied by their translations only, and the set's nodes lie on one line)",
             point.set.c_str(), "xyz"[dir - 3]);
   }
+  return true;
+}
+
+bool write_static_shapes(const Deck &deck, const DofMap &map, const Matrices &m,
+                         const std::string &path) {
   std::vector<int> held;
   if (!interface_rows(deck, map, held)) return false;
   std::vector<char> is_held(static_cast<size_t>(m.n), 0);
@@ -85,7 +89,10 @@ void rigid_motions(const Deck &deck, const DofMap &map, std::vector<double> &mot
       motions[static_cast<size_t>(dir) * n + r] = 1.0;
       continue;
     }
-    const double *x = &deck.xyz[3 * static_cast<size_t>(node)];
+    double x[3];
+    for (int d = 0; d < 3; ++d)
+      x[d] = deck.xyz[3 * static_cast<size_t>(node) + d] +
+             (map.row_offset.empty() ? 0.0 : map.row_offset[3 * r + d]);
     motions[static_cast<size_t>(dir) * n + r] = 1.0;
     // theta_a e_a x x has component d equal to e_a x x along d.
     for (int a = 0; a < 3; ++a) {

@@ -541,6 +541,7 @@ bool map_expanded_rows(const Deck &deck, Expansion &x, DofMap &map) {
     if (count == 0) count = first[static_cast<size_t>(node)];
     map.row_slot[r] = count++;
   }
+  place_expanded_rows(x, map);
   // A knot whose rotations are all held has no rotation rows; so would one whose rotation node
   // CalculiX numbered otherwise, which this note would show.
   for (size_t k = 0; k < rotation.size(); ++k)

@@ -181,6 +181,20 @@ bool one_density(const Expansion &e, const std::vector<double> &unit,
 
 }  // namespace
 
+void place_expanded_rows(const Expansion &e, DofMap &map) {
+  size_t rows = map.row_node.size();
+  map.row_offset.assign(3 * rows, 0.0);
+  for (size_t r = 0; r < rows; ++r) {
+    int node = map.row_node[r], dir = map.row_dir[r];
+    if (node < 0 || dir < 0 || dir > 2) continue;
+    size_t i = static_cast<size_t>(node);
+    int count = complete_count(e, i);
+    if ((e.kind[i] != Expansion::kShell && e.kind[i] != Expansion::kBeam) || count == 0) continue;
+    Vec at = slot_offset(e, i, std::min(map.row_slot[r], kMaxSlots - 1), count);
+    std::copy(at.begin(), at.end(), &map.row_offset[3 * r]);
+  }
+}
+
 void project_rows(const Expansion &e, const DofMap &map, const double *rows,
                   std::vector<double> &by_node) {
   size_t nodes = e.kind.size();

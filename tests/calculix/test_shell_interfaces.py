@@ -39,22 +39,24 @@ def _with_sets(text, sets):
     return text
 
 
-# name: the deck, and the load case's force and moment directions on HOLE2 (HOLE1 held).
+# name: the deck, the load case's force and moment directions on HOLE2 (HOLE1 held), and the
+# solver (CalculiX's by default; the own solver's static shapes and Lanczos on the sheet).
 # The S4 plate's sets are two columns of nodes at each end (a set on one line leaves a rotation
 # free); the U-frame's are the nodes about its two bends (beam nodes in two directions); the
 # welded part holds the brick's far face (solid nodes) against the plate's far end (shell nodes).
 MODELS = {
-    "sheet": (None, 2, 4),  # the demo's bent sheet with its bolt holes
+    "sheet": (None, 2, 4, "calculix"),  # the demo's bent sheet with its bolt holes
+    "sheet_own": (None, 2, 4, "own"),
     "s4_plate": (lambda: _with_sets(st.shell_deck("S4", nx=8, ny=4),
                                     {"HOLE1": ((2.5, 10, 0), 6), "HOLE2": ((37.5, 10, 0), 6)}),
-                 2, 4),
+                 2, 4, "calculix"),
     "b32r_frame": (lambda: _with_sets(st.frame("B32R", [(0, 40, 0), (0, 0, 0), (60, 0, 0),
                                                         (60, 40, 0)], 4, 4.0, 2.0),
                                       {"HOLE1": ((0, 0, 0), 8), "HOLE2": ((60, 0, 0), 8)}),
-                   2, 4),
+                   2, 4, "calculix"),
     "welded": (lambda: _with_sets(st.welded_deck(),
                                   {"HOLE1": ((5, 0, 5), 7.1), "HOLE2": ((40, 10, 5), 7.1)}),
-               1, 5),
+               1, 5, "calculix"),
 }
 
 
@@ -64,7 +66,7 @@ def case(request, ccx2krx, tmp_path_factory):
     solution of the same model part (the tool's model.inp): HOLE1 held, a unit force on HOLE2's
     reference node, then a unit moment on its rotation node."""
     name = request.param
-    source, force, moment = MODELS[name]
+    source, force, moment, solver = MODELS[name]
     where = tmp_path_factory.mktemp(name)
     deck = str(where / f"{name}.inp")
     if source is None:
@@ -74,7 +76,7 @@ def case(request, ccx2krx, tmp_path_factory):
             f.write(source())
     out, keep = str(where / f"{name}.krx"), str(where / "work")
     run = run_tool(ccx2krx, [deck, "-o", out, "--interface", "HOLE1", "--interface", "HOLE2",
-                             "--modes", str(FIXED), "--keep", keep])
+                             "--modes", str(FIXED), "--keep", keep, "--solver", solver])
     assert run.returncode == 0, f"{name}: {run.stderr}"
     points = interface_points(os.path.join(keep, "model.inp"))
     (ref_a, rot_a), (ref_b, rot_b) = points["HOLE1"], points["HOLE2"]
@@ -97,7 +99,7 @@ def test_static_response_is_calculix_own_at_every_node(case):
     name, out, points, ends, everywhere = case
     f = krx.read(out)
     assert f.mode_count == 12 + FIXED
-    _, force, moment = MODELS[name]
+    _, force, moment, _ = MODELS[name]
     ref_b, rot_b = points["HOLE2"]
     shapes = np.asarray(f.mode_shapes)
     for load, at_ends, at_nodes in zip((np.eye(6)[force - 1], np.eye(6)[moment - 1]), ends,

@@ -11,6 +11,7 @@ import numpy as np
 import pytest
 
 import calculix_output as ccx
+import krx
 import structures as st
 from conftest import GEOMETRY, Export, run_tool
 from make_deck import make_deck
@@ -275,6 +276,31 @@ def rotation_axes(e):
     for knot in knots:
         axes[knot] = np.eye(3)
     return axes
+
+
+@pytest.fixture(scope="module")
+def own(ccx2krx, exports):
+    """The models that the own solver takes (--solver own), exported beside CalculiX's path: a
+    flat plate, incompatible modes, a fold and a bend (knots), shells welded to solids."""
+    def export(name):
+        e = exports[name]
+        out = e.out.replace(".krx", "_own.krx")
+        run = run_tool(ccx2krx, [e.deck, "-o", out, "--modes", str(MODES), "--solver", "own"])
+        assert run.returncode == 0, f"{name}: {run.stderr}"
+        return name, krx.read(out)
+
+    with ThreadPoolExecutor(2) as pool:
+        return dict(pool.map(export, ["s8_plate", "s4_plate", "s8r_fold", "b32r_frame", "welded"]))
+
+
+def test_own_solver_takes_the_expanded_model(exports, own):
+    """The own solver on CalculiX's expanded matrices: CalculiX's eigenvalues, its six rigid-body
+    modes deflated from the expanded rows' rigid motions, the same masses."""
+    for name, ours in own.items():
+        theirs = ccx.dat_eigenvalues(os.path.join(exports[name].keep, "modes.dat"))
+        np.testing.assert_allclose(ours.eigenvalues[6:], theirs[6:], rtol=1e-5, err_msg=name)
+        assert np.all(np.abs(ours.eigenvalues[:6]) < 1e-5 * theirs[6]), name
+        np.testing.assert_array_equal(ours.masses, exports[name].read().masses)
 
 
 @pytest.mark.parametrize("name", EXACT)
