@@ -122,7 +122,8 @@ bool add_interfaces(Deck &deck, const std::vector<std::string> &names);
 void expand_rigid_ties(const Deck &deck, std::vector<double> &by_node);
 // The component-mode job: one *STATIC step per interface degree of freedom (that one at 1, the
 // others held at 0; every node's displacement printed to the .dat), then `modes` normal modes
-// with every interface degree of freedom held (*FREQUENCY, STORAGE=YES).
+// with every interface degree of freedom held (*FREQUENCY, STORAGE=YES). With shells and beams
+// the static steps are written for --stress alone.
 std::string component_deck(const Deck &deck, int modes, bool stress);
 
 // Runs the CalculiX executable (CCX, else ccx on PATH) on job in dir, its standard output to

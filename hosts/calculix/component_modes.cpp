@@ -2,7 +2,6 @@
 // and the rigid ties that carry the held reference nodes' motion to the nodes of their sets.
 #include <algorithm>
 #include <cmath>
-#include <cstdio>
 
 #include "solver.h"
 
@@ -52,30 +51,6 @@ bool check_interface_rotations(const Deck &deck, const DofMap &map) {
             "are tied by their translations only, and the set's nodes lie on one line)",
             point.set.c_str(), "xyz"[dir - 3]);
   }
-  return true;
-}
-
-bool write_static_shapes(const Deck &deck, const DofMap &map, const Matrices &m,
-                         const std::string &path) {
-  std::vector<int> held;
-  if (!interface_rows(deck, map, held)) return false;
-  std::vector<char> is_held(static_cast<size_t>(m.n), 0);
-  for (int row : held) is_held[static_cast<size_t>(row)] = 1;
-  std::vector<int> keep;
-  for (int r = 0; r < m.n; ++r)
-    if (!is_held[static_cast<size_t>(r)]) keep.push_back(r);
-  Matrices free_rows;
-  restrict_rows(m, keep, free_rows);
-  FactorHandle factor;
-  std::vector<double> shapes;
-  show_stage("static shapes of the interfaces");
-  if (!factor_shifted(free_rows, 0.0, factor) || !constraint_modes(m, held, *factor, shapes))
-    return false;
-  std::FILE *file = std::fopen(path.c_str(), "wb");
-  bool ok =
-      file && std::fwrite(shapes.data(), sizeof(double), shapes.size(), file) == shapes.size();
-  if (file && std::fclose(file) != 0) ok = false;
-  if (!ok) return failed("cannot write %s", path.c_str());
   return true;
 }
 

@@ -379,9 +379,11 @@ bool convert(const Options &o, double &calculix_seconds) {
   if (ok && !deck.interfaces.empty()) ccx::mass_diagonal(stresses, deck, r.unit_mass);
   // With shells and beams the solids' diagonal is taken while their elements are here; the
   // expanded elements' joins it once CalculiX has placed the knots.
-  ccx::StressModel solids;
-  if (ok && !deck.structures.empty() && (ok = ccx::prepare_stresses(deck, solids)))
-    ccx::mass_diagonal(solids, deck, r.unit_diagonal);
+  if (ok && !deck.structures.empty()) {
+    ccx::StressModel solids;
+    ok = ccx::prepare_stresses(deck, solids);
+    if (ok) ccx::mass_diagonal(solids, deck, r.unit_diagonal);
+  }
   // The deck's text and elements have served: the model part is written, the skin is known and
   // the stress recovery holds what it needs of the elements.
   std::string().swap(deck.text);
