@@ -55,9 +55,10 @@ echo "== gmsh meshes a bent sheet in S8R shells 1.5 mm thick: out/sheet.inp"
 /usr/bin/python3 hosts/calculix/geometry/make_deck.py hosts/calculix/geometry/sheet.geo \
   out/sheet.inp -setnumber h 4 --shell 1.5
 echo
-echo "== ccx2krx out/sheet.inp -o out/sheet.krx --modes 12 --stress --timing"
+echo "== ccx2krx out/sheet.inp -o out/sheet.krx --modes 12 --stress --timing" \
+  "--interface HOLE1 --interface HOLE2 (the bolt holes as interface points)"
 TMP="$PWD/out" build/ccx2krx out/sheet.inp -o out/sheet.krx --modes 12 --stress --timing \
-  > out/sheet.log
+  --interface HOLE1 --interface HOLE2 > out/sheet.log
 echo "(the library's messages are in out/sheet.log)"
 build/krxdump out/sheet.krx -b 7
 /usr/bin/python3 -m krx vtu out/sheet.krx out/sheet.vtu

@@ -206,7 +206,7 @@ TEST(CcxStructures, SumsMassesOntoNodesWithTheInertiaOfTheirOffsets) {
   m.start.push_back(static_cast<int64_t>(m.row.size()));
   std::vector<double> nodal, inertia;
   double total = 0.0;
-  ASSERT_TRUE(ccx::lump_expanded_masses(m, c.map, c.e, nodal, inertia, total));
+  ASSERT_TRUE(ccx::lump_expanded_masses(m, c.map, c.e, {}, nodal, inertia, total));
   EXPECT_DOUBLE_EQ(total, 6 + 8 + 5 + 10);
   EXPECT_EQ(nodal, (std::vector<double>{6, 8, 5, 10}));
   // Shell: 1 + 1 at +-1 along z. Beam: 2 at each corner, +-2 y +-1 z. Knot: its rotation rows'

@@ -122,7 +122,8 @@ bool add_interfaces(Deck &deck, const std::vector<std::string> &names);
 void expand_rigid_ties(const Deck &deck, std::vector<double> &by_node);
 // The component-mode job: one *STATIC step per interface degree of freedom (that one at 1, the
 // others held at 0; every node's displacement printed to the .dat), then `modes` normal modes
-// with every interface degree of freedom held (*FREQUENCY, STORAGE=YES).
+// with every interface degree of freedom held (*FREQUENCY, STORAGE=YES). With shells and beams
+// the static steps are written for --stress alone.
 std::string component_deck(const Deck &deck, int modes, bool stress);
 
 // Runs the CalculiX executable (CCX, else ccx on PATH) on job in dir, its standard output to
@@ -137,6 +138,9 @@ struct DofMap {
   std::vector<int> row_dir;
   std::vector<int> row_id;    // the node id the .dof gives
   std::vector<int> row_slot;  // with shells and beams: see map_expanded_rows
+  // With shells and beams: the offset of each row's expanded node from its original node, three
+  // per row (zero for rows of the node itself), so that a rigid motion moves every row.
+  std::vector<double> row_offset;
 };
 bool read_dof_map(const std::string &path, const Deck &deck, DofMap &map);
 bool parse_dof_map(std::FILE *file, const std::string &name, const Deck &deck, DofMap &map);
@@ -242,6 +246,16 @@ struct Expansion {
   std::vector<int> surface;
   std::vector<int> knots;           // ids of the knot nodes, ascending
   std::vector<int> rotation_nodes;  // their rotation nodes
+  // Shell and beam nodes of interface sets. CalculiX's *RIGID BODY ties the mean of a shell
+  // node's bottom and top (of a beam node's four corners) to the reference node and leaves the
+  // node's rotation free; the node's first expanded node has no rows and follows from the rest.
+  struct Tie {
+    int node = 0;  // index into deck.node_ids
+    int ref = 0;   // the reference node's index
+    double arm[3] = {0.0, 0.0, 0.0};  // from the reference node to the node
+  };
+  std::vector<Tie> ties;       // ascending by node
+  std::vector<int> bare_refs;  // reference nodes of sets without solid nodes: no mass of their own
 };
 // The reference geometry of every shell and beam node from the deck: each element's normal at
 // the node (from its shape functions) averaged over the node's elements, thickness from the
@@ -249,6 +263,10 @@ struct Expansion {
 // section's direction. Refuses elements without a section, offsets, sections it
 // cannot place.
 bool build_expansion(const Deck &deck, Expansion &e);
+// After add_interfaces: the reference nodes join the expansion as nodes with rows of their own,
+// and the shell and beam nodes of each set move from its tied nodes (which follow the reference
+// node as a whole) to e.ties. Refuses a set node that joins shells to solids.
+bool tie_interface_nodes(Deck &deck, Expansion &e);
 // Knots and their rotation nodes from JOB.12d (the rotation node follows the knot's last
 // expanded node), and the expanded nodes of e.surface.
 bool read_knots(const std::string &path, const Deck &deck, Expansion &e);
@@ -257,6 +275,8 @@ bool parse_knots(std::FILE *file, const std::string &name, const Deck &deck, Exp
 // original node and direction, in CalculiX's order: bottom to top, corners first) and moves the
 // rows of a knot's rotation node to the knot, directions 3..5. Counts e.slots.
 bool map_expanded_rows(const Deck &deck, Expansion &e, DofMap &map);
+// Fills map.row_offset from the slots (after map_expanded_rows).
+void place_expanded_rows(const Expansion &e, DofMap &map);
 // Six components per entry of deck.node_ids from a vector over the matrices' rows: solid nodes
 // and knots as the rows give them; shells the mid-surface's translation (CalculiX's own: the mean
 // of bottom and top, for three nodes (bottom + 4 middle + top) / 6) and n x (u_top - u_bottom) /
@@ -265,12 +285,20 @@ bool map_expanded_rows(const Deck &deck, Expansion &e, DofMap &map);
 // others) stays zero.
 void project_rows(const Expansion &e, const DofMap &map, const double *rows,
                   std::vector<double> &by_node);
+// Adds to diagonal (one entry per node, the solids' share in it) the unit-density diagonal of the
+// mass of each shell and beam element's solid as CalculiX expands it (after read_knots: a knot's
+// expanded nodes lie along each element's own normal), summed onto the original nodes.
+bool expanded_mass_diagonal(const Deck &deck, const Expansion &e, std::vector<double> &diagonal);
 // Nodal masses and rotary inertias: each expanded node's share (as lump_masses gives it),
 // summed onto its original node, whose inertia is that of its expanded nodes turning together
 // (their block of the consistent mass, scaled to the node's mass); a knot's inertia is its
-// rotation rows' block of the mass matrix. inertia: I11, I22, I33, I12, I13, I23 per entry.
+// rotation rows' block of the mass matrix, scaled likewise. Where unit (the unit-density diagonal
+// of expanded_mass_diagonal) is the rows' diagonal over one density, the shares come from it:
+// a knot's rows are condensed, and a node tied to an interface point lacks some.
+// inertia: I11, I22, I33, I12, I13, I23 per entry.
 bool lump_expanded_masses(const Matrices &m, const DofMap &map, const Expansion &e,
-                          std::vector<double> &nodal, std::vector<double> &inertia, double &total);
+                          const std::vector<double> &unit, std::vector<double> &nodal,
+                          std::vector<double> &inertia, double &total);
 // Stresses at the original nodes from those of the .frd (node ids, six values each): solid
 // nodes and nodes that tie shells to solids their own; shells at the bottom (surface -1) or top
 // (1) surface or the mean of both (0), beams at the section corner of e.surface. by_node gets
@@ -306,6 +334,9 @@ struct ExportJob {
   std::FILE *scratch_file = nullptr;  // open while the modes are handed over
   // The own solver wrote the static shapes' rows to scratch already, and computed the modes.
   bool own_solver = false;
+  // The static shapes' rows are in scratch already (the own solver's, or with shells and beams,
+  // whose expanded rows CalculiX's .dat does not give).
+  bool statics_written = false;
   // With the own solver the stresses are recovered from each shape (a StressModel of solver.h).
   const struct StressModel *stress_model = nullptr;
 };

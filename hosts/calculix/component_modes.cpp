@@ -37,6 +37,23 @@ bool constraint_modes(const Matrices &m, const std::vector<int> &held, Factor &f
   return true;
 }
 
+bool check_interface_rotations(const Deck &deck, const DofMap &map) {
+  // CalculiX ties shell and beam nodes by their translations alone: a set on one line leaves the
+  // rotation about it without a row.
+  for (const Interface &point : deck.interfaces) {
+    int ref = node_index(deck, point.ref), rows[6] = {0, 0, 0, 0, 0, 0};
+    for (size_t r = 0; r < map.row_node.size(); ++r)
+      if (map.row_node[r] == ref && map.row_dir[r] >= 0) ++rows[map.row_dir[r]];
+    for (int dir = 3; dir < 6; ++dir)
+      if (rows[dir] == 0)
+        return failed(
+            "--interface %s: its nodes leave the rotation about %c free (shell and beam nodes "
+            "are tied by their translations only, and the set's nodes lie on one line)",
+            point.set.c_str(), "xyz"[dir - 3]);
+  }
+  return true;
+}
+
 void rigid_motions(const Deck &deck, const DofMap &map, std::vector<double> &motions) {
   size_t n = map.row_node.size();
   motions.assign(6 * n, 0.0);
@@ -47,7 +64,10 @@ void rigid_motions(const Deck &deck, const DofMap &map, std::vector<double> &mot
       motions[static_cast<size_t>(dir) * n + r] = 1.0;
       continue;
     }
-    const double *x = &deck.xyz[3 * static_cast<size_t>(node)];
+    double x[3];
+    for (int d = 0; d < 3; ++d)
+      x[d] = deck.xyz[3 * static_cast<size_t>(node) + d] +
+             (map.row_offset.empty() ? 0.0 : map.row_offset[3 * r + d]);
     motions[static_cast<size_t>(dir) * n + r] = 1.0;
     // theta_a e_a x x has component d equal to e_a x x along d.
     for (int a = 0; a < 3; ++a) {

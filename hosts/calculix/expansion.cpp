@@ -8,6 +8,7 @@
 #include <string>
 
 #include "ccx2krx.h"
+#include "solver.h"
 
 namespace ccx {
 
@@ -131,8 +132,10 @@ bool place_shell(const Deck &deck, const Structure &e, const Section &s, Expansi
 }
 
 // The section's first axis is its direction made normal to the beam's axis; the second is the
-// beam's axis times the first, as CalculiX places the corners.
-bool place_beam(const Deck &deck, const Structure &e, const Section &s, Expansion &x) {
+// beam's axis times the first, as CalculiX places the corners. a1 and a2 get the offsets of the
+// corner at +1 +1 along them, edge the factor of the edge middles' offsets.
+bool beam_axes(const Deck &deck, const Structure &e, const Section &s, Vec &a1, Vec &a2,
+               double &edge) {
   bool round = s.shape == "CIRC";
   if (!(s.shape == "RECT" || s.shape == "BOX" || round))
     return failed("beam section %s of element %d cannot be exported: only RECT, CIRC and BOX",
@@ -153,14 +156,24 @@ bool place_beam(const Deck &deck, const Structure &e, const Section &s, Expansio
   Vec second = cross(axis, first);
   // A round section's corners stand on its circle at 45 degrees, its edge middles on the axes.
   double corner = round ? 0.5 / std::sqrt(2.0) : 0.5;
+  a1 = scaled(first, corner * a);
+  a2 = scaled(second, corner * b);
+  edge = round ? std::sqrt(2.0) : 1.0;
+  return true;
+}
+
+bool place_beam(const Deck &deck, const Structure &e, const Section &s, Expansion &x) {
+  Vec a1, a2;
+  double edge = 1.0;
+  if (!beam_axes(deck, e, s, a1, a2, edge)) return false;
   for (int id : e.nodes) {
     size_t i = static_cast<size_t>(node_index(deck, id));
     x.kind[i] = Expansion::kBeam;
     for (int d = 0; d < 3; ++d) {
-      x.axes[6 * i + d] = corner * a * first[d];
-      x.axes[6 * i + 3 + d] = corner * b * second[d];
+      x.axes[6 * i + d] = a1[d];
+      x.axes[6 * i + 3 + d] = a2[d];
     }
-    x.edge[i] = round ? std::sqrt(2.0) : 1.0;
+    x.edge[i] = edge;
   }
   return true;
 }
@@ -227,6 +240,199 @@ bool build_expansion(const Deck &deck, Expansion &x) {
     double length = norm(n);
     for (int d = 0; d < 3; ++d) x.axes[6 * i + d] = length > 0 ? n[d] / length * thickness[i] : 0;
   }
+  return true;
+}
+
+namespace {
+
+// The solid CalculiX makes of each shell and beam type, and whether it integrates reduced.
+struct SolidOf {
+  const char *structure;
+  const char *solid;
+  int rule;
+};
+const SolidOf kSolidOf[] = {{"S3", "C3D6", 0},    {"S4", "C3D8", 0},    {"S4R", "C3D8R", 1},
+                            {"S6", "C3D15", 0},   {"S8", "C3D20", 0},   {"S8R", "C3D20R", 1},
+                            {"B31", "C3D8", 0},   {"B32", "C3D20", 0},  {"B32R", "C3D20R", 1}};
+
+// Natural coordinates of a hexahedron's twenty nodes in CalculiX's order: a beam's solid runs
+// along the first, its section spans the other two.
+const double kHexNodes[20][3] = {
+    {-1, -1, -1}, {1, -1, -1}, {1, 1, -1}, {-1, 1, -1}, {-1, -1, 1}, {1, -1, 1}, {1, 1, 1},
+    {-1, 1, 1},   {0, -1, -1}, {1, 0, -1}, {0, 1, -1},  {-1, 0, -1}, {0, -1, 1}, {1, 0, 1},
+    {0, 1, 1},    {-1, 0, 1},  {-1, -1, 0}, {1, -1, 0}, {1, 1, 0},   {-1, 1, 0}};
+
+// The solid's nodes of a shell element: bottom corners, top corners, bottom midsides, top
+// midsides, then the corners' middles; each as (the element's node, -1 bottom, 0, 1 top).
+void shell_solid_nodes(const Structure &e, std::vector<std::pair<int, int>> &nodes) {
+  int c = e.corners, m = static_cast<int>(e.nodes.size()) - c;
+  nodes.clear();
+  for (int side : {-1, 1})
+    for (int k = 0; k < c; ++k) nodes.emplace_back(k, side);
+  for (int side : {-1, 1})
+    for (int k = 0; k < m; ++k) nodes.emplace_back(c + k, side);
+  if (m > 0)
+    for (int k = 0; k < c; ++k) nodes.emplace_back(k, 0);
+}
+
+// A beam element's solid: per node its place along the beam (-1, 0, 1) gives the element's
+// node, the other two natural coordinates the place on the section.
+void add_beam_solid(const Deck &deck, const Structure &e, const Vec &a1, const Vec &a2, double edge,
+                    std::vector<double> &xyz, std::vector<int> &owner) {
+  int count = e.nodes.size() == 2 ? 8 : 20;
+  for (int a = 0; a < count; ++a) {
+    const double *p = kHexNodes[a];
+    int k = p[0] < 0 ? 0 : p[0] > 0 ? static_cast<int>(e.nodes.size()) - 1 : 1;
+    int i = node_index(deck, e.nodes[static_cast<size_t>(k)]);
+    double f = p[1] == 0.0 || p[2] == 0.0 ? edge : 1.0;
+    Vec x = point(deck, i);
+    for (int d = 0; d < 3; ++d) xyz.push_back(x[d] + f * (p[2] * a1[d] - p[1] * a2[d]));
+    owner.push_back(i);
+  }
+}
+
+// The twenty-node hexahedron's shape functions and their derivatives at natural (x, y, z).
+void hex20_shapes(const double *at, double n[20], double dn[20][3]) {
+  for (int i = 0; i < 20; ++i) {
+    const double *c = kHexNodes[i];
+    double f[3], df[3];  // the factors along each coordinate and their derivatives
+    for (int k = 0; k < 3; ++k) {
+      f[k] = c[k] == 0.0 ? 1.0 - at[k] * at[k] : 1.0 + c[k] * at[k];
+      df[k] = c[k] == 0.0 ? -2.0 * at[k] : c[k];
+    }
+    double scale = i < 8 ? 0.125 : 0.25;
+    // A corner's function carries the factor (c . x - 2).
+    double g = i < 8 ? c[0] * at[0] + c[1] * at[1] + c[2] * at[2] - 2.0 : 1.0;
+    n[i] = scale * f[0] * f[1] * f[2] * g;
+    for (int k = 0; k < 3; ++k) {
+      double others = f[(k + 1) % 3] * f[(k + 2) % 3];
+      dn[i][k] = scale * others * (df[k] * g + (i < 8 ? f[k] * c[k] : 0.0));
+    }
+  }
+}
+
+// The unit-density mass diagonal of a beam's reduced twenty-node solid, which CalculiX integrates
+// at two points along the beam and three by three across its section.
+void reduced_beam_diagonal(const double *xyz, double *diagonal) {
+  const double g2 = 1.0 / std::sqrt(3.0), g3 = std::sqrt(0.6);
+  const double along[2] = {-g2, g2}, across[3] = {-g3, 0.0, g3}, weight[3] = {5 / 9.0, 8 / 9.0,
+                                                                              5 / 9.0};
+  std::fill(diagonal, diagonal + 20, 0.0);
+  for (double x : along)
+    for (int b = 0; b < 3; ++b)
+      for (int c = 0; c < 3; ++c) {
+        double at[3] = {x, across[b], across[c]}, n[20], dn[20][3], J[3][3] = {};
+        hex20_shapes(at, n, dn);
+        for (int a = 0; a < 20; ++a)
+          for (int i = 0; i < 3; ++i)
+            for (int j = 0; j < 3; ++j) J[i][j] += xyz[3 * a + i] * dn[a][j];
+        double det = J[0][0] * (J[1][1] * J[2][2] - J[1][2] * J[2][1]) -
+                     J[0][1] * (J[1][0] * J[2][2] - J[1][2] * J[2][0]) +
+                     J[0][2] * (J[1][0] * J[2][1] - J[1][1] * J[2][0]);
+        double volume = std::fabs(det) * weight[b] * weight[c];
+        for (int a = 0; a < 20; ++a) diagonal[a] += n[a] * n[a] * volume;
+      }
+}
+
+}  // namespace
+
+bool expanded_mass_diagonal(const Deck &deck, const Expansion &x, std::vector<double> &diagonal) {
+  diagonal.resize(deck.node_ids.size(), 0.0);
+  Deck rebuilt;  // every element's solid on nodes of its own, numbered from 1
+  std::vector<int> owner;
+  std::vector<int> section = element_sections(deck);
+  std::vector<std::pair<int, int>> places;
+  for (size_t n = 0; n < deck.structures.size(); ++n) {
+    const Structure &e = deck.structures[n];
+    const SolidOf *type = nullptr;
+    for (const SolidOf &t : kSolidOf)
+      if (e.type == t.structure) type = &t;
+    if (!type || section[n] < 0)
+      return failed("%s element %d has no solid to stand for its mass", e.type.c_str(), e.id);
+    Element solid;
+    solid.id = e.id;
+    solid.shape = element_shape(type->solid);
+    solid.rule = type->rule;
+    size_t first = owner.size();
+    if (e.beam) {
+      Vec a1, a2;
+      double edge = 1.0;
+      if (!beam_axes(deck, e, deck.sections[static_cast<size_t>(section[n])], a1, a2, edge))
+        return false;
+      if (e.type == "B32R") {
+        std::vector<double> xyz;
+        std::vector<int> own;
+        add_beam_solid(deck, e, a1, a2, edge, xyz, own);
+        double unit[20];
+        reduced_beam_diagonal(xyz.data(), unit);
+        for (int a = 0; a < 20; ++a) diagonal[static_cast<size_t>(own[a])] += unit[a];
+        continue;
+      }
+      add_beam_solid(deck, e, a1, a2, edge, rebuilt.xyz, owner);
+    } else {
+      shell_solid_nodes(e, places);
+      for (const auto &[k, side] : places) {
+        size_t i = static_cast<size_t>(node_index(deck, e.nodes[static_cast<size_t>(k)]));
+        // Through the node's normal, at a knot through the element's own (the normals that
+        // meet there differ).
+        Vec t = {x.axes[6 * i], x.axes[6 * i + 1], x.axes[6 * i + 2]};
+        if (x.kind[i] == Expansion::kKnot) t = scaled(shell_normal(deck, e, k), norm(t));
+        Vec p = point(deck, static_cast<int>(i));
+        for (int d = 0; d < 3; ++d) rebuilt.xyz.push_back(p[d] + 0.5 * side * t[d]);
+        owner.push_back(static_cast<int>(i));
+      }
+    }
+    for (size_t a = first; a < owner.size(); ++a) {
+      rebuilt.node_ids.push_back(static_cast<int>(a) + 1);
+      solid.nodes.push_back(static_cast<int>(a) + 1);
+    }
+    rebuilt.elements.push_back(std::move(solid));
+  }
+  StressModel model;
+  std::vector<double> unit;
+  if (!prepare_stresses(rebuilt, model)) return false;
+  mass_diagonal(model, rebuilt, unit);
+  for (size_t a = 0; a < owner.size(); ++a) diagonal[static_cast<size_t>(owner[a])] += unit[a];
+  return true;
+}
+
+bool tie_interface_nodes(Deck &deck, Expansion &x) {
+  size_t nodes = deck.node_ids.size();
+  x.kind.resize(nodes, Expansion::kSolid);
+  x.axes.resize(6 * nodes, 0.0);
+  x.edge.resize(nodes, 1.0);
+  x.slots.resize(3 * nodes, 0);
+  x.tied.resize(nodes, 0);
+  x.ties.clear();
+  x.bare_refs.clear();
+  for (Interface &joint : deck.interfaces) {
+    int ref = node_index(deck, joint.ref);
+    Vec at = point(deck, ref);
+    std::vector<int> solids;
+    for (int i : joint.tied) {
+      size_t k = static_cast<size_t>(i);
+      if (x.kind[k] == Expansion::kSolid) {
+        solids.push_back(i);
+        continue;
+      }
+      if (x.tied[k])
+        return failed(
+            "--interface %s: node %d joins shell elements to solid ones, which cannot be tied "
+            "to an interface point",
+            joint.set.c_str(), deck.node_ids[k]);
+      Expansion::Tie tie;
+      tie.node = i;
+      tie.ref = ref;
+      Vec arm = sub(point(deck, i), at);
+      std::copy(arm.begin(), arm.end(), tie.arm);
+      x.ties.push_back(tie);
+    }
+    deck.tied_nodes -= static_cast<int>(joint.tied.size() - solids.size());
+    joint.tied.swap(solids);
+    if (joint.tied.empty()) x.bare_refs.push_back(ref);
+  }
+  std::sort(x.ties.begin(), x.ties.end(),
+            [](const Expansion::Tie &a, const Expansion::Tie &b) { return a.node < b.node; });
   return true;
 }
 
@@ -312,6 +518,9 @@ bool map_expanded_rows(const Deck &deck, Expansion &x, DofMap &map) {
     rotation.emplace_back(x.rotation_nodes[k], node_index(deck, x.knots[k]));
   std::sort(rotation.begin(), rotation.end());
   std::fill(x.slots.begin(), x.slots.end(), 0);
+  // A node tied to an interface point lacks its first expanded node's rows.
+  std::vector<unsigned char> first(x.kind.size(), 0);
+  for (const Expansion::Tie &tie : x.ties) first[static_cast<size_t>(tie.node)] = 1;
   std::vector<int> seen(rotation.size(), 0);
   for (size_t r = 0; r < rows; ++r) {
     int node = map.row_node[r], dir = map.row_dir[r];
@@ -328,9 +537,11 @@ bool map_expanded_rows(const Deck &deck, Expansion &x, DofMap &map) {
     }
     if (dir < 0 || dir > 2) continue;
     unsigned char &count = x.slots[3 * static_cast<size_t>(node) + static_cast<size_t>(dir)];
-    if (count == 255) return failed("node %d has too many expanded rows", deck.node_ids[node]);
+    if (count == 254) return failed("node %d has too many expanded rows", deck.node_ids[node]);
+    if (count == 0) count = first[static_cast<size_t>(node)];
     map.row_slot[r] = count++;
   }
+  place_expanded_rows(x, map);
   // A knot whose rotations are all held has no rotation rows; so would one whose rotation node
   // CalculiX numbered otherwise, which this note would show.
   for (size_t k = 0; k < rotation.size(); ++k)

@@ -91,7 +91,10 @@ bool set_shape(const ExportJob &job, int mode, const std::vector<double> &by_nod
 // follow their interface point; the rotations of solid nodes stay zero.
 void rows_to_nodes(const ExportJob &job, const std::vector<double> &rows,
                    std::vector<double> &by_node) {
-  if (job.expansion) return project_rows(*job.expansion, *job.map, rows.data(), by_node);
+  if (job.expansion) {
+    project_rows(*job.expansion, *job.map, rows.data(), by_node);
+    return expand_rigid_ties(*job.deck, by_node);
+  }
   by_node.assign(6 * job.deck->node_ids.size(), 0.0);
   for (size_t r = 0; r < rows.size(); ++r) {
     int node = job.map->row_node[r], dir = job.map->row_dir[r];
@@ -211,13 +214,13 @@ bool set_modes(ExportJob &job) {
   EigenFile &eig = *job.eig;
   int statics = static_modes(job), modes = statics + eig.modes;
   std::vector<double> phi, other, m_phi, k_phi, by_node, held;
-  const char *mode = job.own_solver ? "rb" : "w+b";
+  const char *mode = job.statics_written ? "rb" : "w+b";
   if (statics > 0 && !(job.scratch_file = std::fopen(job.scratch.c_str(), mode)))
     return failed("cannot open %s", job.scratch.c_str());
   show_stage("handing the modes to the library");
   for (int j = 1; j <= modes; ++j) {
     show_count("mode", j, modes);
-    if (j <= statics && !job.own_solver) {
+    if (j <= statics && !job.statics_written) {
       if (!read_static_shape(job, j, phi, by_node)) return false;
     } else {
       if (!read_rows(job, j, phi, held)) return false;

@@ -61,9 +61,10 @@ void usage(std::FILE *out) {
       "tool's own solver computes the modes from them: a sparse Cholesky factor of\n"
       "K - sigma M, shift-invert Lanczos, each mode's residual checked and an LDL' count of\n"
       "the eigenvalues below the last mode, which fails the run when a mode was missed. Where\n"
-      "the own solver cannot give the same file (shells and beams among them), CalculiX solves\n"
-      "the model and a note says why. Shell and beam nodes get six components: translations\n"
-      "of the reference surface or axis as CalculiX prints them, rotations\n"
+      "the own solver cannot give the same file (shells and beams among them, but with\n"
+      "--solver own), CalculiX solves the model and a note says why. Shell and beam nodes\n"
+      "get six components: translations of the reference surface or axis as CalculiX\n"
+      "prints them, rotations\n"
       "n x (u_top - u_bottom) / t on shells (no drilling rotation) and the least-squares\n"
       "rotation of the section's corners on beams, taken from CalculiX's expanded nodes;\n"
       "their masses and rotary inertias are the expanded nodes'. The file holds every node of\n"
@@ -96,8 +97,11 @@ void usage(std::FILE *out) {
       "                   The file then holds the static shape of each interface degree of\n"
       "                   freedom (the others held) and N normal modes with all of them held,\n"
       "                   orthonormalised by the library; the reference nodes are its\n"
-      "                   interface nodes, with rotations from the rotation nodes (solids\n"
-      "                   only: refused on models with shells or beams)\n"
+      "                   interface nodes, with rotations from the rotation nodes. Shell\n"
+      "                   and beam nodes are tied as CalculiX ties them: the mean of a\n"
+      "                   shell node's bottom and top (of a beam node's section corners)\n"
+      "                   follows the point, the node's own rotation stays free, so such a\n"
+      "                   set must not lie on one line\n"
       "  --solver own     the own solver, or fail where it cannot solve the model\n"
       "  --solver mpi     the own solver over MPI: mpirun -n N ccx2krx ... --solver mpi; the\n"
       "                   ranks share the factor and the iteration, each reads only its rows\n"
@@ -217,16 +221,25 @@ struct Results {
   ccx::FrdReader frd;
   ccx::DatReader dat;
   std::vector<double> unit_mass;  // with interfaces: the elements' mass diagonal at unit density
+  std::vector<double> unit_diagonal;  // with shells and beams: every node's, expanded elements in
 };
 
 // Why the own solver cannot give the file CalculiX's solution gives; empty when it can.
 std::string own_solver_refusal(const Options &o, const ccx::Deck &deck) {
-  // CalculiX expands shells and beams into solids whose rows carry the original node's label;
-  // the own solver's rigid motions and stress recovery know only the deck's own solids.
-  if (!deck.structures.empty())
-    return std::string("the model holds ") + (deck.structures.front().beam ? "beam" : "shell") +
-           " elements (" + deck.structures.front().type + " element " +
-           std::to_string(deck.structures.front().id) + "), which the own solver does not expand";
+  // CalculiX expands shells and beams into solids whose rows carry the original node's label.
+  // The own solver takes them when asked: the stress recovery and the parallel solver know only
+  // the deck's own solids, and thin expanded solids can fail its checks where CalculiX's
+  // iteration passes (CalculiX's example shellf: a residual of 3.6e-5 at the eighth mode).
+  if (!deck.structures.empty() && (o.solver != Options::kOwn || o.stress)) {
+    const ccx::Structure &first = deck.structures.front();
+    std::string what = std::string(first.beam ? "beam" : "shell") + " elements (" + first.type +
+                       " element " + std::to_string(first.id) + ")";
+    if (o.stress)
+      return "--stress: the model holds " + what + ", whose stresses only CalculiX gives";
+    if (o.solver == Options::kParallel)
+      return "the model holds " + what + ", which the parallel solver does not expand";
+    return "the model holds " + what + ", which the own solver takes with --solver own only";
+  }
   if (!deck.dependent_keyword.empty())
     return "the deck's *" + deck.dependent_keyword +
            " makes degrees of freedom depend on others, which CalculiX's matrices leave out and "
@@ -293,12 +306,17 @@ bool run_and_read(const Options &o, const ccx::Deck &deck, const std::string &di
     if (!ccx::lump_masses(r.matrices, r.map, nodes, r.nodal_mass, r.total_mass)) return false;
   } else if (!ccx::read_knots(dir + "/matrices.12d", deck, r.expansion) ||
              !ccx::map_expanded_rows(deck, r.expansion, r.map) ||
-             !ccx::lump_expanded_masses(r.matrices, r.map, r.expansion, r.nodal_mass,
-                                        r.nodal_inertia, r.total_mass)) {
+             !ccx::expanded_mass_diagonal(deck, r.expansion, r.unit_diagonal) ||
+             !ccx::lump_expanded_masses(r.matrices, r.map, r.expansion, r.unit_diagonal,
+                                        r.nodal_mass, r.nodal_inertia, r.total_mass)) {
     return false;
   }
-  if (!r.unit_mass.empty())
+  if (!r.unit_mass.empty() && deck.structures.empty())
     ccx::share_tied_masses(deck, r.map, r.matrices, r.unit_mass, r.nodal_mass);
+  if (!deck.interfaces.empty() && !deck.structures.empty() &&
+      (!ccx::check_interface_rotations(deck, r.map) ||
+       (!own && !ccx::write_static_shapes(deck, r.map, r.matrices, dir + "/static_shapes.bin"))))
+    return false;
   if (own && o.solver == Options::kParallel) {
     ccx::ParallelJob job;
     job.deck = &deck;
@@ -334,22 +352,14 @@ bool run_and_read(const Options &o, const ccx::Deck &deck, const std::string &di
   return !o.stress || ccx::open_frd(dir + "/modes.frd", r.frd);
 }
 
-// Shells and beams: what the tool cannot yet project is refused before CalculiX runs.
-bool check_structures(const Options &o, const ccx::Deck &deck, ccx::Expansion &expansion) {
-  const char *kind = deck.structures.front().beam ? "beam" : "shell";
-  if (!o.interfaces.empty())
-    return ccx::failed("--interface cannot be used with %s elements (%s element %d)", kind,
-                       deck.structures.front().type.c_str(), deck.structures.front().id);
-  return ccx::build_expansion(deck, expansion);
-}
-
 bool convert(const Options &o, double &calculix_seconds) {
   if (!check_output(o.output)) return false;
   ccx::Deck deck;
   Results r;
   if (!ccx::read_deck(o.deck, deck)) return false;
-  if (!deck.structures.empty() && !check_structures(o, deck, r.expansion)) return false;
+  if (!deck.structures.empty() && !ccx::build_expansion(deck, r.expansion)) return false;
   if (!ccx::add_interfaces(deck, o.interfaces)) return false;
+  if (!deck.structures.empty() && !ccx::tie_interface_nodes(deck, r.expansion)) return false;
   if (deck.has_steps)
     ccx::note("note: the deck holds steps; only its model part before the first *STEP is used");
   std::vector<ccx::Face> faces;
@@ -367,6 +377,13 @@ bool convert(const Options &o, double &calculix_seconds) {
                  (own || std::getenv("CCX2KRX_RECOVER_STRESSES"));
   ok = ok && ((!recover && deck.interfaces.empty()) || ccx::prepare_stresses(deck, stresses));
   if (ok && !deck.interfaces.empty()) ccx::mass_diagonal(stresses, deck, r.unit_mass);
+  // With shells and beams the solids' diagonal is taken while their elements are here; the
+  // expanded elements' joins it once CalculiX has placed the knots.
+  if (ok && !deck.structures.empty()) {
+    ccx::StressModel solids;
+    ok = ccx::prepare_stresses(deck, solids);
+    if (ok) ccx::mass_diagonal(solids, deck, r.unit_diagonal);
+  }
   // The deck's text and elements have served: the model part is written, the skin is known and
   // the stress recovery holds what it needs of the elements.
   std::string().swap(deck.text);
@@ -395,6 +412,7 @@ bool convert(const Options &o, double &calculix_seconds) {
     job.dat = &r.dat;
     job.scratch = dir + "/static_shapes.bin";
     job.own_solver = own;
+    job.statics_written = own || !deck.structures.empty();
     job.stress_model = recover ? &stresses : nullptr;
     ok = ccx::export_model(job);
   }

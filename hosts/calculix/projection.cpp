@@ -139,7 +139,61 @@ void add_block_inertia(const Expansion &e, const DofMap &map, size_t i, int r, i
   }
 }
 
+// The first expanded node of a node tied to an interface point, which has no rows: the rigid
+// body holds the mean of the bottom and top (of the four corners) at u + theta x arm.
+void complete_tie(const Expansion &e, const Expansion::Tie &tie, const std::vector<double> &by_node,
+                  double (*u)[3]) {
+  size_t i = static_cast<size_t>(tie.node);
+  const double *ref = &by_node[6 * static_cast<size_t>(tie.ref)];
+  Vec rigid = cross({ref[3], ref[4], ref[5]}, {tie.arm[0], tie.arm[1], tie.arm[2]});
+  if (e.kind[i] == Expansion::kKnot) {
+    // A knot's translations have no rows: the knot follows the point as a whole.
+    for (int d = 0; d < 3; ++d) u[0][d] = ref[d] + rigid[static_cast<size_t>(d)];
+    return;
+  }
+  int count = complete_count(e, i);
+  if (count == 0) return;
+  bool beam = e.kind[i] == Expansion::kBeam;
+  for (int d = 0; d < 3; ++d) {
+    double sum = beam ? u[1][d] + u[2][d] + u[3][d] : u[count - 1][d];
+    u[0][d] = (beam ? 4.0 : 2.0) * (ref[d] + rigid[static_cast<size_t>(d)]) - sum;
+  }
+}
+
+// Whether the rows' diagonal of every node whose rows are its own (no knot, no node tied to an
+// interface point or to solids, none without rows) is one density times its unit-density
+// diagonal: then that diagonal gives every node its share, knots and tied nodes included.
+bool one_density(const Expansion &e, const std::vector<double> &unit,
+                 const std::vector<double> &rows, const std::vector<unsigned char> &ties) {
+  if (unit.size() != rows.size()) return false;
+  double low = 0.0, high = 0.0;
+  for (size_t i = 0; i < rows.size(); ++i) {
+    if (e.kind[i] == Expansion::kKnot || e.tied[i] || ties[i] || !(rows[i] > 0.0) ||
+        !(unit[i] > 0.0))
+      continue;
+    double density = rows[i] / unit[i];
+    if (low == 0.0) low = high = density;
+    low = std::min(low, density);
+    high = std::max(high, density);
+  }
+  return low > 0.0 && high - low <= 1e-9 * high;
+}
+
 }  // namespace
+
+void place_expanded_rows(const Expansion &e, DofMap &map) {
+  size_t rows = map.row_node.size();
+  map.row_offset.assign(3 * rows, 0.0);
+  for (size_t r = 0; r < rows; ++r) {
+    int node = map.row_node[r], dir = map.row_dir[r];
+    if (node < 0 || dir < 0 || dir > 2) continue;
+    size_t i = static_cast<size_t>(node);
+    int count = complete_count(e, i);
+    if ((e.kind[i] != Expansion::kShell && e.kind[i] != Expansion::kBeam) || count == 0) continue;
+    Vec at = slot_offset(e, i, std::min(map.row_slot[r], kMaxSlots - 1), count);
+    std::copy(at.begin(), at.end(), &map.row_offset[3 * r]);
+  }
+}
 
 void project_rows(const Expansion &e, const DofMap &map, const double *rows,
                   std::vector<double> &by_node) {
@@ -160,6 +214,12 @@ void project_rows(const Expansion &e, const DofMap &map, const double *rows,
     if (e.slots[3 * i + static_cast<size_t>(dir)] != complete_count(e, i) || slot >= kMaxSlots)
       continue;
     expanded[(kMaxSlots * i + static_cast<size_t>(slot)) * 3 + static_cast<size_t>(dir)] = rows[r];
+  }
+  for (const Expansion::Tie &tie : e.ties) {
+    size_t i = static_cast<size_t>(tie.node);
+    double(*u)[3] = reinterpret_cast<double(*)[3]>(&expanded[kMaxSlots * 3 * i]);
+    complete_tie(e, tie, by_node, u);
+    if (e.kind[i] == Expansion::kKnot) std::copy(u[0], u[0] + 3, &by_node[6 * i]);
   }
   for (size_t i = 0; i < nodes; ++i) {
     int count = complete_count(e, i);
@@ -222,8 +282,11 @@ void project_stresses(const Expansion &e, const Deck &deck, int surface,
 // the thickness or over the section as the element does), and scaled from that block's mass to
 // the node's lumped mass: corners alone would give a section three times its inertia.
 bool lump_expanded_masses(const Matrices &m, const DofMap &map, const Expansion &e,
-                          std::vector<double> &nodal, std::vector<double> &inertia, double &total) {
+                          const std::vector<double> &unit, std::vector<double> &nodal,
+                          std::vector<double> &inertia, double &total) {
   size_t nodes = e.kind.size();
+  std::vector<unsigned char> ties(nodes, 0);
+  for (const Expansion::Tie &tie : e.ties) ties[static_cast<size_t>(tie.node)] = 1;
   std::vector<double> slot_sum(static_cast<size_t>(kMaxSlots) * nodes, 0.0);
   std::vector<unsigned char> slot_rows(static_cast<size_t>(kMaxSlots) * nodes, 0);
   std::vector<double> block(9 * nodes, 0.0), block_mass(nodes, 0.0);
@@ -258,21 +321,43 @@ bool lump_expanded_masses(const Matrices &m, const DofMap &map, const Expansion 
       ++slot_rows[at];
     }
   }
-  double sum = 0.0;
-  for (size_t at = 0; at < slot_sum.size(); ++at) {
+  for (size_t at = 0; at < slot_sum.size(); ++at)
     slot_sum[at] = slot_rows[at] ? slot_sum[at] / slot_rows[at] : 0.0;
-    sum += slot_sum[at];
+  // A node tied to an interface point has no rows of its first expanded node, whose mass its
+  // last one's stands for (bottom and top, or the corners, mirror each other); the reference
+  // node's rows carry that mass condensed, so that a set of shell and beam nodes alone leaves
+  // the reference node none. A knot in the set has no translation rows at all: its mass stays
+  // with the reference node.
+  std::vector<double> knot_rows(nodes, 0.0);  // a knot's translation rows: its block's mass
+  for (size_t i = 0; i < nodes; ++i)
+    if (e.kind[i] == Expansion::kKnot) knot_rows[i] = slot_sum[kMaxSlots * i];
+  std::vector<int> bare = e.bare_refs;
+  for (const Expansion::Tie &tie : e.ties) {
+    size_t at = static_cast<size_t>(kMaxSlots) * static_cast<size_t>(tie.node);
+    size_t i = static_cast<size_t>(tie.node);
+    if (e.kind[i] == Expansion::kKnot)
+      bare.erase(std::remove(bare.begin(), bare.end(), tie.ref), bare.end());
+    int mirror = e.kind[i] == Expansion::kBeam ? 1 : std::max(count[i] - 1, 0);
+    slot_sum[at] = slot_sum[at + static_cast<size_t>(mirror)];
   }
+  for (int ref : bare) slot_sum[static_cast<size_t>(kMaxSlots) * static_cast<size_t>(ref)] = 0.0;
+  nodal.assign(nodes, 0.0);
+  for (size_t i = 0; i < nodes; ++i)
+    for (int s = 0; s < kMaxSlots; ++s) nodal[i] += slot_sum[kMaxSlots * i + s];
+  const std::vector<double> &share = one_density(e, unit, nodal, ties) ? unit : nodal;
+  double sum = 0.0;
+  for (double v : share) sum += v;
   if (!(total > 0.0) || !(sum > 0.0))
     return failed("the mass matrix gives no positive total mass (%g); check *DENSITY", total);
   double scale = total / sum;
-  nodal.assign(nodes, 0.0);
+  for (size_t i = 0; i < nodes; ++i) nodal[i] = share[i] * scale;
   inertia.assign(6 * nodes, 0.0);
   for (size_t i = 0; i < nodes; ++i) {
-    for (int s = 0; s < kMaxSlots; ++s) nodal[i] += slot_sum[kMaxSlots * i + s] * scale;
     const double *B = &block[9 * i];
-    // The block's mass counts each of the three directions.
-    double factor = e.kind[i] == Expansion::kKnot ? 1.0
+    // The block's mass counts each of the three directions; a knot's block is that of its
+    // translation rows.
+    double factor = e.kind[i] == Expansion::kKnot ? (knot_rows[i] > 0.0 ? nodal[i] / knot_rows[i]
+                                                                         : 0.0)
                     : block_mass[i] > 0.0         ? 3.0 * nodal[i] / block_mass[i]
                                                   : 0.0;
     const double entries[6] = {B[0], B[4], B[8], B[1], B[2], B[5]};

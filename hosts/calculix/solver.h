@@ -98,6 +98,15 @@ void share_tied_masses(const Deck &deck, const DofMap &map, const Matrices &m,
 bool constraint_modes(const Matrices &m, const std::vector<int> &held, Factor &f,
                       std::vector<double> &shapes);
 
+// CalculiX ties shell and beam nodes to an interface point by their translations alone: fails a
+// point whose set lies on one line, which leaves a rotation of the point without a row.
+bool check_interface_rotations(const Deck &deck, const DofMap &map);
+// The static shapes of the interface rows from the matrices (K_ii factored here), written to path
+// one after the other as the own path writes them: CalculiX's path takes them from there where
+// its .dat cannot give the rows (shells and beams).
+bool write_static_shapes(const Deck &deck, const DofMap &map, const Matrices &m,
+                         const std::string &path);
+
 // The rows of the interface points in the order of the static shapes: per point the reference
 // node's three translations, then the rotation node's three rotations.
 bool interface_rows(const Deck &deck, const DofMap &map, std::vector<int> &held);
