@@ -210,9 +210,11 @@ TEST(StressRecovery, GivesTheStrainsOfFieldsTheElementHolds) {
   for (const Case &c : cases) {
     SCOPED_TRACE(c.type);
     ccx::Deck deck;
-    deck.young = young;
-    deck.poisson = poisson;
+    deck.materials = {{"STEEL", young, poisson, true}};
+    deck.solid_sections = {{"SOLID", "STEEL"}};
+    deck.element_sets = {{"SOLID", {7}}};
     ccx::Element e;
+    e.id = 7;
     e.shape = c.shape;
     e.rule = c.rule;
     for (int n = 0; n < c.nodes; ++n) {

@@ -116,13 +116,15 @@ struct OwnJob {
 };
 bool solve_own(const OwnJob &job, EigenFile &eig);
 
-// Nodal stresses recovered from displacements as CalculiX recovers them, for the deck's one
-// isotropic linear elastic material: prepare once (the elements, their integration rules and
-// extrapolations), then recover mode by mode. stresses gets six values per entry of
-// deck.node_ids in CalculiX's order xx yy zz xy yz zx; nodes of no element get zeros.
+// Nodal stresses recovered from displacements as CalculiX recovers them, for isotropic linear
+// elastic materials given to the elements by the solid sections: prepare once (the elements, their
+// materials, integration rules and extrapolations), then recover mode by mode. stresses gets six
+// values per entry of deck.node_ids in CalculiX's order xx yy zz xy yz zx; nodes of no element
+// get zeros.
 struct StressKind;
 struct StressModel {
-  double lambda = 0.0, mu = 0.0;  // Lame's constants
+  std::vector<double> lame;       // per material, Lame's constants lambda and mu
+  std::vector<int> material;      // per element, into lame (two values each)
   std::vector<int> kind;          // per element, into kinds
   std::vector<int64_t> first;     // per element, its first entry of nodes
   std::vector<int> nodes;         // node indices into deck.node_ids
