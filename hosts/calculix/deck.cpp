@@ -532,8 +532,8 @@ void check_section_materials(Deck &deck) {
       refuse_material(deck, "the *SOLID SECTION of " + section.elset + " names material " +
                                 section.material + ", which the deck does not define");
     else if (!(used->young > 0.0))
-      refuse_material(deck, "material " + used->name +
-                                " has no *ELASTIC with a positive Young's modulus");
+      refuse_material(
+          deck, "material " + used->name + " has no *ELASTIC with a positive Young's modulus");
   }
 }
 
