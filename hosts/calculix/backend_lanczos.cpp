@@ -108,10 +108,11 @@ bool null_motions(const Matrices &m, const std::vector<double> &motions, double 
   return true;
 }
 
-// A start vector with every direction in it, the same on every run, without the deflated modes.
-std::vector<double> start_vector(const ShiftInvertOp &op) {
+// A start vector with every direction in it, the same on every run with the same seed, without
+// the deflated modes.
+std::vector<double> start_vector(const ShiftInvertOp &op, uint64_t seed) {
   std::vector<double> v(static_cast<size_t>(op.n));
-  uint64_t state = 0x9E3779B97F4A7C15ull;
+  uint64_t state = 0x9E3779B97F4A7C15ull + seed;
   for (double &x : v) {
     state ^= state << 13;
     state ^= state >> 7;
@@ -125,8 +126,9 @@ std::vector<double> start_vector(const ShiftInvertOp &op) {
 }  // namespace
 
 bool lowest_modes(const Matrices &m, Factor &f, double sigma, int wanted,
-                  const std::vector<double> &motions, Modes &modes) {
+                  const std::vector<double> &motions, Modes &modes, int more) {
   int nev = wanted + kExtraModes;
+  if (more > 0) nev = std::min(nev + more, m.n - 1);
   if (nev >= m.n)
     return failed("%d modes asked, but the model has %d degrees of freedom (%d at most)", wanted,
                   m.n, m.n - kExtraModes - 1);
@@ -139,14 +141,15 @@ bool lowest_modes(const Matrices &m, Factor &f, double sigma, int wanted,
   if (rigid + lanczos >= m.n)
     return failed("%d modes asked, but the model has %d degrees of freedom (%d at most)", wanted,
                   m.n, m.n - kExtraModes - 1 - rigid);
-  int ncv = std::min(m.n - rigid, std::max(2 * lanczos + 1, 20));
+  // A second run gets a wider subspace: a mode the first one missed is weak in its start vector.
+  int ncv = std::min(m.n - rigid, std::max((more > 0 ? 3 : 2) * lanczos + 1, 20));
   ShiftInvertOp op{&f, m.n, &z, &m_z};
   MassOp mass{&m};
   Spectra::SymGEigsShiftSolver<ShiftInvertOp, MassOp, Spectra::GEigsMode::ShiftInvert> solver(
       op, mass, lanczos, ncv, sigma);
   int converged = 0;
   try {
-    std::vector<double> start = start_vector(op);
+    std::vector<double> start = start_vector(op, static_cast<uint64_t>(more));
     solver.init(start.data());
     converged = static_cast<int>(solver.compute(
         Spectra::SortRule::LargestMagn, 1000, kLanczosTolerance, Spectra::SortRule::SmallestAlge));
