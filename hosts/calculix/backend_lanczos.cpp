@@ -6,6 +6,7 @@
 #include <Eigen/Eigenvalues>
 #include <algorithm>
 #include <cmath>
+#include <memory>
 
 #include "solver.h"
 
@@ -145,13 +146,14 @@ bool lowest_modes(const Matrices &m, Factor &f, double sigma, int wanted,
   int ncv = std::min(m.n - rigid, std::max((more > 0 ? 3 : 2) * lanczos + 1, 20));
   ShiftInvertOp op{&f, m.n, &z, &m_z};
   MassOp mass{&m};
-  Spectra::SymGEigsShiftSolver<ShiftInvertOp, MassOp, Spectra::GEigsMode::ShiftInvert> solver(
-      op, mass, lanczos, ncv, sigma);
+  using Solver =
+      Spectra::SymGEigsShiftSolver<ShiftInvertOp, MassOp, Spectra::GEigsMode::ShiftInvert>;
+  auto solver = std::make_unique<Solver>(op, mass, lanczos, ncv, sigma);
   int converged = 0;
   try {
     std::vector<double> start = start_vector(op, static_cast<uint64_t>(more));
-    solver.init(start.data());
-    converged = static_cast<int>(solver.compute(
+    solver->init(start.data());
+    converged = static_cast<int>(solver->compute(
         Spectra::SortRule::LargestMagn, 1000, kLanczosTolerance, Spectra::SortRule::SmallestAlge));
   } catch (const std::bad_alloc &) {
     throw;
@@ -160,15 +162,18 @@ bool lowest_modes(const Matrices &m, Factor &f, double sigma, int wanted,
   }
   modes.solves = op.solves;
   if (!op.ok) return false;
-  if (solver.info() != Spectra::CompInfo::Successful || converged < lanczos)
+  if (solver->info() != Spectra::CompInfo::Successful || converged < lanczos)
     return failed("Lanczos converged %d of %d modes in %d solves", converged, lanczos, op.solves);
   modes.wanted = wanted;
   modes.rigid = rigid;
-  Eigen::VectorXd values = solver.eigenvalues();
+  Eigen::VectorXd values = solver->eigenvalues();
+  Eigen::MatrixXd vectors = solver->eigenvectors();
+  // The basis (ncv vectors) goes before the modes are copied out of the Ritz vectors: beside the
+  // factor, the basis, the Ritz vectors and the modes together would make the tool's peak.
+  solver.reset();
   modes.values = rigid_values;
   modes.values.insert(modes.values.end(), values.data(), values.data() + lanczos);
   modes.vectors = std::move(z);
-  Eigen::MatrixXd vectors = solver.eigenvectors();
   modes.vectors.insert(modes.vectors.end(), vectors.data(), vectors.data() + vectors.size());
   return true;
 }
