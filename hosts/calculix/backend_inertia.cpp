@@ -74,6 +74,9 @@ Outcome factor_and_count(const Matrices &m, double shift, const std::vector<int6
   id.icntl[6] = order.empty() ? 7 : 1;  // the given ordering, else MUMPS's choice
   id.perm_in = order.empty() ? nullptr : order.data();
   id.icntl[12] = 1;  // the root front factored here too, so that its pivots are counted
+  // Only the pivots' signs are wanted: each front's factor is dropped once it is made, so that
+  // the child holds the active fronts and not the whole factor.
+  id.icntl[30] = 1;
   call_mumps(id, 4);  // analysis and factorisation
   out.error = id.infog[0];
   out.detail = id.infog[1];

@@ -64,6 +64,20 @@ struct ElementSet {
   std::vector<int> ids;
 };
 
+// A *MATERIAL with its name in upper case and the constants of its *ELASTIC (zero without one).
+struct Material {
+  std::string name;
+  double young = 0.0;
+  double poisson = 0.0;
+  bool elastic = false;  // an *ELASTIC card was read
+};
+
+// A *SOLID SECTION: its element set and material, in upper case.
+struct SolidSection {
+  std::string elset;
+  std::string material;
+};
+
 // The model part of a deck: everything before the first *STEP, with *INCLUDEs read in.
 struct Deck {
   std::string text;        // the model part as written to model.inp
@@ -83,13 +97,12 @@ struct Deck {
   int solid_nodes = 0;            // entries of node_ids that elements use
   int tied_nodes = 0;             // nodes of the solid elements in interface sets
   std::string dependent_keyword;  // the first *EQUATION, *TIE, *MPC, ... of the model part
-  // The material for stresses: Young's modulus and Poisson's ratio of the one isotropic linear
-  // elastic material, or why the deck has none such (several materials, another *ELASTIC type,
-  // a temperature table, *ORIENTATION, plasticity).
-  double young = 0.0;
-  double poisson = 0.0;
+  // The materials for stresses: each *MATERIAL's isotropic *ELASTIC constants, each *SOLID
+  // SECTION's element set and material, or why the deck's stresses cannot be recovered as
+  // CalculiX's (another *ELASTIC type, a temperature table, *ORIENTATION, plasticity).
+  std::vector<Material> materials;
+  std::vector<SolidSection> solid_sections;
   std::string material_refusal;
-  std::vector<std::string> section_materials;  // MATERIAL= of each *SOLID SECTION
   std::vector<Interface> interfaces;
 };
 
@@ -99,6 +112,8 @@ bool read_deck(const std::string &path, Deck &deck);
 // Reads deck text (no file): the part of read_deck that tests can feed by hand. base_dir resolves
 // *INCLUDE names.
 bool parse_deck(const std::string &text, const std::string &base_dir, Deck &deck);
+// The deck's material of that name (upper case), or null.
+const Material *find_material(const Deck &deck, const std::string &name);
 // Position of a node id in deck.node_ids, -1 when the node is not used by a solid element.
 int node_index(const Deck &deck, int id);
 

@@ -201,19 +201,26 @@ void take_material_keyword(Parser &p, const Keyword &k) {
                                            "CYCLICHARDENING"};
   if (k.name == "MATERIAL") {
     p.material = upper_without_blanks(param(k, "NAME"));
+    deck.materials.push_back(Material{p.material});
   } else if (k.name == "ELASTIC") {
     std::string type = upper_without_blanks(param(k, "TYPE"));
     if (!type.empty() && type != "ISO" && type != "ISOTROPIC")
       refuse_material(deck, "material " + p.material + " has *ELASTIC, TYPE=" + type);
-    if (deck.young != 0.0 || deck.poisson != 0.0)
-      refuse_material(deck, "the deck has more than one *ELASTIC");
-    p.elastic_lines = 0;
+    if (deck.materials.empty()) {
+      refuse_material(deck, "an *ELASTIC stands before any *MATERIAL");
+    } else {
+      if (deck.materials.back().elastic)
+        refuse_material(deck, "material " + p.material + " has more than one *ELASTIC");
+      deck.materials.back().elastic = true;
+      p.elastic_lines = 0;
+    }
   } else if (k.name == "ORIENTATION") {
     refuse_material(deck, "the deck has an *ORIENTATION");
   } else if (k.name == "SOLIDSECTION") {
     if (!param(k, "ORIENTATION").empty())
       refuse_material(deck, "a *SOLID SECTION has an ORIENTATION");
-    deck.section_materials.push_back(upper_without_blanks(param(k, "MATERIAL")));
+    deck.solid_sections.push_back(SolidSection{upper_without_blanks(param(k, "ELSET")),
+                                               upper_without_blanks(param(k, "MATERIAL"))});
   }
   for (const char *name : kInelastic)
     if (k.name == name) refuse_material(deck, "material " + p.material + " has *" + k.name);
@@ -349,8 +356,8 @@ bool take_data(Parser &p, const std::string &line) {
     append_numbers(line, v);
     if (++p.elastic_lines > 1)
       refuse_material(p.deck, "material " + p.material + " has a temperature table of *ELASTIC");
-    p.deck.young = v.size() > 0 ? v[0] : 0.0;
-    p.deck.poisson = v.size() > 1 ? v[1] : 0.0;
+    p.deck.materials.back().young = v.size() > 0 ? v[0] : 0.0;
+    p.deck.materials.back().poisson = v.size() > 1 ? v[1] : 0.0;
     return true;
   }
   if (p.block == "NODE") {
@@ -503,20 +510,37 @@ int node_count_of_type(const std::string &type) {
 
 int corner_count(int shape) { return shape == 0 ? 4 : shape == 1 ? 6 : 8; }
 
+const Material *find_material(const Deck &deck, const std::string &name) {
+  for (const Material &m : deck.materials)
+    if (m.name == name) return &m;
+  return nullptr;
+}
+
 int node_index(const Deck &deck, int id) {
   auto it = std::lower_bound(deck.node_ids.begin(), deck.node_ids.end(), id);
   if (it == deck.node_ids.end() || *it != id) return -1;
   return static_cast<int>(it - deck.node_ids.begin());
 }
 
+// Every material that a solid section uses needs Young's modulus for the stresses.
+void check_section_materials(Deck &deck) {
+  if (deck.solid_sections.empty())
+    refuse_material(deck, "the deck has no *SOLID SECTION, which names the material");
+  for (const SolidSection &section : deck.solid_sections) {
+    const Material *used = find_material(deck, section.material);
+    if (!used)
+      refuse_material(deck, "the *SOLID SECTION of " + section.elset + " names material " +
+                                section.material + ", which the deck does not define");
+    else if (!(used->young > 0.0))
+      refuse_material(
+          deck, "material " + used->name + " has no *ELASTIC with a positive Young's modulus");
+  }
+}
+
 bool parse_deck(const std::string &text, const std::string &base_dir, Deck &deck) {
   Parser p{deck, "", "", 0, false, false, {}, nullptr, nullptr, nullptr, "", -1, false, {}, {}};
   if (!walk_text(p, text, base_dir, 0)) return false;
-  for (const std::string &used : deck.section_materials)
-    if (used != deck.section_materials.front())
-      refuse_material(deck, "the solid sections use more than one material");
-  if (deck.material_refusal.empty() && !(deck.young > 0.0))
-    refuse_material(deck, "the deck has no *ELASTIC with a positive Young's modulus");
+  check_section_materials(deck);
   if (deck.elements.empty() && deck.structures.empty())
     return failed(
         "the deck holds no element (solid C3D4, C3D10, C3D6, C3D15, C3D8, C3D8R, C3D20, "

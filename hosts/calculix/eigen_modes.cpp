@@ -76,8 +76,6 @@ bool check_residuals(const Matrices &m, const Modes &modes, double tolerance) {
   return true;
 }
 
-// The shift goes into the widest relative gap after the last wanted eigenvalue; the count below it
-// must be the number of modes computed below it.
 bool check_missed_modes(const Matrices &m, const std::vector<int64_t> &ordering, const Modes &modes,
                         double &seconds) {
   return check_mode_count(
@@ -88,7 +86,18 @@ bool check_missed_modes(const Matrices &m, const std::vector<int64_t> &ordering,
       seconds);
 }
 
-bool check_mode_count(const Modes &modes, const EigenvalueCounter &count_below, double &seconds) {
+namespace {
+
+// The shift goes into the widest relative gap after the last wanted eigenvalue; found is the
+// number of modes computed below it, below the count of the model's eigenvalues there.
+struct ModeCount {
+  double shift = 0.0;
+  size_t found = 0;
+  int64_t below = 0;
+};
+
+bool count_modes(const Modes &modes, const EigenvalueCounter &count_below, ModeCount &count,
+                 double &seconds) {
   const std::vector<double> &v = modes.values;
   // Never inside the rigid-body modes, whose eigenvalues are zero to rounding.
   size_t first = static_cast<size_t>(std::max(modes.wanted, modes.rigid));
@@ -101,19 +110,47 @@ bool check_mode_count(const Modes &modes, const EigenvalueCounter &count_below, 
       split = s;
     }
   }
-  double shift = 0.5 * (v[split - 1] + v[split]);
+  count.shift = 0.5 * (v[split - 1] + v[split]);
+  count.found = split;
   auto begin = std::chrono::steady_clock::now();
-  int64_t count = 0;
-  bool ok = count_below(shift, count);
-  seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
-  if (!ok) return false;
-  if (count != static_cast<int64_t>(split))
-    return failed(
-        "the model has %lld eigenvalues below %.7g, but Lanczos found %zu: %s; ask for "
-        "more modes or report the model",
-        static_cast<long long>(count), shift, split,
-        count > static_cast<int64_t>(split) ? "it missed a mode" : "the count disagrees");
-  return true;
+  bool ok = count_below(count.shift, count.below);
+  seconds += std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
+  return ok;
+}
+
+bool agree(const ModeCount &count) {
+  if (count.below == static_cast<int64_t>(count.found)) return true;
+  return failed(
+      "the model has %lld eigenvalues below %.7g, but Lanczos found %zu: %s; ask for "
+      "more modes or report the model",
+      static_cast<long long>(count.below), count.shift, count.found,
+      count.below > static_cast<int64_t>(count.found) ? "it missed a mode" : "the count disagrees");
+}
+
+}  // namespace
+
+bool check_mode_count(const Modes &modes, const EigenvalueCounter &count_below, double &seconds) {
+  ModeCount count;
+  seconds = 0.0;
+  return count_modes(modes, count_below, count, seconds) && agree(count);
+}
+
+bool solve_and_count(const ModeSolver &solve, const EigenvalueCounter &count_below, Modes &modes,
+                     double &seconds) {
+  seconds = 0.0;
+  ModeCount count;
+  if (!solve(0, modes) || !count_modes(modes, count_below, count, seconds)) return false;
+  int64_t missed = count.below - static_cast<int64_t>(count.found);
+  if (missed <= 0) return agree(count);
+  note(
+      "note: the model has %lld eigenvalues below %.7g, Lanczos found %zu; computing again with "
+      "%lld more modes and a wider subspace",
+      static_cast<long long>(count.below), count.shift, count.found,
+      static_cast<long long>(missed + kExtraModes));
+  if (!solve(static_cast<int>(missed) + kExtraModes, modes) ||
+      !count_modes(modes, count_below, count, seconds))
+    return false;
+  return agree(count);
 }
 
 }  // namespace ccx

@@ -246,7 +246,7 @@ std::string own_solver_refusal(const Options &o, const ccx::Deck &deck) {
            "the own solver cannot rebuild";
   if (o.stress && !deck.material_refusal.empty())
     return "--stress: " + deck.material_refusal +
-           ", and the own solver recovers stresses of one isotropic linear elastic material only";
+           ", and the own solver recovers stresses of isotropic linear elastic materials only";
   return "";
 }
 

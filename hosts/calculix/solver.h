@@ -58,8 +58,10 @@ struct Modes {
   int rigid = 0;  // the modes taken from the motions
   int solves = 0;
 };
+// `more` modes beyond those are computed, with a wider subspace and another start vector, when a
+// first run missed some.
 bool lowest_modes(const Matrices &m, Factor &f, double sigma, int wanted,
-                  const std::vector<double> &motions, Modes &modes);
+                  const std::vector<double> &motions, Modes &modes, int more = 0);
 
 // ---- the stages -------------------------------------------------------------------------------
 
@@ -85,6 +87,12 @@ bool check_missed_modes(const Matrices &m, const std::vector<int64_t> &ordering,
 // The same check with any back-end's count of the eigenvalues below a shift.
 using EigenvalueCounter = std::function<bool(double shift, int64_t &count)>;
 bool check_mode_count(const Modes &modes, const EigenvalueCounter &count_below, double &seconds);
+// The modes by solve(more, modes) (lowest_modes' `more`), then the count: where the model has
+// more eigenvalues below the count's shift than the modes found, a note says so and solve runs
+// once more with that many more modes; a mode still missed fails the run.
+using ModeSolver = std::function<bool(int more, Modes &modes)>;
+bool solve_and_count(const ModeSolver &solve, const EigenvalueCounter &count_below, Modes &modes,
+                     double &seconds);
 
 // Gives the nodes tied to interface points the lumped masses of the untied model (scaled as the
 // others), taken from their reference node's, when CalculiX's mass diagonal is the density times
@@ -125,13 +133,15 @@ struct OwnJob {
 };
 bool solve_own(const OwnJob &job, EigenFile &eig);
 
-// Nodal stresses recovered from displacements as CalculiX recovers them, for the deck's one
-// isotropic linear elastic material: prepare once (the elements, their integration rules and
-// extrapolations), then recover mode by mode. stresses gets six values per entry of
-// deck.node_ids in CalculiX's order xx yy zz xy yz zx; nodes of no element get zeros.
+// Nodal stresses recovered from displacements as CalculiX recovers them, for isotropic linear
+// elastic materials given to the elements by the solid sections: prepare once (the elements, their
+// materials, integration rules and extrapolations), then recover mode by mode. stresses gets six
+// values per entry of deck.node_ids in CalculiX's order xx yy zz xy yz zx; nodes of no element
+// get zeros.
 struct StressKind;
 struct StressModel {
-  double lambda = 0.0, mu = 0.0;  // Lame's constants
+  std::vector<double> lame;       // per material, Lame's constants lambda and mu
+  std::vector<int> material;      // per element, into lame (two values each)
   std::vector<int> kind;          // per element, into kinds
   std::vector<int64_t> first;     // per element, its first entry of nodes
   std::vector<int> nodes;         // node indices into deck.node_ids

@@ -3,6 +3,7 @@
 // the element's nodes through the field that the points determine (constant, linear, trilinear,
 // triquadratic; in the fifteen-node wedge linear in the layer and a fitted line across), and each
 // node's mean over the elements that share it.
+#include <algorithm>
 #include <array>
 #include <cmath>
 #include <memory>
@@ -240,9 +241,42 @@ struct StressKind {
   std::vector<double> to_nodes;              // nodes x points
 };
 
+namespace {
+
+// Each element's material: the solid sections' element sets name the elements, a later section
+// taking an element from an earlier one.
+bool element_materials(const Deck &deck, StressModel &model) {
+  std::vector<std::pair<int, int>> by_id;  // element id, index
+  by_id.reserve(deck.elements.size());
+  for (size_t e = 0; e < deck.elements.size(); ++e)
+    by_id.emplace_back(deck.elements[e].id, static_cast<int>(e));
+  std::sort(by_id.begin(), by_id.end());
+  model.material.assign(deck.elements.size(), -1);
+  model.lame.clear();
+  for (const SolidSection &section : deck.solid_sections) {
+    const Material *m = find_material(deck, section.material);
+    auto set = std::find_if(deck.element_sets.begin(), deck.element_sets.end(),
+                            [&](const ElementSet &s) { return s.name == section.elset; });
+    if (!m || set == deck.element_sets.end()) continue;  // CalculiX says what is wrong
+    int index = static_cast<int>(model.lame.size() / 2);
+    model.lame.push_back(m->young * m->poisson / ((1.0 + m->poisson) * (1.0 - 2.0 * m->poisson)));
+    model.lame.push_back(m->young / (2.0 * (1.0 + m->poisson)));
+    for (int id : set->ids) {
+      auto it = std::lower_bound(by_id.begin(), by_id.end(), std::make_pair(id, 0));
+      if (it != by_id.end() && it->first == id) model.material[it->second] = index;
+    }
+  }
+  for (size_t e = 0; e < deck.elements.size(); ++e)
+    if (model.material[e] < 0)
+      return failed("element %d is in no *SOLID SECTION with a material: its stresses need one",
+                    deck.elements[e].id);
+  return true;
+}
+
+}  // namespace
+
 bool prepare_stresses(const Deck &deck, StressModel &model) {
-  model.lambda = deck.young * deck.poisson / ((1.0 + deck.poisson) * (1.0 - 2.0 * deck.poisson));
-  model.mu = deck.young / (2.0 * (1.0 + deck.poisson));
+  if (!element_materials(deck, model)) return false;
   model.first.assign(1, 0);
   model.nodes.clear();
   model.kind.clear();
@@ -310,6 +344,8 @@ void recover_stresses(const StressModel &model, const Deck &deck,
     const StressKind &k = *model.kinds[static_cast<size_t>(model.kind[e])];
     const int *nodes = &model.nodes[static_cast<size_t>(model.first[e])];
     size_t g = k.rule.points.size();
+    double lambda = model.lame[2 * static_cast<size_t>(model.material[e])];
+    double mu = model.lame[2 * static_cast<size_t>(model.material[e]) + 1];
     at_points.assign(6 * g, 0.0);
     for (size_t p = 0; p < g; ++p) {
       const std::vector<Dual> &n = k.at_points[p];
@@ -331,10 +367,10 @@ void recover_stresses(const StressModel &model, const Deck &deck,
       }
       double trace = grad[0][0] + grad[1][1] + grad[2][2];
       double *s = &at_points[6 * p];
-      for (int i = 0; i < 3; ++i) s[i] = model.lambda * trace + 2.0 * model.mu * grad[i][i];
-      s[3] = model.mu * (grad[0][1] + grad[1][0]);
-      s[4] = model.mu * (grad[1][2] + grad[2][1]);
-      s[5] = model.mu * (grad[2][0] + grad[0][2]);
+      for (int i = 0; i < 3; ++i) s[i] = lambda * trace + 2.0 * mu * grad[i][i];
+      s[3] = mu * (grad[0][1] + grad[1][0]);
+      s[4] = mu * (grad[1][2] + grad[2][1]);
+      s[5] = mu * (grad[2][0] + grad[0][2]);
     }
     for (int a = 0; a < k.nodes; ++a) {
       double *out = &stresses[6 * static_cast<size_t>(nodes[a])];

@@ -4,7 +4,9 @@ session) and the exports of each mesh by ccx2krx (run once per session and set o
 CCX2KRX and KRXDUMP name the tools (CTest passes the build's); ccx and gmsh must be on PATH (or
 named by CCX and GMSH): a machine without them fails these tests rather than skipping them."""
 
+import itertools
 import os
+import re
 import shutil
 import subprocess
 import sys
@@ -34,7 +36,8 @@ MODES = 12
 # ten-node tetrahedron keeps its corners as a four-node one).
 DERIVED = {"bar_c3d8r": ("bar_c3d8", "C3D8", "C3D8R"),
            "bar_c3d20r": ("bar_c3d20", "C3D20", "C3D20R"),
-           "bracket_c3d4": ("bracket_c3d10", "C3D10", "C3D4")}
+           "bracket_c3d4": ("bracket_c3d10", "C3D10", "C3D4"),
+           "bar_two_materials": ("bar_c3d20", "STEEL", "ALUMINIUM")}
 
 
 @dataclass
@@ -68,9 +71,35 @@ def krxdump():
     return _tool("KRXDUMP")
 
 
+def two_materials(path, derived_path, old, new):
+    """A copy of the deck whose first half of elements is of material old, the second half of
+    material new (aluminium, with a density of its own)."""
+    with open(path) as f:
+        text = f.read()
+    section = f"*SOLID SECTION, ELSET=SOLID, MATERIAL={old}\n"
+    assert section in text
+    head, *lines = text.split("*ELEMENT")[1].splitlines()
+    numbers = [int(v) for line in itertools.takewhile(lambda line: not line.startswith("*"), lines)
+               for v in line.split(",") if v.strip()]
+    ids = numbers[::1 + int(re.search(r"C3D(\d+)", head).group(1))]  # the id, then the nodes
+
+    def elset(name, part):
+        return f"*ELSET, ELSET={name}\n" + "".join(f"{i},\n" for i in part)
+
+    half = len(ids) // 2
+    text = text.replace(section, elset("FIRST", ids[:half]) + elset("OTHER", ids[half:]) +
+                        f"*SOLID SECTION, ELSET=FIRST, MATERIAL={old}\n"
+                        f"*SOLID SECTION, ELSET=OTHER, MATERIAL={new}\n")
+    with open(derived_path, "w") as f:
+        f.write(text + f"*MATERIAL, NAME={new}\n*ELASTIC\n70000, 0.34\n*DENSITY\n2.7e-9\n")
+    return derived_path
+
+
 def derive_deck(path, derived_path, old, new):
     """A copy of the deck with its elements of type old made of type new, with as many of their
     nodes as new takes."""
+    if not old.startswith("C3D"):
+        return two_materials(path, derived_path, old, new)
     keep = {"C3D4": 4}.get(new)
     out, inside = [], False
     with open(path) as f:

@@ -36,7 +36,7 @@ def test_recovered_stresses_of_calculix_modes_are_calculix_own(export, name):
         assert worst_up_to_sign(nodal_stresses(f, k, ids), theirs) < 1e-4, f"{name} mode {k + 1}"
 
 
-@pytest.mark.parametrize("name", list(MODELS))
+@pytest.mark.parametrize("name", list(MODELS) + ["bar_two_materials"])
 def test_own_stresses_are_calculix_own(export, name):
     e = export(name, solver="own")
     f = e.read()
