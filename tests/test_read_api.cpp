@@ -53,6 +53,7 @@ TEST(ReadApi, ReadsEveryGenerationEncodingAndPrecision) {
     SCOPED_TRACE(version);
     krxtest::Sample s;
     s.version = version;
+    s.mass_dims = version == 316 ? 3 : 1;  // three values a node are averaged
     const std::string path = dir.file(std::to_string(version) + ".krx");
     ASSERT_TRUE(krxtest::write_sample(path, s));
     Handle h(path);
@@ -70,6 +71,14 @@ TEST(ReadApi, ReadsEveryGenerationEncodingAndPrecision) {
     std::vector<double> xyz(9);
     ASSERT_EQ(KRX_OK, krx_read_coordinates(h.file, xyz.data()));
     EXPECT_EQ(xyz, (std::vector<double>{0, 0.5, 1, 1, 1.5, 2, 2, 2.5, 3}));
+    std::vector<double> masses(3), inertias(27);
+    ASSERT_EQ(KRX_OK, krx_read_nodal_masses(h.file, masses.data()));
+    EXPECT_EQ(masses, version == 316 ? (std::vector<double>{2, 3, 4}) : (std::vector<double>{1, 2, 3}));
+    // Entries (4, 4), (5, 4) of the first node and (6, 6) of the second; (5, 4) stands for (4, 5).
+    ASSERT_EQ(KRX_OK, krx_read_nodal_inertias(h.file, inertias.data()));
+    std::vector<double> expected(27, 0.0);
+    expected[0] = 1.5, expected[1] = expected[3] = 0.25, expected[9 + 8] = 2.5;
+    EXPECT_EQ(inertias, expected);
     std::vector<int32_t> numbers = version == 10 ? std::vector<int32_t>{1, 2} : s.mode_numbers;
     expect_modes(h, KRX_MODE_SHAPE, s.ids, numbers);
     expect_modes(h, KRX_MODE_STRESS, s.stress_ids, numbers);
@@ -148,6 +157,7 @@ TEST(ReadApi, AnswersBadRequestsWithCodesAndKeepsServing) {
   std::vector<double> values(100);
   EXPECT_EQ(KRX_ERROR_ARGUMENT, krx_count(nullptr, KRX_COUNT_NODES, &n));
   EXPECT_EQ(KRX_ERROR_ARGUMENT, krx_count(h.file, 99, &n));
+  EXPECT_EQ(KRX_ERROR_ARGUMENT, krx_count(h.file, KRX_COUNT_NODES, nullptr));
   EXPECT_EQ(KRX_ERROR_ARGUMENT, krx_read_mode(h.file, KRX_MODE_SHAPE, 2, nullptr, values.data()));
   EXPECT_EQ(KRX_ERROR_ARGUMENT, krx_read_mode(h.file, 3, 0, nullptr, values.data()));
   EXPECT_EQ(KRX_ERROR_ARGUMENT, krx_read_invariant(h.file, 6, values.data()));
