@@ -212,6 +212,8 @@ TEST(CompareModels, EachCaseGivesItsVerdict) {
       {.name = "coordinate", .change = by(coordinate, 1e-4), .status = 1,
        .exact = "->Fail NodeCoordinates\n  Delta: 1.000000e-04\n"},
       {.name = "coordinate below", .change = by(coordinate, 1e-6)},
+      {.name = "z coordinate", .change = [](Recipe &r) { r.xyz[7][2] += 5.5e-4; }, .status = 1,
+       .pieces = {"->Fail NodeCoordinates\n"}},
       {.name = "eigenvalue", .change = by(eigenvalue, 1e-4), .status = 1,
        .pieces = {"->Fail EigenValue: #9\n  Delta: 1.000000e-04\n", "->Fail Eigenvalues\n"}},
       {.name = "eigenvalue below", .change = by(eigenvalue, 1e-7)},

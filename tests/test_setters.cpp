@@ -228,6 +228,9 @@ TEST_F(Setters, PerModeInvariantsKeepTheirLayoutAndWarnOfBrokenSymmetry) {
   const auto &inv9 = model()->invariant9;
   EXPECT_EQ(std::vector<double>(inv9.begin() + 9, inv9.begin() + 18), std::vector<double>(m, m + 9));
   EXPECT_EQ(std::vector<double>(inv9.begin() + 27, inv9.begin() + 36), (std::vector<double>{1, 4, 7, 2, 5, 8, 3, 6, 9}));
+  const double symmetric[9] = {1, 2, 3, 2, 5, 6, 3, 6, 9};
+  krx::set_invariant9(model(), 10, 10, symmetric);
+  EXPECT_TRUE(host.messages.empty());
   krx::set_invariant9(model(), 20, 20, m);
   EXPECT_EQ(host.messages, std::vector<Message>({{2, "I9(20, 20) is not symmetric.\n"
                                                      "   1.00000000e+00 2.00000000e+00 3.00000000e+00\n"
