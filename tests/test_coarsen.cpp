@@ -169,7 +169,7 @@ TEST_F(CoarsenTest, CoLinearVertexGoesOnlyBetweenShortEdges) {
     for (bool interface : {false, true}) {
       fresh(0);
       node(1, 0, 0, 0), node(2, 1, 0, 0), node(3, 2, 0, 0), node(4, 2, 1, 0), node(5, 0, 1, 0);
-      node(99, far, far, 0);
+      node(99, far, 0, 0);  // the size takes each axis's own extent
       if (interface) model->interface_nodes = {1};
       face({1, 2, 3, 4, 5});
       krx::coarsen(model, "0.02,10,1");

@@ -57,10 +57,10 @@ TEST_F(Setters, NodesMassesAndInertiasLandInTheirRecordsWithTheirFlags) {
   const double inertia[6] = {1, 2, 3, 4, 5, 6};
   ASSERT_EQ(krx::set_nodal_inertia(model(), 7, inertia), 1);
   // A product of inertia named from below the diagonal is the same term.
-  for (auto [id, row, column, value] : {std::tuple{7, 3, 2, 60.0}, {7, 1, 3, 50.0}, {9, 2, 2, 20.0}})
+  for (auto [id, row, column, value] : {std::tuple{7, 3, 2, 60.0}, {7, 1, 3, 50.0}, {9, 2, 2, 20.0}, {9, 1, 1, 10.0}})
     ASSERT_EQ(krx::set_nodal_inertia_term(model(), id, row, column, value), 1);
   EXPECT_EQ(*model()->nodes[0].inertia, (std::array<double, 6>{1, 2, 3, 4, 50, 60}));
-  EXPECT_EQ(*model()->nodes[1].inertia, (std::array<double, 6>{0, 20, 0, 0, 0, 0}));
+  EXPECT_EQ(*model()->nodes[1].inertia, (std::array<double, 6>{10, 20, 0, 0, 0, 0}));
 
   RecordingHost host;
   EXPECT_EQ(krx::set_nodal_inertia_term(model(), 7, 0, 4, 1.0), 0);
