@@ -169,7 +169,7 @@ TEST_F(CoarsenTest, CoLinearVertexGoesOnlyBetweenShortEdges) {
     for (bool interface : {false, true}) {
       fresh(0);
       node(1, 0, 0, 0), node(2, 1, 0, 0), node(3, 2, 0, 0), node(4, 2, 1, 0), node(5, 0, 1, 0);
-      node(99, far, far, 0);
+      node(99, far, 0, 0);  // the size takes each axis's own extent
       if (interface) model->interface_nodes = {1};
       face({1, 2, 3, 4, 5});
       krx::coarsen(model, "0.02,10,1");
@@ -191,7 +191,6 @@ TEST_F(CoarsenTest, FacetsAtFifteenDegreesMergeOnlyAboveThatAngle) {
     return model->faces != original;
   };
   EXPECT_FALSE(changes("0.5,45,0", 4));  // a square tube: every node is on a right-angled edge
-  EXPECT_FALSE(changes("0.2,10,0"));
   EXPECT_FALSE(changes("0.2,14.9,0"));
   EXPECT_TRUE(changes("0.2,15.1,0") && model->face_count < 240);
   EXPECT_TRUE(changes("0.2,45,0") && model->face_count < 240);
@@ -227,11 +226,12 @@ TEST_F(CoarsenTest, ModelWithoutFacesOrNoModelIsLeftAlone) {
   node(2, 1, 0, 0);
   krx::coarsen(model, "0.1,10,0");
   ASSERT_EQ(host.messages.size(), 3u);
-  EXPECT_EQ(host.messages[0].level, 3);
-  EXPECT_TRUE(host.messages[0].text.starts_with("Failed to allocate memory at line ") &&
-              host.messages[0].text.ends_with(" in file ..\\krxcoarse.\n")) << host.messages[0].text;
-  EXPECT_EQ(host.messages[1], (Message{0, "Coarsening to resolution 10% with face-angle 10.00 deg"}));
-  EXPECT_EQ(host.messages[2], (Message{3, "Problem encountered while trimming geometry\n"}));
+  const Message &alloc = host.messages[0];
+  EXPECT_TRUE(alloc.level == 3 && alloc.text.starts_with("Failed to allocate memory at line ") &&
+              alloc.text.ends_with(" in file ..\\krxcoarse.\n")) << alloc.text;
+  EXPECT_EQ(std::vector<Message>(host.messages.begin() + 1, host.messages.end()),
+            (std::vector<Message>{{0, "Coarsening to resolution 10% with face-angle 10.00 deg"},
+                                  {3, "Problem encountered while trimming geometry\n"}}));
   EXPECT_TRUE(model->faces.empty() && model->face_count == 0);
   host.clear();
   krx::coarsen(nullptr, "0.1,10,0");

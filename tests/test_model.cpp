@@ -7,7 +7,6 @@
 #include <vector>
 
 #include "host/krx_fortran.h"
-#include "inspect/krxlist.h"
 #include "model/krxtools.h"
 #include "testsupport.h"
 
@@ -46,13 +45,7 @@ TEST(ModelRecord, ShuffledIdentifiersKeepFirstAppearanceAndListSorted) {
   EXPECT_EQ(host.texts(3), std::vector<std::string>{"Insufficient room for mode 3 in temporary mode shape file.  \n"
                                                     "Specify larger number of modes in KRX_Create.\n"});
 
-  char *text = nullptr;
-  std::size_t size = 0;
-  FILE *out = open_memstream(&text, &size);
-  krx::list_block(model, 9, out);
-  std::fclose(out);
-  std::istringstream lines(std::string(text, size));
-  std::free(text);
+  std::istringstream lines(krxtest::listing(model, 9));
   std::vector<int> listed, sorted;
   for (std::string line; std::getline(lines, line);) {
     int id = 0;

@@ -133,15 +133,6 @@ TEST(WriteOptions, MessagesReachTheHostOnlyWhenReportedInTheOrderOfEffects) {
                            }));
 }
 
-TEST(WriteOptions, ReadsTheEnvironmentEachTime) {
-  {
-    krxtest::OptionsGuard unset(nullptr);
-    EXPECT_EQ(changed_settings(krx::read_write_options()), "");
-  }
-  krxtest::OptionsGuard set("81_comp lowpass(12)");
-  EXPECT_EQ(changed_settings(krx::read_write_options()), "version=10 no_xdr lowpass=12");
-}
-
 TEST(FrequencyBand, ExportsModesAboveHighpassUpToAndIncludingLowpass) {
   const std::vector<double> spread = {0.0, 0.0, 3.0, 5.0, 7.0, 50.0, 51.0, 60.0}, unit(spread.size(), 1.0);
   auto band = [&](double high, double low) {

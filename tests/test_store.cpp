@@ -17,14 +17,10 @@ using krxtest::RecordingHost;
 
 namespace {
 
-void unset_names() {
-  for (const char *name : {"QOR_TMP_MOD", "QOR_TMP_STR", "QOR_TMP_STN"}) unsetenv(name);
-}
-
 struct VectorStore : ::testing::Test {
-  void SetUp() override { unset_names(); }
+  void SetUp() override { krxtest::unset_store_names(); }
   void TearDown() override {
-    unset_names();
+    krxtest::unset_store_names();
     krxtest::terminate_model();
   }
   krx::KRXDATA *make(int nodes, int modes) {
@@ -139,9 +135,7 @@ TEST_F(VectorStore, ModeZeroStressAndStrainArePreValuesSharingTheKindsNodeList) 
 
 TEST_F(VectorStore, NamesFilesAfterTheEnvironmentAndNotesThemUnlessQuiet) {
   krxtest::TempDir dir;
-  const char *old_tmp = std::getenv("TMP");
-  const std::string kept = old_tmp ? old_tmp : "";
-  setenv("TMP", dir.path.c_str(), 1);
+  krxtest::EnvGuard tmp{"TMP", dir.path.c_str()};
   double v[6] = {};
   {
     RecordingHost host;
@@ -163,8 +157,6 @@ TEST_F(VectorStore, NamesFilesAfterTheEnvironmentAndNotesThemUnlessQuiet) {
     EXPECT_TRUE(host.messages.empty() && host.inquiries >= 1);
     krxtest::terminate_model();
   }
-  if (old_tmp) setenv("TMP", kept.c_str(), 1);
-  else unsetenv("TMP");
 }
 
 TEST_F(VectorStore, ReportsPathsItCannotOpenAndStoresNothing) {
@@ -193,72 +185,36 @@ TEST_F(VectorStore, ReportsPathsItCannotOpenAndStoresNothing) {
   EXPECT_EQ(file.io.file, nullptr);
 }
 
-// Enough nodes that every mode's pending run fills and is written several times over.
-constexpr int kNodes = 5000;
-constexpr int kModes = 4;
-
-void expect_records(krx::KRXDATA *model, int kind) {
-  for (int mode = 1; mode <= kModes; ++mode) {
-    ASSERT_EQ(krx::load_mode_record(model, mode, kind), 1);
-    const auto &record = model->store[kind].record;
-    ASSERT_EQ(record.size(), size_t(kNodes) * 6);
-    double v[6];
-    for (int node = 0; node < kNodes; ++node) {
-      vector_for(mode, node, v);
-      ASSERT_EQ(std::memcmp(&record[size_t(node) * 6], v, sizeof v), 0) << mode << " " << node;
-    }
-  }
-}
-
-// Mode by mode, node by node, and scattered over a node table set up beforehand so that no two
-// stores are neighbours.
+// Strains node by node, shapes scattered over a node table set up beforehand so that no two
+// stores are neighbours, stresses over a list built backwards so that neighbours in the node table
+// are not neighbours in the list. Then mode 2 again node by node, alternating with mode 1: stores
+// that continue the pending run of their mode take a shorter way than the others, and both must
+// land where the other would. Some nodes are stored twice in a row or again later, some values one
+// at a time, and every mode's run fills several times over.
 TEST_F(VectorStore, ReadsBackWhatWasStoredInAnyOrder) {
   RecordingHost host;
+  constexpr int kNodes = 12000, kModes = 3;
   krx::KRXDATA *model = make(kNodes, kModes);
-  auto store = [&](int mode, int node, int kind) {
-    double v[6];
-    vector_for(mode, node, v);
-    return krx::store_node_vector(model, mode, node, kind, v);
-  };
-  for (int step = 0; step < kNodes * kModes; ++step) {
-    ASSERT_EQ(store(step / kNodes + 1, step % kNodes, krx::kModeShapes), 1);
-    ASSERT_EQ(store(step % kModes + 1, step / kModes, krx::kModalStrain), 1);
-  }
-  expect_records(model, krx::kModeShapes);
-  expect_records(model, krx::kModalStrain);
-  EXPECT_TRUE(host.texts(3).empty());
-  model = make(kNodes, kModes);
   for (int node = 0; node < kNodes; ++node) krx::add_node(model, node);
-  for (int step = 0; step < kNodes * kModes; ++step) {
-    int which = int((int64_t(step) * 7919) % (kNodes * kModes));
-    ASSERT_EQ(store(which % kModes + 1, which / kModes, krx::kModeShapes), 1);
-  }
-  expect_records(model, krx::kModeShapes);
-}
-
-// Stores that continue the pending run of their mode take a shorter way than the others; both
-// must land where the other would have put them. The stress list is built backwards, so that
-// nodes that follow each other in the node table do not follow each other in the list; some nodes
-// are stored twice in a row or again later, some values one at a time, and the runs fill.
-TEST_F(VectorStore, StoresThatContinueARunLandWhereAnyOtherStoreWould) {
-  RecordingHost host;
-  constexpr int kMany = 12000;
-  krx::KRXDATA *model = make(kMany, 2);
-  for (int node = 0; node < kMany; ++node) krx::add_node(model, node);
   // expected[kind][mode - 1] holds six values per node, in node order.
-  std::vector<double> expected[2][2];
+  std::vector<double> expected[3][kModes];
   for (auto &kind : expected)
-    for (auto &mode : kind) mode.assign(size_t(kMany) * 6, 0.0);
+    for (auto &mode : kind) mode.assign(size_t(kNodes) * 6, 0.0);
   auto store = [&](int kind, int mode, int node, int variant) {
     double v[6];
     vector_for(mode + variant, node, v);
     ASSERT_EQ(krx::store_node_vector(model, mode, node, kind, v), 1);
     std::copy_n(v, 6, expected[kind][mode - 1].begin() + node * 6);
   };
-  for (int node = kMany - 1; node >= 0; --node) store(krx::kModalStress, 1, node, 0);
-  for (int node = 0; node < kMany; ++node) {
+  for (int node = kNodes - 1; node >= 0; --node) store(krx::kModalStress, 1, node, 0);
+  for (int step = 0; step < kNodes * kModes; ++step) {
+    store(krx::kModalStrain, step % kModes + 1, step / kModes, 0);
+    int which = int((int64_t(step) * 7919) % (kNodes * kModes));
+    store(krx::kModeShapes, which % kModes + 1, which / kModes, 0);
+  }
+  for (int node = 0; node < kNodes; ++node) {
     for (int kind : {krx::kModeShapes, krx::kModalStress}) {
-      store(kind, 2, node, 0);
+      store(kind, 2, node, 1);
       if (node % 7 == 0) store(kind, 2, node, 5);
       if (node % 1000 == 999) {
         store(kind, 2, node - 500, 7);
@@ -269,22 +225,21 @@ TEST_F(VectorStore, StoresThatContinueARunLandWhereAnyOtherStoreWould) {
         expected[kind][1][size_t(node) * 6 + 2] = -node;
       }
     }
-    store(krx::kModeShapes, 1, node, 0);
+    store(krx::kModeShapes, 1, node, 3);
   }
-  for (int kind : {krx::kModeShapes, krx::kModalStress}) {
-    for (int mode = 1; mode <= 2; ++mode) {
+  for (int kind : {krx::kModeShapes, krx::kModalStress, krx::kModalStrain}) {
+    for (int mode = 1; mode <= kModes; ++mode) {
       ASSERT_EQ(krx::load_mode_record(model, mode, kind), 1);
       const auto &record = model->store[kind].record;
-      for (int node = 0; node < kMany; ++node) {
+      ASSERT_EQ(record.size(), size_t(kNodes) * 6);
+      for (int node = 0; node < kNodes; ++node) {
         size_t slot = size_t(krx::kind_slot(model, kind, node));
-        ASSERT_EQ(std::memcmp(&record[slot * 6], &expected[kind][mode - 1][size_t(node) * 6],
-                              6 * sizeof(double)),
-                  0)
+        ASSERT_EQ(std::memcmp(&record[slot * 6], &expected[kind][mode - 1][size_t(node) * 6], 6 * sizeof(double)), 0)
             << "kind " << kind << " mode " << mode << " node " << node;
       }
     }
   }
-  EXPECT_EQ(krx::kind_slot(model, krx::kModalStress, 0), kMany - 1);
+  EXPECT_EQ(krx::kind_slot(model, krx::kModalStress, 0), kNodes - 1);
   EXPECT_TRUE(host.texts(3).empty());
 }
 
@@ -304,8 +259,7 @@ TEST_F(VectorStore, SeesStoresMadeBetweenReads) {
   ASSERT_EQ(krx::node_values(model, 6, krx::kModeShapes, 1, 0, out), 1);
   EXPECT_EQ(out[0], -1.0);
   // An unknown mode or node has no values.
-  EXPECT_EQ(krx::node_values(model, 7, krx::kModeShapes, 1, 0, out), 0);
-  EXPECT_EQ(krx::node_values(model, 6, krx::kModeShapes, 2, 0, out), 0);
+  EXPECT_FALSE(krx::node_values(model, 7, krx::kModeShapes, 1, 0, out) || krx::node_values(model, 6, krx::kModeShapes, 2, 0, out));
 }
 
 // A file as the reader leaves it: values in the file's own encoding, N x 6 reals per mode.
@@ -348,8 +302,7 @@ TEST_F(VectorStore, LoadsRecordsOfAModelReadFromAnXdrFile) {
     ASSERT_EQ(krx::read_stored_nodes(model, krx::kModeShapes, 1, 1, 1, node), 1);
     EXPECT_EQ(std::vector<double>(node, node + 6), std::vector<double>(values.begin() + 18, values.end()));
     model->length_ratio = 1.0;
-    EXPECT_EQ(krx::read_mode_nodes(model, krx::kModeShapes, 1, 1, 2, node), 0);
-    EXPECT_EQ(krx::read_mode_nodes(model, krx::kModeShapes, 2, 0, 1, node), 0);
+    EXPECT_FALSE(krx::read_mode_nodes(model, krx::kModeShapes, 1, 1, 2, node) || krx::read_mode_nodes(model, krx::kModeShapes, 2, 0, 1, node));
     EXPECT_TRUE(host.messages.empty());
 
     // A record cut short by the end of the file is reported, and the load still succeeds.
@@ -378,10 +331,8 @@ TEST_F(VectorStore, ReplacementFileTakesOverTheKind) {
 
   krx::ReplacementFile file;
   ASSERT_EQ(krx::open_replacement_file(model, krx::kModalStress, 2, 2, "Shortened mode file: %s", file), 1);
-  EXPECT_EQ(std::filesystem::path(file.io.path).parent_path(),
-            std::filesystem::path(old_path).parent_path());
+  EXPECT_EQ(std::filesystem::path(file.io.path).parent_path(), std::filesystem::path(old_path).parent_path());
   EXPECT_EQ(host.texts(0), std::vector<std::string>{"Shortened mode file: " + file.io.path});
-  EXPECT_EQ(krxtest::file_bytes(file.io.path).size(), 2u * 2 * 48);
   std::vector<double> first(12), second(12);
   for (int i = 0; i < 12; ++i) first[size_t(i)] = i, second[size_t(i)] = -i;
   ASSERT_EQ(krx::write_replacement_record(file, 0, first.data()), 1);
@@ -402,11 +353,6 @@ TEST_F(VectorStore, ReplacementFileTakesOverTheKind) {
   ASSERT_EQ(krx::load_mode_record(model, 2, krx::kModalStress), 1);
   EXPECT_TRUE(slot.record[6] == 7.0 && slot.record[7] == -7.0);
 
-  krx::ReplacementFile unused;
-  ASSERT_EQ(krx::open_replacement_file(model, krx::kModeShapes, 1, 1, "Orthogonal mode file: %s", unused), 1);
-  std::string unused_path = unused.io.path;
-  krx::discard_replacement_file(unused);
-  EXPECT_FALSE(std::filesystem::exists(unused_path));
   krxtest::terminate_model();
   EXPECT_FALSE(std::filesystem::exists(new_path));
 }

@@ -1,14 +1,17 @@
 #include "testsupport.h"
 
 #include <gtest/gtest.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include <csignal>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
 
 #include "host/krx_fortran.h"
+#include "inspect/krxlist.h"
 #include "krx/krx.h"
 
 namespace krxtest {
@@ -90,6 +93,44 @@ OptionsGuard::OptionsGuard(const char *text) {
 }
 
 OptionsGuard::~OptionsGuard() { unsetenv("QOR_KRXWRITE_OPTIONS"); }
+
+EnvGuard::EnvGuard(const char *variable, const char *value) : name(variable) {
+  if (const char *old = std::getenv(variable)) had = true, saved = old;
+  if (value) setenv(variable, value, 1);
+  else unsetenv(variable);
+}
+
+EnvGuard::~EnvGuard() {
+  if (had) setenv(name.c_str(), saved.c_str(), 1);
+  else unsetenv(name.c_str());
+}
+
+void unset_store_names() {
+  for (const char *name : {"QOR_TMP_MOD", "QOR_TMP_STR", "QOR_TMP_STN"}) unsetenv(name);
+}
+
+int in_child(const std::function<int()> &body) {
+  std::fflush(stdout);
+  pid_t pid = fork();
+  if (pid == 0) {
+    std::signal(SIGXFSZ, SIG_IGN);
+    _exit(body());
+  }
+  int status = 0;
+  waitpid(pid, &status, 0);
+  return WIFEXITED(status) ? WEXITSTATUS(status) : 100 + WTERMSIG(status);
+}
+
+std::string listing(krx::KRXDATA *model, int block) {
+  char *text = nullptr;
+  std::size_t size = 0;
+  FILE *out = open_memstream(&text, &size);
+  krx::list_block(model, block, out);
+  std::fclose(out);
+  std::string listed(text, size);
+  std::free(text);
+  return listed;
+}
 
 int write_krx(const std::string &path) {
   int status = -1;

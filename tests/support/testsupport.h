@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -47,6 +48,24 @@ struct OptionsGuard {
   explicit OptionsGuard(const char *text);
   ~OptionsGuard();
 };
+
+// Sets an environment variable for its lifetime (nullptr: unset) and puts back what was there.
+struct EnvGuard {
+  EnvGuard(const char *name, const char *value);
+  ~EnvGuard();
+  std::string name, saved;
+  bool had = false;
+};
+
+// Unsets the names of the temporary vector files (QOR_TMP_MOD, _STR, _STN).
+void unset_store_names();
+
+// Runs body in a forked child, with SIGXFSZ ignored so that a write past a file-size limit
+// fails with EFBIG; the child's exit status, or 100 + the signal that ended it.
+int in_child(const std::function<int()> &body);
+
+// What list_block prints for one block.
+std::string listing(krx::KRXDATA *model, int block);
 
 // KRX_WRITE_KRX on the current model; returns the status.
 int write_krx(const std::string &path);
