@@ -390,7 +390,7 @@ bool expanded_mass_diagonal(const Deck &deck, const Expansion &x, std::vector<do
   }
   StressModel model;
   std::vector<double> unit;
-  if (!prepare_stresses(rebuilt, model)) return false;
+  if (!prepare_stresses(rebuilt, model, false)) return false;
   mass_diagonal(model, rebuilt, unit);
   for (size_t a = 0; a < owner.size(); ++a) diagonal[static_cast<size_t>(owner[a])] += unit[a];
   return true;

@@ -149,7 +149,7 @@ struct StressModel {
   std::vector<int> kind_rule;
   std::vector<int> sharing;  // per node, the elements that share it
 };
-bool prepare_stresses(const Deck &deck, StressModel &model);
+bool prepare_stresses(const Deck &deck, StressModel &model, bool with_materials);
 // Each node's diagonal entry of the consistent mass matrix at unit density (one direction),
 // integrated at the elements' points of the stress recovery.
 void mass_diagonal(const StressModel &model, const Deck &deck, std::vector<double> &diagonal);

@@ -275,8 +275,8 @@ bool element_materials(const Deck &deck, StressModel &model) {
 
 }  // namespace
 
-bool prepare_stresses(const Deck &deck, StressModel &model) {
-  if (!element_materials(deck, model)) return false;
+bool prepare_stresses(const Deck &deck, StressModel &model, bool with_materials) {
+  if (with_materials && !element_materials(deck, model)) return false;
   model.first.assign(1, 0);
   model.nodes.clear();
   model.kind.clear();
