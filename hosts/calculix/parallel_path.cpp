@@ -2,9 +2,12 @@
 // ranks; all read their rows, factor and iterate together; the modes and static shapes come to
 // rank 0 one vector at a time. The ranks hold their messages back: after each step they agree
 // whether one failed, and rank 0 prints the first failing rank's message, once.
+#include <dlfcn.h>
 #include <sys/resource.h>
 
 #include <chrono>
+#include <cstdlib>
+#include <thread>
 
 #include "backend_petsc.h"
 
@@ -398,6 +401,26 @@ bool solve_collective(const SharedJob &job, const std::vector<double> &motions,
   return ok;
 }
 
+// Ranks on one machine share its cores: unless the user set the number of threads, each rank's
+// BLAS (and OpenMP, where a library uses it) gets its share, so that two ranks on two cores do not
+// run four threads that wait for each other. The setters are looked up, not linked: which BLAS
+// serves is the system's choice.
+void share_cores() {
+  MPI_Comm machine = MPI_COMM_NULL;
+  int ranks_here = 1;
+  if (MPI_Comm_split_type(PETSC_COMM_WORLD, MPI_COMM_TYPE_SHARED, 0, MPI_INFO_NULL, &machine) ==
+      MPI_SUCCESS) {
+    MPI_Comm_size(machine, &ranks_here);
+    MPI_Comm_free(&machine);
+  }
+  if (ranks_here < 2 || std::getenv("OMP_NUM_THREADS") || std::getenv("OPENBLAS_NUM_THREADS"))
+    return;
+  int threads = std::max(1, static_cast<int>(std::thread::hardware_concurrency()) / ranks_here);
+  using Setter = void (*)(int);
+  for (const char *name : {"openblas_set_num_threads", "omp_set_num_threads"})
+    if (void *set = dlsym(RTLD_DEFAULT, name)) reinterpret_cast<Setter>(set)(threads);
+}
+
 }  // namespace
 
 bool parallel_built() { return true; }
@@ -412,6 +435,7 @@ bool start_parallel(int &argc, char **&argv, int &rank) {
     return failed("cannot start MPI and PETSc for --solver mpi");
   PetscPushErrorHandler(PetscReturnErrorHandler, nullptr);
   rank = world_rank();
+  share_cores();
   return true;
 }
 
