@@ -66,6 +66,7 @@ struct RowBlock {
   std::vector<double> coupling_mass;
   std::vector<double> held_stiffness;
   std::vector<double> held_mass;
+  std::vector<double> mass_diagonal;  // M's diagonal of the block's rows, which outlives the rows
   // The sum of M's entries between rows of one translation direction, over this block's entries:
   // the parts of u_d' M u_d for a unit translation u_d.
   double mass_sums[3] = {0.0, 0.0, 0.0};

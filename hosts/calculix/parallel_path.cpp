@@ -239,10 +239,7 @@ bool generalized(const Part &a, const RowBlock &block, const std::vector<Vec> &x
 // Rank 0: M's diagonal over every row of the files (each rank's free rows gathered, the held rows
 // from the block at row 0) and the direction sums of all ranks.
 void gather_mass(const RowBlock &block, const RowLayout &layout, MassSums &sums) {
-  std::vector<double> mine(static_cast<size_t>(block.count), 0.0);
-  for (int r = 0; r < block.count; ++r)
-    for (int k = block.start[r]; k < block.start[r + 1]; ++k)
-      if (block.column[k] == block.first + r) mine[r] = block.mass[k];
+  const std::vector<double> &mine = block.mass_diagonal;
   int size = world_size(), rank = world_rank();
   std::vector<int> counts(static_cast<size_t>(size)), at(static_cast<size_t>(size));
   MPI_Gather(&block.count, 1, MPI_INT, counts.data(), 1, MPI_INT, 0, PETSC_COMM_WORLD);
@@ -344,6 +341,11 @@ bool solve_collective(const SharedJob &job, const std::vector<double> &motions,
   ok = ok && agree(make_distributed(block, d), message);
   double sigma = 0.0;
   if (ok && statics == 0) lower_shift_parallel(block, sigma);
+  // PETSc holds its own copy of the rows from here on.
+  std::vector<int>().swap(block.start);
+  std::vector<int>().swap(block.column);
+  std::vector<double>().swap(block.stiffness);
+  std::vector<double>().swap(block.mass);
   if (ok) {
     std::vector<std::vector<double>> mine;
     if (statics == 0) mine = scatter_motions(motions, layout.n, block);

@@ -232,6 +232,10 @@ bool read_row_block(const std::string &mas, const std::string &sti, const RowLay
     block.mass[to] = mass.value[k];
     block.stiffness[to] = stiffness.value[k];
   }
+  block.mass_diagonal.assign(static_cast<size_t>(count), 0.0);
+  for (int r = 0; r < count; ++r)
+    for (int k = block.start[r]; k < block.start[r + 1]; ++k)
+      if (block.column[k] == first + r) block.mass_diagonal[r] = block.mass[k];
   block.coupling_row = std::move(stiffness.coupling_row);
   block.coupling_held = std::move(stiffness.coupling_held);
   block.coupling_stiffness = std::move(stiffness.coupling);
