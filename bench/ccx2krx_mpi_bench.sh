@@ -4,14 +4,15 @@
 # check, the largest rank's peak memory), its wall time and its seventh eigenvalue; the three
 # files are compared with krxcompare. Usage: bench/ccx2krx_mpi_bench.sh [BUILD_DIR] [ELEMENT_SIZE]
 # [RUN...] (size 1.35 gives ~103,000 nodes, 0.9 ~313,000, where a run needs 7-12 GB; RUN is own,
-# mpi1 or mpi2, all three by default, in the order given).
+# mpi1 or mpi2, all three by default, in the order given). The threads are the tool's choice: one
+# process uses every core, ranks on one machine share them (set OMP_NUM_THREADS to fix them).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 build=$(realpath "${1:-build}")
 size=${2:-1.35}
 runs=("${@:3}")
 [ ${#runs[@]} -gt 0 ] || runs=(own mpi1 mpi2)
-export OMPI_ALLOW_RUN_AS_ROOT=1 OMPI_ALLOW_RUN_AS_ROOT_CONFIRM=1 OMP_NUM_THREADS=1
+export OMPI_ALLOW_RUN_AS_ROOT=1 OMPI_ALLOW_RUN_AS_ROOT_CONFIRM=1
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 /usr/bin/python3 hosts/calculix/geometry/make_deck.py hosts/calculix/geometry/bracket.geo \
@@ -26,7 +27,7 @@ run() {
   TMPDIR="$work" "$@" "$work/bracket.inp" -o "$work/$name.krx" --modes 30 --timing --quiet \
     2> "$work/$name.err" > /dev/null || { cat "$work/$name.err" >&2; exit 1; }
   end=$(date +%s.%N)
-  echo "== $name: wall $(echo "$end - $start" | bc) s"
+  echo "== $name: wall $(echo "$end - $start" | bc) s, load average $(cut -d' ' -f1-3 /proc/loadavg)"
   grep -v 'krxlib warning' "$work/$name.err"
   "$build/krxdump" "$work/$name.krx" 2> /dev/null |
     awk '/mode   eigenvalue/ {on = 1} on && $1 == 7 && !done {print "mode 7:", $2; done = 1}' ||

@@ -179,10 +179,22 @@ bool parse_matrix(std::FILE *file, const std::string &name, bool pattern_known, 
 void multiply(const Matrices &m, const std::vector<double> &a, const double *x, double *y);
 double dot(const std::vector<double> &a, const std::vector<double> &b);
 
+// Values of CalculiX's matrix files this process has parsed so far, by either reader: the ranks
+// of a parallel run report theirs, which shows that none reads the whole matrices.
+int64_t matrix_values_parsed();
+void count_matrix_values(int64_t values);
+
+// What the lumped masses need of M: its diagonal (one value per row of the files) and, for each
+// translation direction d, the sum of its entries between rows of direction d (u_d^T M u_d).
+struct MassSums {
+  std::vector<double> diagonal;
+  double direction[3] = {0.0, 0.0, 0.0};
+};
+void sum_masses(const Matrices &m, const DofMap &map, MassSums &sums);
 // Lumped nodal masses: each node's translational diagonal entries of the consistent mass, scaled
 // so that their sum is the total mass (the sum of one direction's block of M). Every mass is
 // positive where the diagonal is.
-bool lump_masses(const Matrices &m, const DofMap &map, int nodes, std::vector<double> &nodal,
+bool lump_masses(const MassSums &sums, const DofMap &map, int nodes, std::vector<double> &nodal,
                  double &total);
 
 // The eigenvectors CalculiX stores in double precision (*FREQUENCY, STORAGE=YES): read one mode at
@@ -335,6 +347,10 @@ struct ExportJob {
   int shell_surface = 1;  // -1 bottom, 0 mid-surface, 1 top
   const DofMap *map = nullptr;
   const Matrices *matrices = nullptr;
+  // Given, the generalized mass and stiffness of every mode (static shapes first, row-major);
+  // otherwise they are formed from matrices.
+  const std::vector<double> *generalized_mass = nullptr;
+  const std::vector<double> *generalized_stiffness = nullptr;
   const std::vector<double> *nodal_mass = nullptr;
   const std::vector<double> *nodal_inertia = nullptr;  // with shells and beams
   const Expansion *expansion = nullptr;                // with shells and beams

@@ -98,19 +98,16 @@ void expand_rigid_ties(const Deck &deck, std::vector<double> &by_node) {
 // CalculiX's diagonal of the mass matrix is the density times the unit-density diagonal of the
 // elements, node by node; where it is for every node with rows, the tied nodes get the masses
 // their diagonal gives them in the untied model and their reference node keeps the rest.
-void share_tied_masses(const Deck &deck, const DofMap &map, const Matrices &m,
+void share_tied_masses(const Deck &deck, const DofMap &map, const std::vector<double> &mass_diagonal,
                        const std::vector<double> &unit_diagonal, std::vector<double> &nodal) {
   size_t nodes = nodal.size();
   std::vector<double> diagonal(nodes, 0.0);
   std::vector<int> count(nodes, 0);
-  for (int c = 0; c < m.n; ++c) {
-    int node = map.row_node[c], dir = map.row_dir[c];
+  for (size_t r = 0; r < mass_diagonal.size(); ++r) {
+    int node = map.row_node[r], dir = map.row_dir[r];
     if (node < 0 || dir < 0 || dir > 2 || node >= deck.solid_nodes) continue;
-    for (int64_t k = m.start[c]; k < m.start[c + 1]; ++k)
-      if (m.row[k] == c) {
-        diagonal[node] += m.mass[k];
-        ++count[node];
-      }
+    diagonal[node] += mass_diagonal[r];
+    ++count[node];
   }
   double ours = 0.0, theirs = 0.0, lumped = 0.0, total = 0.0;
   for (size_t i = 0; i < nodes; ++i) {

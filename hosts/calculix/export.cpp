@@ -228,6 +228,15 @@ bool set_modes(ExportJob &job) {
     }
     if (!set_shape(job, j, by_node)) return false;
     if (job.stress && !set_stresses(job, j, by_node)) return false;
+    if (job.generalized_mass) {
+      // Formed where the matrices are, by the ranks of a parallel run.
+      size_t at = static_cast<size_t>(j - 1) * static_cast<size_t>(modes);
+      for (int i = 1; i <= j; ++i)
+        if (!set_generalized(i, j, (*job.generalized_mass)[at + i - 1],
+                             (*job.generalized_stiffness)[at + i - 1]))
+          return false;
+      continue;
+    }
     m_phi.resize(phi.size());
     k_phi.resize(phi.size());
     multiply(*job.matrices, job.matrices->mass, phi.data(), m_phi.data());

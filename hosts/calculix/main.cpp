@@ -221,7 +221,8 @@ struct Results {
   ccx::FrdReader frd;
   ccx::DatReader dat;
   std::vector<double> unit_mass;  // with interfaces: the elements' mass diagonal at unit density
-  std::vector<double> unit_diagonal;  // with shells and beams: every node's, expanded elements in
+  std::vector<double> unit_diagonal;  // with shells and beams: each node's, expanded elements included
+  ccx::ParallelSums sums;         // --solver mpi: what the ranks sent back instead of matrices
 };
 
 // Why the own solver cannot give the file CalculiX's solution gives; empty when it can.
@@ -289,6 +290,27 @@ void note_held_rows(const ccx::DofMap &map, const ccx::Deck &deck) {
         3 * nodes - free_rows);
 }
 
+// --solver mpi: no process reads the whole matrices; the ranks' sums of M give the lumped masses,
+// and their products the generalized mass and stiffness.
+bool solve_in_parallel(const Options &o, const ccx::Deck &deck, const std::string &dir,
+                       Results &r) {
+  ccx::ParallelJob job;
+  job.deck = &deck;
+  job.map = &r.map;
+  job.mas = dir + "/matrices.mas";
+  job.sti = dir + "/matrices.sti";
+  job.modes = o.modes;
+  job.vectors_path = dir + "/own_modes.bin";
+  job.statics_path = dir + "/static_shapes.bin";
+  job.timing = o.timing;
+  if (!ccx::solve_parallel(job, r.eig, r.sums)) return false;
+  int nodes = static_cast<int>(deck.node_ids.size());
+  if (!ccx::lump_masses(r.sums.mass, r.map, nodes, r.nodal_mass, r.total_mass)) return false;
+  if (!r.unit_mass.empty())
+    ccx::share_tied_masses(deck, r.map, r.sums.mass.diagonal, r.unit_mass, r.nodal_mass);
+  return true;
+}
+
 bool run_and_read(const Options &o, const ccx::Deck &deck, const std::string &dir, bool own,
                   Results &r, double &calculix_seconds) {
   std::vector<std::string> jobs = {"matrices"};
@@ -298,12 +320,15 @@ bool run_and_read(const Options &o, const ccx::Deck &deck, const std::string &di
   ccx::show_stage("reading the matrices");
   if (!ccx::read_dof_map(dir + "/matrices.dof", deck, r.map)) return false;
   note_held_rows(r.map, deck);
+  if (own && o.solver == Options::kParallel) return solve_in_parallel(o, deck, dir, r);
   int rows = static_cast<int>(r.map.row_node.size());
   if (!ccx::read_matrices(dir + "/matrices.mas", dir + "/matrices.sti", rows, r.matrices))
     return false;
   int nodes = static_cast<int>(deck.node_ids.size());
+  ccx::MassSums mass;
   if (deck.structures.empty()) {
-    if (!ccx::lump_masses(r.matrices, r.map, nodes, r.nodal_mass, r.total_mass)) return false;
+    ccx::sum_masses(r.matrices, r.map, mass);
+    if (!ccx::lump_masses(mass, r.map, nodes, r.nodal_mass, r.total_mass)) return false;
   } else if (!ccx::read_knots(dir + "/matrices.12d", deck, r.expansion) ||
              !ccx::map_expanded_rows(deck, r.expansion, r.map) ||
              !ccx::expanded_mass_diagonal(deck, r.expansion, r.unit_diagonal) ||
@@ -312,23 +337,11 @@ bool run_and_read(const Options &o, const ccx::Deck &deck, const std::string &di
     return false;
   }
   if (!r.unit_mass.empty() && deck.structures.empty())
-    ccx::share_tied_masses(deck, r.map, r.matrices, r.unit_mass, r.nodal_mass);
+    ccx::share_tied_masses(deck, r.map, mass.diagonal, r.unit_mass, r.nodal_mass);
   if (!deck.interfaces.empty() && !deck.structures.empty() &&
       (!ccx::check_interface_rotations(deck, r.map) ||
        (!own && !ccx::write_static_shapes(deck, r.map, r.matrices, dir + "/static_shapes.bin"))))
     return false;
-  if (own && o.solver == Options::kParallel) {
-    ccx::ParallelJob job;
-    job.deck = &deck;
-    job.map = &r.map;
-    job.mas = dir + "/matrices.mas";
-    job.sti = dir + "/matrices.sti";
-    job.modes = o.modes;
-    job.vectors_path = dir + "/own_modes.bin";
-    job.statics_path = dir + "/static_shapes.bin";
-    job.timing = o.timing;
-    return ccx::solve_parallel(job, r.eig);
-  }
   if (own) {
     ccx::OwnJob job;
     job.deck = &deck;
@@ -401,6 +414,10 @@ bool convert(const Options &o, double &calculix_seconds) {
     job.shell_surface = o.shell_surface;
     job.map = &r.map;
     job.matrices = &r.matrices;
+    if (r.sums.vectors > 0) {
+      job.generalized_mass = &r.sums.generalized_mass;
+      job.generalized_stiffness = &r.sums.generalized_stiffness;
+    }
     job.nodal_mass = &r.nodal_mass;
     if (!deck.structures.empty()) {
       job.nodal_inertia = &r.nodal_inertia;

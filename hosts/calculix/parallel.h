@@ -31,7 +31,16 @@ struct ParallelJob {
   std::string statics_path;
   bool timing = false;
 };
-bool solve_parallel(const ParallelJob &job, EigenFile &eig);
+// What rank 0 gets back besides the vectors: M's diagonal and direction sums for the lumped
+// masses, and the generalized mass and stiffness of the exported vectors (the static shapes, then
+// the modes; vectors x vectors, row-major).
+struct ParallelSums {
+  MassSums mass;
+  int vectors = 0;
+  std::vector<double> generalized_mass;
+  std::vector<double> generalized_stiffness;
+};
+bool solve_parallel(const ParallelJob &job, EigenFile &eig, ParallelSums &sums);
 // Rank 0 at the end of its run: sends home the ranks still waiting for a job (the run ended
 // before the solve), then ends PETSc and MPI.
 void finish_parallel();
@@ -39,9 +48,10 @@ void finish_parallel();
 // ---- a rank's rows ----------------------------------------------------------------------------
 
 // Rows first .. first + count - 1 of the problem (the matrices without the held rows, numbered
-// in order): the upper triangle of K and M in compressed rows with the problem's column numbers,
-// and the coupling -K_ih of each free row i to held row h, as (local row, index into held,
-// value) entries.
+// in order): the upper triangle of K and M in compressed rows with the problem's column numbers;
+// the entries between each free row i and held row h, as (local row, index into held, K_ih,
+// M_ih); and, in the block that starts at row 0, K and M among the held rows (held x held, both
+// triangles). Every entry of the files is one block's, so no rank parses or keeps the others'.
 struct RowBlock {
   int rows = 0;  // of the problem
   int first = 0;
@@ -52,13 +62,33 @@ struct RowBlock {
   std::vector<double> mass;
   std::vector<int> coupling_row;
   std::vector<int> coupling_held;
-  std::vector<double> coupling;
+  std::vector<double> coupling_stiffness;
+  std::vector<double> coupling_mass;
+  std::vector<double> held_stiffness;
+  std::vector<double> held_mass;
+  std::vector<double> mass_diagonal;  // M's diagonal of the block's rows, which outlives the rows
+  // The sum of M's entries between rows of one translation direction, over this block's entries:
+  // the parts of u_d' M u_d for a unit translation u_d.
+  double mass_sums[3] = {0.0, 0.0, 0.0};
+  int64_t parsed = 0;   // values parsed of both files
+  int64_t entries = 0;  // entries listed in both files
 };
-// Reads the block from the .mas and .sti files of n rows; held lists the held rows in any order.
-// Every entry of both files is checked as the single-machine reader checks it; a failure is
-// reported once.
-bool read_row_block(const std::string &mas, const std::string &sti, int n,
-                    const std::vector<int> &held, int first, int count, RowBlock &block);
+// The files' rows: n of them, held lists the held rows in the order of the static shapes, and
+// direction gives each row's translation direction (0..2; -1 for a rotation or a row of no
+// node), for mass_sums; it may be left empty.
+struct RowLayout {
+  int n = 0;
+  std::vector<int> held;
+  std::vector<signed char> direction;
+};
+// The first row of each of ranks blocks (and rows at the end) such that each holds about the
+// same number of entries: the upper triangle gives a low row more entries than a high one. An
+// even split of the rows when the .mas cannot be read (its reading proper says why).
+std::vector<int> split_rows(const std::string &mas, const RowLayout &layout, int ranks);
+// Reads the block from the .mas and .sti files. Every entry of both files is checked as the
+// single-machine reader checks it; a failure is reported once.
+bool read_row_block(const std::string &mas, const std::string &sti, const RowLayout &layout,
+                    int first, int count, RowBlock &block);
 
 }  // namespace ccx
 

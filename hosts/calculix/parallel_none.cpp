@@ -15,7 +15,7 @@ bool start_parallel(int &, char **&, int &rank) {
 
 int follow_parallel() { return 1; }
 
-bool solve_parallel(const ParallelJob &, EigenFile &) { return false; }
+bool solve_parallel(const ParallelJob &, EigenFile &, ParallelSums &) { return false; }
 
 void finish_parallel() {}
 

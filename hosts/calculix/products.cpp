@@ -26,35 +26,44 @@ double dot(const std::vector<double> &a, const std::vector<double> &b) {
   return sum;
 }
 
+void sum_masses(const Matrices &m, const DofMap &map, MassSums &sums) {
+  sums.diagonal.assign(static_cast<size_t>(m.n), 0.0);
+  for (int c = 0; c < m.n; ++c) {
+    int dir = map.row_dir[c];
+    for (int64_t k = m.start[c]; k < m.start[c + 1]; ++k) {
+      int r = m.row[k];
+      double v = m.mass[k];
+      if (r == c) sums.diagonal[c] = v;
+      if (dir >= 0 && dir < 3 && map.row_dir[r] == dir)
+        sums.direction[dir] += r == c ? v : 2.0 * v;
+    }
+  }
+}
+
 // Row sums of a quadratic element's consistent mass are negative at its corners, so the nodal
 // masses follow the diagonal instead: each node gets the mean of its translational diagonal
 // entries, and all are scaled by one factor so that they add up to the total mass. The total is
 // u^T M u for a unit translation u along the direction with the most free rows (a direction held
 // by *BOUNDARY at some nodes loses their share).
-bool lump_masses(const Matrices &m, const DofMap &map, int nodes, std::vector<double> &nodal,
+bool lump_masses(const MassSums &sums, const DofMap &map, int nodes, std::vector<double> &nodal,
                  double &total) {
+  int n = static_cast<int>(sums.diagonal.size());
   int rows_of[3] = {0, 0, 0};
-  for (int r = 0; r < m.n; ++r)
+  for (int r = 0; r < n; ++r)
     if (map.row_dir[r] >= 0 && map.row_dir[r] < 3) ++rows_of[map.row_dir[r]];
   int dir = 0;
   for (int d = 1; d < 3; ++d)
     if (rows_of[d] > rows_of[dir]) dir = d;
   if (rows_of[dir] == 0) return failed("the matrices hold no translational degree of freedom");
 
-  total = 0.0;
+  total = sums.direction[dir];
   std::vector<double> diagonal_sum(static_cast<size_t>(nodes), 0.0);
   std::vector<int> diagonal_count(static_cast<size_t>(nodes), 0);
-  for (int c = 0; c < m.n; ++c) {
-    for (int64_t k = m.start[c]; k < m.start[c + 1]; ++k) {
-      int r = m.row[k];
-      double v = m.mass[k];
-      bool in_block = map.row_dir[r] == dir && map.row_dir[c] == dir;
-      if (in_block) total += r == c ? v : 2.0 * v;
-      int node = map.row_node[c];
-      if (r == c && map.row_dir[c] >= 0 && map.row_dir[c] < 3 && node >= 0) {
-        diagonal_sum[node] += v;
-        ++diagonal_count[node];
-      }
+  for (int r = 0; r < n; ++r) {
+    int node = map.row_node[r];
+    if (map.row_dir[r] >= 0 && map.row_dir[r] < 3 && node >= 0) {
+      diagonal_sum[node] += sums.diagonal[r];
+      ++diagonal_count[node];
     }
   }
   nodal.assign(static_cast<size_t>(nodes), 0.0);

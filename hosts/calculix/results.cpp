@@ -147,6 +147,14 @@ bool parse_matrix(std::FILE *file, const std::string &name, bool pattern_known, 
   return true;
 }
 
+namespace {
+int64_t values_parsed = 0;
+}
+
+int64_t matrix_values_parsed() { return values_parsed; }
+
+void count_matrix_values(int64_t values) { values_parsed += values; }
+
 bool read_matrices(const std::string &mas, const std::string &sti, int n, Matrices &m) {
   m.n = n;
   const std::string *paths[2] = {&mas, &sti};
@@ -155,6 +163,7 @@ bool read_matrices(const std::string &mas, const std::string &sti, int n, Matric
     std::FILE *file = open_for_reading(*paths[k]);
     if (!file) return false;
     bool ok = parse_matrix(file, *paths[k], k == 1, m, *values[k]);
+    count_matrix_values(static_cast<int64_t>(values[k]->size()));
     std::fclose(file);
     if (!ok) return false;
   }

@@ -97,7 +97,8 @@ bool solve_and_count(const ModeSolver &solve, const EigenvalueCounter &count_bel
 // Gives the nodes tied to interface points the lumped masses of the untied model (scaled as the
 // others), taken from their reference node's, when CalculiX's mass diagonal is the density times
 // unit_diagonal (mass_diagonal of stress_recovery.cpp) at every node with rows; else leaves them.
-void share_tied_masses(const Deck &deck, const DofMap &map, const Matrices &m,
+// mass_diagonal holds M's diagonal, one value per row of the files.
+void share_tied_masses(const Deck &deck, const DofMap &map, const std::vector<double> &mass_diagonal,
                        const std::vector<double> &unit_diagonal, std::vector<double> &nodal);
 
 // Static shapes of the held rows: for each held row h, the vector with 1 at h, 0 at the other

@@ -69,10 +69,18 @@ def krxcompare(krxdump):
 
 
 def parallel_export(ccx2krx, model, where, ranks, extra=()):
+    """The run's file and work directory; each rank must have parsed only its share of the
+    matrix files (no rank reads them whole), every value once."""
     out, keep = str(where / f"mpi{ranks}.krx"), str(where / f"work{ranks}")
     run = mpirun(ranks, [ccx2krx, model, "-o", out, "--modes", str(MODES), "--keep", keep,
-                         "--solver", "mpi", *extra])
+                         "--solver", "mpi", "--timing", *extra])
     assert run.returncode == 0, run.stderr
+    line = [x for x in run.stderr.splitlines() if "matrix values parsed by each rank:" in x]
+    assert len(line) == 1, run.stderr
+    *each, _, total = line[0].split(":")[-1].split()
+    each = [int(x) for x in each]
+    assert len(each) == ranks and sum(each) == int(total), line[0]
+    assert ranks == 1 or max(each) < 0.6 * int(total), line[0]
     return out, keep
 
 
