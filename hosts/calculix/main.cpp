@@ -221,7 +221,7 @@ struct Results {
   ccx::FrdReader frd;
   ccx::DatReader dat;
   std::vector<double> unit_mass;  // with interfaces: the elements' mass diagonal at unit density
-  std::vector<double> unit_diagonal;  // with shells and beams: each node's, expanded elements included
+  std::vector<double> unit_diagonal;  // with shells and beams: each node's, expanded included
   ccx::ParallelSums sums;         // --solver mpi: what the ranks sent back instead of matrices
 };
 
