@@ -70,9 +70,11 @@ def sites_of_line(path, number, line):
     code = code_part(line)
     found = []
     for name, pattern, repl in RULES:
-        for m in pattern.finditer(code):
+        # The second and later places of one kind on a line are named by their rank, so that a
+        # results file names each mutant once.
+        for rank, m in enumerate(pattern.finditer(code), 1):
             new = line[:m.start()] + repl + line[m.end():]
-            found.append((path, number, name, new))
+            found.append((path, number, name if rank == 1 else f'{name} #{rank}', new))
     m = CONDITION.search(code)
     if m and code.count('(') == code.count(')'):
         start, end = m.start(2), m.end(2)
