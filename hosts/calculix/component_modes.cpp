@@ -98,7 +98,8 @@ void expand_rigid_ties(const Deck &deck, std::vector<double> &by_node) {
 // CalculiX's diagonal of the mass matrix is the density times the unit-density diagonal of the
 // elements, node by node; where it is for every node with rows, the tied nodes get the masses
 // their diagonal gives them in the untied model and their reference node keeps the rest.
-void share_tied_masses(const Deck &deck, const DofMap &map, const std::vector<double> &mass_diagonal,
+void share_tied_masses(const Deck &deck, const DofMap &map,
+                       const std::vector<double> &mass_diagonal,
                        const std::vector<double> &unit_diagonal, std::vector<double> &nodal) {
   size_t nodes = nodal.size();
   std::vector<double> diagonal(nodes, 0.0);

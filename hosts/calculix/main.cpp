@@ -388,7 +388,8 @@ bool convert(const Options &o, double &calculix_seconds) {
   // which lets the tests hold the recovery against CalculiX's stresses of the same eigenvectors.
   bool recover = o.stress && deck.structures.empty() &&
                  (own || std::getenv("CCX2KRX_RECOVER_STRESSES"));
-  ok = ok && ((!recover && deck.interfaces.empty()) || ccx::prepare_stresses(deck, stresses, recover));
+  ok = ok && ((!recover && deck.interfaces.empty()) ||
+              ccx::prepare_stresses(deck, stresses, recover));
   if (ok && !deck.interfaces.empty()) ccx::mass_diagonal(stresses, deck, r.unit_mass);
   // With shells and beams the solids' diagonal is taken while their elements are here; the
   // expanded elements' joins it once CalculiX has placed the knots.

@@ -98,7 +98,8 @@ bool solve_and_count(const ModeSolver &solve, const EigenvalueCounter &count_bel
 // others), taken from their reference node's, when CalculiX's mass diagonal is the density times
 // unit_diagonal (mass_diagonal of stress_recovery.cpp) at every node with rows; else leaves them.
 // mass_diagonal holds M's diagonal, one value per row of the files.
-void share_tied_masses(const Deck &deck, const DofMap &map, const std::vector<double> &mass_diagonal,
+void share_tied_masses(const Deck &deck, const DofMap &map,
+                       const std::vector<double> &mass_diagonal,
                        const std::vector<double> &unit_diagonal, std::vector<double> &nodal);
 
 // Static shapes of the held rows: for each held row h, the vector with 1 at h, 0 at the other

@@ -83,7 +83,8 @@ def reference(exports):
     free = calculix(work, "free", "*STEP\n*FREQUENCY\n14\n*END STEP\n")
     static = calculix(work, "static",
                       f"*STEP\n*STATIC\n*BOUNDARY\n{ref_a},1,3\n{rot_a},1,3\n"
-                      f"*CLOAD\n{ref_b},3,1.\n*NODE PRINT,NSET=CCX2KRXIF\nU\n*EL FILE\nS\n*END STEP\n"
+                      f"*CLOAD\n{ref_b},3,1.\n*NODE PRINT,NSET=CCX2KRXIF\nU\n*EL FILE\nS\n"
+                      "*END STEP\n"
                       f"*STEP\n*STATIC\n*CLOAD,OP=NEW\n{rot_b},2,1.\n*END STEP\n")
     finish(free)
     finish(static)
@@ -191,7 +192,8 @@ def test_bad_interface_sets_leave_no_file(ccx2krx, deck, tmp_path, sets, message
     bad = tmp_path / "bracket.inp"
     bad.write_text(text + "*NODE\n999999,0.,0.,0.\n*NSET,NSET=LONE\n999999\n")
     out = tmp_path / "out.krx"
-    run = run_tool(ccx2krx, [str(bad), "-o", str(out)] + [a for s in sets for a in ("--interface", s)])
+    interfaces = [a for s in sets for a in ("--interface", s)]
+    run = run_tool(ccx2krx, [str(bad), "-o", str(out)] + interfaces)
     assert run.returncode == 1 and message in run.stderr, run.stderr
     assert not out.exists()
 

@@ -88,7 +88,8 @@ def case(request, ccx2krx, tmp_path_factory):
                       "*END STEP\n")
     finish(static)
     dat = os.path.join(keep, "static.dat")
-    return name, out, points, dat_displacements(dat, "CCX2KRXIF"), dat_displacements(dat, "CCX2KRXALL")
+    return (name, out, points, dat_displacements(dat, "CCX2KRXIF"),
+            dat_displacements(dat, "CCX2KRXALL"))
 
 
 def test_static_response_is_calculix_own_at_every_node(case):

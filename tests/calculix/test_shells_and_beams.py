@@ -99,7 +99,8 @@ def exports(ccx2krx, tmp_path_factory):
 
     # The S8 plate with the stresses of its top surface and of its mid-surface, and the B31 beam
     # with those of its section corner.
-    jobs = [(name, name, ["--stress"] if name in ("s8_plate", "b31_beam") else []) for name in MODELS]
+    jobs = [(name, name, ["--stress"] if name in ("s8_plate", "b31_beam") else [])
+            for name in MODELS]
     jobs.append(("s8_plate_mid", "s8_plate", ["--stress", "--shell-surface", "mid"]))
     with ThreadPoolExecutor(2) as pool:
         return dict(pool.map(lambda job: export(*job), jobs))
