@@ -200,11 +200,11 @@ def test_bad_interface_sets_leave_no_file(ccx2krx, deck, tmp_path, sets, message
 
 # ---- the consumer's side: the body mounted at HOLE1 ----
 
-def mounted(path, fixed, mass=None):
+def mounted(path, fixed, mass=None, count=SHOWN):
     program = os.environ.get("MOUNTED_BODY")
     if not program or not os.access(program, os.X_OK):
         pytest.fail(f"MOUNTED_BODY must name the built example (got {program!r})")
-    args = [program, path, "--fix", str(fixed), "--count", str(SHOWN)]
+    args = [program, path, "--fix", str(fixed), "--count", str(count)]
     if mass:
         args += ["--mass", str(mass[0]), repr(mass[1])]
     run = subprocess.run(args, capture_output=True, text=True, timeout=60)

@@ -1,6 +1,7 @@
 """Component modes of shell, beam and mixed parts (ccx2krx --interface on sets of shell, beam and
 solid nodes) against CalculiX's *STATIC of the same model part: one set held, a unit force and
-then a unit moment on the other, every original node's displacement printed."""
+then a unit moment on the other, every original node's displacement printed; and the sheet
+mounted at HOLE1 by examples/mounted_body against CalculiX's *FREQUENCY of it held there."""
 
 import os
 
@@ -8,12 +9,13 @@ import numpy as np
 import pytest
 
 import structures as st
-from calculix_output import dat_displacements
+from calculix_output import dat_displacements, dat_eigenvalues
 from conftest import GEOMETRY, Export, calculix, finish, run_tool
 from make_deck import make_deck
-from test_component_modes import interface_points, shapes_at, static_response
+from test_component_modes import interface_points, mounted, shapes_at, static_response
 
 FIXED = 8  # fixed-interface normal modes
+MOUNTED = 4  # frequencies of the sheet mounted at HOLE1 compared with CalculiX's
 
 
 def _near(deck_text, centre, radius):
@@ -64,7 +66,8 @@ MODELS = {
 def case(request, ccx2krx, tmp_path_factory):
     """The model exported with HOLE1 and HOLE2 as interface points, and CalculiX's static
     solution of the same model part (the tool's model.inp): HOLE1 held, a unit force on HOLE2's
-    reference node, then a unit moment on its rotation node."""
+    reference node, then a unit moment on its rotation node. For the sheet also the lowest
+    frequencies of that model part held at HOLE1, from CalculiX and from examples/mounted_body."""
     name = request.param
     source, force, moment, solver = MODELS[name]
     where = tmp_path_factory.mktemp(name)
@@ -86,10 +89,19 @@ def case(request, ccx2krx, tmp_path_factory):
                       f"*CLOAD\n{ref_b},{force},1.\n{prints}*END STEP\n"
                       f"*STEP\n*STATIC\n*CLOAD,OP=NEW\n{rot_b},{moment - 3},1.\n{prints}"
                       "*END STEP\n")
+    held = None
+    if name.startswith("sheet"):
+        held = calculix(keep, "held", f"*STEP\n*FREQUENCY\n{MOUNTED}\n*BOUNDARY\n{ref_a},1,3\n"
+                                      f"{rot_a},1,3\n*END STEP\n")
     finish(static)
     dat = os.path.join(keep, "static.dat")
+    frequencies = None
+    if held:
+        finish(held)
+        theirs = np.sqrt(dat_eigenvalues(os.path.join(keep, "held.dat"))[:MOUNTED]) / (2 * np.pi)
+        frequencies = mounted(out, ref_a, count=MOUNTED), theirs
     return (name, out, points, dat_displacements(dat, "CCX2KRXIF"),
-            dat_displacements(dat, "CCX2KRXALL"))
+            dat_displacements(dat, "CCX2KRXALL"), frequencies)
 
 
 def test_static_response_is_calculix_own_at_every_node(case):
@@ -97,7 +109,7 @@ def test_static_response_is_calculix_own_at_every_node(case):
     point, the mean through its thickness that CalculiX prints, which its untied middle node
     enters) follow from the file's modes and eigenvalues as CalculiX computes them."""
     import krx
-    name, out, points, ends, everywhere = case
+    name, out, points, ends, everywhere, _ = case
     f = krx.read(out)
     assert f.mode_count == 12 + FIXED
     _, force, moment, _ = MODELS[name]
@@ -123,9 +135,20 @@ def test_the_nodes_carry_the_mass(case):
     the brick's face nodes, which have no rows, theirs from the expanded elements), the points
     none; the total stays CalculiX's (density x area x thickness on the plate)."""
     import krx
-    name, out, points, _, _ = case
+    name, out, points, _, _, _ = case
     f = krx.read(out)
     refs = f.node_positions(np.array([ref for ref, _ in points.values()]))
     assert np.all(np.delete(f.masses, refs) > 0) and np.all(f.masses[refs] == 0)
     if name == "s4_plate":
         assert f.masses.sum() == pytest.approx(st.DENSITY * 40 * 20 * 1.0, rel=1e-9)
+
+
+@pytest.mark.parametrize("case", ["sheet", "sheet_own"], indirect=True)
+def test_the_mounted_sheet_has_calculix_frequencies(case):
+    """The read API's consumer holds the sheet's HOLE1 point (all six rows) and finds the
+    frequencies that CalculiX finds for the whole shell model held there."""
+    name, _, _, _, _, frequencies = case
+    ours, theirs = frequencies
+    print(f"\n{name} mounted at HOLE1: ours {ours} Hz, CalculiX's {theirs} Hz")
+    assert len(ours) == MOUNTED and len(theirs) == MOUNTED
+    np.testing.assert_allclose(ours, theirs, rtol=1e-3)
