@@ -387,14 +387,12 @@ void add_element_stresses(const StressModel &model, const Deck &deck,
   }
 }
 
-// Threads for the recovery: the cores, as far as OMP_NUM_THREADS allows (the runs that limit
-// the solver's threads limit these too), and at most four, each with a copy of the sums.
-unsigned recovery_threads(size_t elements) {
+// Threads for the recovery: the cores, or OMP_NUM_THREADS where it is set (the runs that limit
+// the solver's threads limit these too), at most four, each with a copy of the sums.
+unsigned recovery_threads() {
   unsigned threads = std::max(1u, std::thread::hardware_concurrency());
   if (const char *limit = std::getenv("OMP_NUM_THREADS"))
-    threads = std::min(threads, static_cast<unsigned>(std::max(1, std::atoi(limit))));
-  // Small models are not worth a thread.
-  if (elements < 20000) threads = 1;
+    threads = static_cast<unsigned>(std::max(1, std::atoi(limit)));
   return std::min(threads, 4u);
 }
 
@@ -404,7 +402,7 @@ void recover_stresses(const StressModel &model, const Deck &deck,
                       const std::vector<double> &by_node, std::vector<double> &stresses) {
   size_t values = 6 * deck.node_ids.size(), elements = model.kind.size();
   stresses.assign(values, 0.0);
-  unsigned threads = recovery_threads(elements);
+  unsigned threads = recovery_threads();
   // Each thread sums its share of the elements; the first share goes straight to stresses.
   std::vector<std::vector<double>> sums(threads - 1, std::vector<double>(values, 0.0));
   std::vector<std::thread> others;
