@@ -117,13 +117,13 @@ std::vector<SuiteSparse_long> expand_order(const std::vector<SuiteSparse_long> &
                                            const std::vector<SuiteSparse_long> &group_order) {
   size_t groups = group_order.size();
   std::vector<int64_t> place(groups), next(groups + 1, 0);
-  for (size_t k = 0; k < groups; ++k) place[static_cast<size_t>(group_order[k])] = int64_t(k);
+  for (size_t k = 0; k < groups; ++k) place[static_cast<size_t>(group_order[k])] = static_cast<int64_t>(k);
   for (SuiteSparse_long g : group) ++next[static_cast<size_t>(place[static_cast<size_t>(g)]) + 1];
   for (size_t k = 0; k < groups; ++k) next[k + 1] += next[k];
   std::vector<SuiteSparse_long> order(group.size());
   for (size_t r = 0; r < group.size(); ++r) {
-    auto at = static_cast<size_t>(next[static_cast<size_t>(place[static_cast<size_t>(group[r])])]++);
-    order[at] = static_cast<SuiteSparse_long>(r);
+    auto slot = static_cast<size_t>(place[static_cast<size_t>(group[r])]);
+    order[static_cast<size_t>(next[slot]++)] = static_cast<SuiteSparse_long>(r);
   }
   return order;
 }
@@ -165,7 +165,8 @@ cholmod_factor *analyse(const Matrices &m, cholmod_common &c) {
   c.nmethods = 1;
   c.method[0].ordering = order.empty() ? CHOLMOD_AMD : CHOLMOD_GIVEN;
   c.postorder = 1;
-  cholmod_factor *l = cholmod_l_analyze_p(a, order.empty() ? nullptr : order.data(), nullptr, 0, &c);
+  SuiteSparse_long *given = order.empty() ? nullptr : order.data();
+  cholmod_factor *l = cholmod_l_analyze_p(a, given, nullptr, 0, &c);
   cholmod_l_free_sparse(&a, &c);
   return l;
 }

@@ -100,9 +100,9 @@ void generalized_matrices(const Matrices &m, const std::vector<int> &held,
     for (size_t i = 0; i <= j; ++i) {
       if (i != j) shape(i, other);
       const std::vector<double> &left = i == j ? phi : other;
-      double mass = dot(left, m_phi), stiffness = dot(left, k_phi);
-      job.generalized_mass[j * count + i] = job.generalized_mass[i * count + j] = mass;
-      job.generalized_stiffness[j * count + i] = job.generalized_stiffness[i * count + j] = stiffness;
+      std::vector<double> &mass = job.generalized_mass, &stiffness = job.generalized_stiffness;
+      mass[j * count + i] = mass[i * count + j] = dot(left, m_phi);
+      stiffness[j * count + i] = stiffness[i * count + j] = dot(left, k_phi);
     }
   }
 }
