@@ -117,7 +117,8 @@ std::vector<SuiteSparse_long> expand_order(const std::vector<SuiteSparse_long> &
                                            const std::vector<SuiteSparse_long> &group_order) {
   size_t groups = group_order.size();
   std::vector<int64_t> place(groups), next(groups + 1, 0);
-  for (size_t k = 0; k < groups; ++k) place[static_cast<size_t>(group_order[k])] = static_cast<int64_t>(k);
+  for (size_t k = 0; k < groups; ++k)
+    place[static_cast<size_t>(group_order[k])] = static_cast<int64_t>(k);
   for (SuiteSparse_long g : group) ++next[static_cast<size_t>(place[static_cast<size_t>(g)]) + 1];
   for (size_t k = 0; k < groups; ++k) next[k + 1] += next[k];
   std::vector<SuiteSparse_long> order(group.size());
