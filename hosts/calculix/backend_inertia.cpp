@@ -89,7 +89,7 @@ Outcome factor_and_count(const Matrices &m, double shift, const std::vector<int6
 }  // namespace
 
 bool count_eigenvalues_below(const Matrices &m, double shift, const std::vector<int64_t> &ordering,
-                             int64_t &count) {
+                             int64_t &count, const std::function<bool()> &meanwhile) {
   int fds[2];
   if (pipe(fds) != 0) return failed("cannot make a pipe for the LDL' count");
   std::fflush(nullptr);
@@ -112,11 +112,23 @@ bool count_eigenvalues_below(const Matrices &m, double shift, const std::vector<
   }
   close(fds[1]);
   Outcome out;
-  ssize_t got = read(fds[0], &out, sizeof out);
-  close(fds[0]);
+  ssize_t got = 0;
   int status = 0;
-  while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+  auto wait_for_child = [&] {
+    got = read(fds[0], &out, sizeof out);
+    close(fds[0]);
+    while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+    }
+  };
+  bool done = true;
+  try {
+    done = !meanwhile || meanwhile();
+  } catch (...) {
+    wait_for_child();
+    throw;
   }
+  wait_for_child();
+  if (!done) return false;
   if (got != static_cast<ssize_t>(sizeof out))
     return failed("the LDL' count of %d rows ended without a result (status %d): out of memory?",
                   m.n, status);

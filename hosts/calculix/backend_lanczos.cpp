@@ -60,28 +60,24 @@ namespace {
 
 // The combinations of the motions on which K vanishes (Rayleigh quotient below a thousandth of
 // the shift, where elastic modes lie far above): M-orthonormal vectors z, M z, their eigenvalues.
-bool null_motions(const Matrices &m, const std::vector<double> &motions, double sigma,
-                  std::vector<double> &z, std::vector<double> &m_z, std::vector<double> &values) {
+// k_motions holds motions' K motions (motion_stiffness).
+bool null_motions(const Matrices &m, const std::vector<double> &motions,
+                  const std::vector<double> &k_motions, double sigma, std::vector<double> &z,
+                  std::vector<double> &m_z, std::vector<double> &values) {
   size_t n = static_cast<size_t>(m.n);
   int count = static_cast<int>(motions.size() / n);
   z.clear();
   m_z.clear();
   values.clear();
   if (count == 0) return true;
-  std::vector<double> k_r(n * count), m_r(n * count);
-  Eigen::MatrixXd kk(count, count), mm(count, count);
-  for (int j = 0; j < count; ++j) {
-    multiply(m, m.stiffness, &motions[j * n], &k_r[j * n]);
-    multiply(m, m.mass, &motions[j * n], &m_r[j * n]);
-  }
+  std::vector<double> m_r(n * count);
+  Eigen::MatrixXd kk = Eigen::Map<const Eigen::MatrixXd>(k_motions.data(), count, count);
+  Eigen::MatrixXd mm(count, count);
+  for (int j = 0; j < count; ++j) multiply(m, m.mass, &motions[j * n], &m_r[j * n]);
   for (int i = 0; i < count; ++i)
     for (int j = 0; j < count; ++j) {
-      double k_ij = 0.0, m_ij = 0.0;
-      for (size_t r = 0; r < n; ++r) {
-        k_ij += motions[i * n + r] * k_r[j * n + r];
-        m_ij += motions[i * n + r] * m_r[j * n + r];
-      }
-      kk(i, j) = k_ij;
+      double m_ij = 0.0;
+      for (size_t r = 0; r < n; ++r) m_ij += motions[i * n + r] * m_r[j * n + r];
       mm(i, j) = m_ij;
     }
   kk = 0.5 * (kk + kk.transpose()).eval();
@@ -126,15 +122,32 @@ std::vector<double> start_vector(const ShiftInvertOp &op, uint64_t seed) {
 
 }  // namespace
 
+std::vector<double> motion_stiffness(const Matrices &m, const std::vector<double> &motions) {
+  size_t n = static_cast<size_t>(m.n);
+  size_t count = n > 0 ? motions.size() / n : 0;
+  std::vector<double> kk(count * count), k_r(n);
+  for (size_t j = 0; j < count; ++j) {
+    multiply(m, m.stiffness, &motions[j * n], k_r.data());
+    for (size_t i = 0; i < count; ++i) {
+      double k_ij = 0.0;
+      for (size_t r = 0; r < n; ++r) k_ij += motions[i * n + r] * k_r[r];
+      kk[j * count + i] = k_ij;
+    }
+  }
+  return kk;
+}
+
 bool lowest_modes(const Matrices &m, Factor &f, double sigma, int wanted,
-                  const std::vector<double> &motions, Modes &modes, int more) {
+                  const std::vector<double> &motions, Modes &modes, int more,
+                  const std::vector<double> *k_motions) {
   int nev = wanted + kExtraModes;
   if (more > 0) nev = std::min(nev + more, m.n - 1);
   if (nev >= m.n)
     return failed("%d modes asked, but the model has %d degrees of freedom (%d at most)", wanted,
                   m.n, m.n - kExtraModes - 1);
   std::vector<double> z, m_z, rigid_values;
-  if (!null_motions(m, motions, sigma, z, m_z, rigid_values)) return false;
+  std::vector<double> kk = k_motions ? *k_motions : motion_stiffness(m, motions);
+  if (!null_motions(m, motions, kk, sigma, z, m_z, rigid_values)) return false;
   int rigid = static_cast<int>(rigid_values.size());
   // Past the rigid-body modes the check needs a gap: Lanczos finds a few modes even when fewer
   // are wanted than the body has rigid-body modes.

@@ -229,7 +229,7 @@ bool set_modes(ExportJob &job) {
     if (!set_shape(job, j, by_node)) return false;
     if (job.stress && !set_stresses(job, j, by_node)) return false;
     if (job.generalized_mass) {
-      // Formed where the matrices are, by the ranks of a parallel run.
+      // Formed beforehand: by the ranks of a parallel run, or by the own path during its count.
       size_t at = static_cast<size_t>(j - 1) * static_cast<size_t>(modes);
       for (int i = 1; i <= j; ++i)
         if (!set_generalized(i, j, (*job.generalized_mass)[at + i - 1],

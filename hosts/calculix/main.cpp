@@ -2,6 +2,7 @@
 // [--keep DIR] [--timing] [--quiet] [--interface NSET ...] [--solver own|mpi|calculix]: CalculiX
 // assembles the model part of a deck, the tool (or CalculiX) solves it, and its modes (with
 // interface points: its component modes) are exported as a KRX file.
+#include <malloc.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
@@ -350,8 +351,13 @@ bool run_and_read(const Options &o, const ccx::Deck &deck, const std::string &di
     job.modes = o.modes;
     job.vectors_path = dir + "/own_modes.bin";
     job.statics_path = dir + "/static_shapes.bin";
+    job.scratch_dir = dir;
     job.timing = o.timing;
-    return ccx::solve_own(job, r.eig);
+    if (!ccx::solve_own(job, r.eig)) return false;
+    r.sums.vectors = 6 * static_cast<int>(deck.interfaces.size()) + o.modes;
+    r.sums.generalized_mass = std::move(job.generalized_mass);
+    r.sums.generalized_stiffness = std::move(job.generalized_stiffness);
+    return true;
   }
   int64_t off_diagonal = static_cast<int64_t>(r.matrices.row.size()) - rows;
   if (!deck.interfaces.empty()) {
@@ -447,6 +453,13 @@ bool convert(const Options &o, double &calculix_seconds) {
 }  // namespace
 
 int main(int argc, char **argv) {
+  // A library that the MPI back-end brings along turns the C library's mapped allocations off
+  // when it is loaded: every block would then come from the heap, and what the tool frees (the
+  // factor before the count, the ASCII matrices' buffers) would never go back to the system.
+  // Large blocks get their own mappings again, and the heap keeps the vectors the solves reuse.
+  mallopt(M_MMAP_MAX, 65536);
+  mallopt(M_MMAP_THRESHOLD, 32 << 20);
+  mallopt(M_TRIM_THRESHOLD, 64 << 20);
   auto begin = std::chrono::steady_clock::now();
   Options o;
   int parsed = parse_options(argc, argv, o);

@@ -45,18 +45,80 @@ bool write_vectors(const std::string &path, const double *values, size_t count) 
   return true;
 }
 
+// K's values wait in a file while the factor and Lanczos run, which use M alone: on the largest
+// models they are as much memory as M's, beside a factor that fills the machine.
+struct ParkedStiffness {
+  std::vector<double> *values = nullptr;
+  std::string path;
+  size_t count = 0;
+  bool park() {
+    count = values->size();
+    if (!write_vectors(path, values->data(), count)) return false;
+    std::vector<double>().swap(*values);
+    return true;
+  }
+  bool restore() {
+    if (!values->empty() || count == 0) return true;
+    values->resize(count);
+    std::FILE *file = std::fopen(path.c_str(), "rb");
+    bool ok = file && std::fread(values->data(), sizeof(double), count, file) == count;
+    if (file) std::fclose(file);
+    std::remove(path.c_str());
+    if (!ok) return failed("cannot read %s back", path.c_str());
+    return true;
+  }
+};
+
+// The generalized mass and stiffness of the static shapes (statics, whole rows) and the first
+// `wanted` modes (the problem's rows, the held rows left out), shapes x shapes, from the whole
+// matrices m: mode j's products are formed once and dotted with the shapes before it.
+void generalized_matrices(const Matrices &m, const std::vector<int> &held,
+                          const std::vector<double> &statics, const Modes &modes, int wanted,
+                          OwnJob &job) {
+  size_t n = static_cast<size_t>(m.n), problem_rows = n - held.size();
+  size_t count = statics.size() / n + static_cast<size_t>(wanted);
+  std::vector<char> is_held(n, 0);
+  for (int row : held) is_held[static_cast<size_t>(row)] = 1;
+  auto shape = [&](size_t j, std::vector<double> &rows) {
+    if (j < statics.size() / n) {
+      rows.assign(statics.begin() + static_cast<long>(j * n),
+                  statics.begin() + static_cast<long>((j + 1) * n));
+      return;
+    }
+    const double *mode = &modes.vectors[(j - statics.size() / n) * problem_rows];
+    rows.assign(n, 0.0);
+    for (size_t r = 0, k = 0; r < n; ++r)
+      if (!is_held[r]) rows[r] = mode[k++];
+  };
+  job.generalized_mass.assign(count * count, 0.0);
+  job.generalized_stiffness.assign(count * count, 0.0);
+  std::vector<double> phi, other, m_phi(n), k_phi(n);
+  for (size_t j = 0; j < count; ++j) {
+    shape(j, phi);
+    multiply(m, m.mass, phi.data(), m_phi.data());
+    multiply(m, m.stiffness, phi.data(), k_phi.data());
+    for (size_t i = 0; i <= j; ++i) {
+      if (i != j) shape(i, other);
+      const std::vector<double> &left = i == j ? phi : other;
+      std::vector<double> &mass = job.generalized_mass, &stiffness = job.generalized_stiffness;
+      mass[j * count + i] = mass[i * count + j] = dot(left, m_phi);
+      stiffness[j * count + i] = stiffness[i * count + j] = dot(left, k_phi);
+    }
+  }
+}
+
 void print_timing(const char *stage, double seconds) {
   std::fprintf(stderr, "ccx2krx:   %-28s %8.2f s\n", stage, seconds);
 }
 
 }  // namespace
 
-bool solve_own(const OwnJob &job, EigenFile &eig) {
-  const Matrices &m = *job.matrices;
+bool solve_own(OwnJob &job, EigenFile &eig) {
+  Matrices &m = *job.matrices;
   std::vector<int> held;
   if (!interface_rows(*job.deck, *job.map, held)) return false;
   Matrices restricted;
-  const Matrices *problem = &m;
+  Matrices *problem = &m;
   if (!held.empty()) {
     std::vector<char> is_held(static_cast<size_t>(m.n), 0);
     for (int row : held) is_held[row] = 1;
@@ -72,10 +134,17 @@ bool solve_own(const OwnJob &job, EigenFile &eig) {
   auto begin = std::chrono::steady_clock::now();
   FactorHandle factor;
   show_stage("factoring K - sigma M");
-  if (!factor_shifted(*problem, sigma, factor)) return false;
+  // With interfaces held no rigid-body motion is left.
+  std::vector<double> motions;
+  if (held.empty()) rigid_motions(*job.deck, *job.map, motions);
+  std::vector<double> k_motions = motion_stiffness(*problem, motions);
+  // (With interfaces the static shapes take K_ib from the whole matrices, not from problem's.)
+  ParkedStiffness parked{&problem->stiffness, job.scratch_dir + "/stiffness.bin"};
+  auto park = [&] { return parked.park(); };
+  if (!factor_shifted(*problem, sigma, factor, park)) return false;
   FactorStats stats = factor_stats(*factor);
+  std::vector<double> shapes;
   if (!held.empty()) {
-    std::vector<double> shapes;
     auto statics = std::chrono::steady_clock::now();
     show_stage("static shapes of the interfaces");
     if (!constraint_modes(m, held, *factor, shapes) ||
@@ -83,31 +152,37 @@ bool solve_own(const OwnJob &job, EigenFile &eig) {
       return false;
     if (job.timing) print_timing("static shapes", seconds_since(statics));
   }
-  // With interfaces held no rigid-body motion is left.
-  std::vector<double> motions;
-  if (held.empty()) rigid_motions(*job.deck, *job.map, motions);
   std::vector<int64_t> ordering;
   double lanczos_seconds = 0.0;
   int solves = 0;
   auto solve = [&](int more, Modes &modes) {
-    if (!factor && !factor_shifted(*problem, sigma, factor)) return false;
+    if (!factor && !factor_shifted(*problem, sigma, factor, park)) return false;
     auto lanczos = std::chrono::steady_clock::now();
     show_stage("Lanczos");
-    bool ok = lowest_modes(*problem, *factor, sigma, job.modes, motions, modes, more);
+    bool ok = lowest_modes(*problem, *factor, sigma, job.modes, motions, modes, more, &k_motions);
     lanczos_seconds += seconds_since(lanczos);
     solves += modes.solves;
     // The count's LDL' factor is as large as this one: this one goes first.
     ordering = factor_ordering(*factor);
     factor.reset();
     show_stage("checking the modes (residuals, LDL' count)");
-    return ok && check_residuals(*problem, modes, kResidualTolerance);
-  };
-  auto count = [&](double shift, int64_t &below) {
-    return count_eigenvalues_below(*problem, shift, ordering, below);
+    return parked.restore() && ok && check_residuals(*problem, modes, kResidualTolerance);
   };
   Modes modes;
+  // While the count's child factors, this process forms what the export would form after it.
+  auto count = [&](double shift, int64_t &below) {
+    return count_eigenvalues_below(*problem, shift, ordering, below, [&] {
+      generalized_matrices(m, held, shapes, modes, job.modes, job);
+      return true;
+    });
+  };
   double check_seconds = 0.0;
-  if (!solve_and_count(solve, count, modes, check_seconds)) return false;
+  bool solved = solve_and_count(solve, count, modes, check_seconds);
+  // A run that failed before Lanczos leaves K in its file: the export no longer needs it.
+  if (!solved) {
+    std::remove(parked.path.c_str());
+    return false;
+  }
   std::vector<double>().swap(motions);
   if (job.timing) {
     std::fprintf(stderr, "ccx2krx: own solver, %d rows, factor with %.3g entries:\n", problem->n,

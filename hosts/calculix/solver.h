@@ -27,15 +27,19 @@ using FactorHandle = std::unique_ptr<Factor, FactorFree>;
 
 // Factors K - sigma M (m.stiffness, m.mass), which must be positive definite: sigma below the
 // lowest eigenvalue. A failure says at which row the matrix stopped being positive definite.
-bool factor_shifted(const Matrices &m, double sigma, FactorHandle &f);
+// `made`, when given, runs once the factor holds its own copy of K - sigma M and before the
+// numerical factorisation; m's values are not read after it (the caller may set them aside).
+bool factor_shifted(const Matrices &m, double sigma, FactorHandle &f,
+                    const std::function<bool()> &made = {});
 // x = (K - sigma M)^-1 b for `columns` vectors of m.n values each, one after the other, in place.
 bool solve_shifted(Factor &f, double *x, int columns);
 // The fill-reducing ordering of a factor, for another factor of the same pattern.
 std::vector<int64_t> factor_ordering(const Factor &f);
 // The number of eigenvalues of K phi = lambda M phi below shift (Sylvester's inertia of an LDL'
-// factor of K - shift M), with the ordering of an earlier factor of the same pattern.
+// factor of K - shift M), with the ordering of an earlier factor of the same pattern. meanwhile,
+// when given, runs in this process while the factor is made (its failure fails the count).
 bool count_eigenvalues_below(const Matrices &m, double shift, const std::vector<int64_t> &ordering,
-                             int64_t &count);
+                             int64_t &count, const std::function<bool()> &meanwhile = {});
 // What the factor cost: entries of L, seconds of ordering and of numerical factorisation.
 struct FactorStats {
   double entries = 0.0;
@@ -59,9 +63,13 @@ struct Modes {
   int solves = 0;
 };
 // `more` modes beyond those are computed, with a wider subspace and another start vector, when a
-// first run missed some.
+// first run missed some. Of K, the iteration uses only motions' K motions (motion_stiffness):
+// given as k_motions, m's stiffness values are not read.
 bool lowest_modes(const Matrices &m, Factor &f, double sigma, int wanted,
-                  const std::vector<double> &motions, Modes &modes, int more = 0);
+                  const std::vector<double> &motions, Modes &modes, int more = 0,
+                  const std::vector<double> *k_motions = nullptr);
+// motions' K motions, count x count by columns (count = motions.size() / m.n).
+std::vector<double> motion_stiffness(const Matrices &m, const std::vector<double> &motions);
 
 // ---- the stages -------------------------------------------------------------------------------
 
@@ -127,13 +135,17 @@ bool interface_rows(const Deck &deck, const DofMap &map, std::vector<int> &held)
 struct OwnJob {
   const Deck *deck = nullptr;
   const DofMap *map = nullptr;
-  const Matrices *matrices = nullptr;
+  Matrices *matrices = nullptr;  // K's values wait in scratch_dir while the factor is in use
   int modes = 0;
   std::string vectors_path;
   std::string statics_path;
+  std::string scratch_dir;
   bool timing = false;
+  // Out: the generalized mass and stiffness of the static shapes and the modes, shapes x shapes
+  // (formed while the missed-mode count runs).
+  std::vector<double> generalized_mass, generalized_stiffness;
 };
-bool solve_own(const OwnJob &job, EigenFile &eig);
+bool solve_own(OwnJob &job, EigenFile &eig);
 
 // Nodal stresses recovered from displacements as CalculiX recovers them, for isotropic linear
 // elastic materials given to the elements by the solid sections: prepare once (the elements, their

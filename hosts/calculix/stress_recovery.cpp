@@ -6,7 +6,11 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
+#include <cstdlib>
+#include <functional>
 #include <memory>
+#include <system_error>
+#include <thread>
 
 #include "solver.h"
 
@@ -336,11 +340,14 @@ double jacobian_at(const StressKind &k, const std::vector<Dual> &n, const Deck &
 
 }  // namespace
 
-void recover_stresses(const StressModel &model, const Deck &deck,
-                      const std::vector<double> &by_node, std::vector<double> &stresses) {
-  stresses.assign(6 * deck.node_ids.size(), 0.0);
+namespace {
+
+// Elements first .. last - 1 add their extrapolated stresses to sums (six per node).
+void add_element_stresses(const StressModel &model, const Deck &deck,
+                          const std::vector<double> &by_node, size_t first, size_t last,
+                          double *sums) {
   std::vector<double> at_points;
-  for (size_t e = 0; e < model.kind.size(); ++e) {
+  for (size_t e = first; e < last; ++e) {
     const StressKind &k = *model.kinds[static_cast<size_t>(model.kind[e])];
     const int *nodes = &model.nodes[static_cast<size_t>(model.first[e])];
     size_t g = k.rule.points.size();
@@ -373,11 +380,48 @@ void recover_stresses(const StressModel &model, const Deck &deck,
       s[5] = mu * (grad[2][0] + grad[0][2]);
     }
     for (int a = 0; a < k.nodes; ++a) {
-      double *out = &stresses[6 * static_cast<size_t>(nodes[a])];
+      double *out = &sums[6 * static_cast<size_t>(nodes[a])];
       for (size_t p = 0; p < g; ++p)
         for (int c = 0; c < 6; ++c) out[c] += k.to_nodes[a * g + p] * at_points[6 * p + c];
     }
   }
+}
+
+// Threads for the recovery: the cores, or OMP_NUM_THREADS where it is set (the runs that limit
+// the solver's threads limit these too), at most four, each with a copy of the sums.
+unsigned recovery_threads() {
+  unsigned threads = std::max(1u, std::thread::hardware_concurrency());
+  if (const char *limit = std::getenv("OMP_NUM_THREADS"))
+    threads = static_cast<unsigned>(std::max(1, std::atoi(limit)));
+  return std::min(threads, 4u);
+}
+
+}  // namespace
+
+void recover_stresses(const StressModel &model, const Deck &deck,
+                      const std::vector<double> &by_node, std::vector<double> &stresses) {
+  size_t values = 6 * deck.node_ids.size(), elements = model.kind.size();
+  stresses.assign(values, 0.0);
+  unsigned threads = recovery_threads();
+  // Each thread sums its share of the elements; the first share goes straight to stresses.
+  std::vector<std::vector<double>> sums(threads - 1, std::vector<double>(values, 0.0));
+  std::vector<std::thread> others;
+  unsigned started = 1;
+  try {
+    for (; started < threads; ++started)
+      others.emplace_back(add_element_stresses, std::cref(model), std::cref(deck),
+                          std::cref(by_node), elements * started / threads,
+                          elements * (started + 1) / threads, sums[started - 1].data());
+  } catch (const std::system_error &) {
+    // The shares of the threads that could not start are summed here.
+  }
+  add_element_stresses(model, deck, by_node, 0, elements / threads, stresses.data());
+  for (unsigned t = started; t < threads; ++t)
+    add_element_stresses(model, deck, by_node, elements * t / threads,
+                         elements * (t + 1) / threads, stresses.data());
+  for (std::thread &other : others) other.join();
+  for (const std::vector<double> &part : sums)
+    for (size_t v = 0; v < values; ++v) stresses[v] += part[v];
   for (size_t i = 0; i < model.sharing.size(); ++i)
     if (model.sharing[i] > 0)
       for (int c = 0; c < 6; ++c) stresses[6 * i + c] /= model.sharing[i];
