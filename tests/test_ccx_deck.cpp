@@ -19,9 +19,7 @@ const char *kTwoHexahedra =
     "99,5,5,5\n"
     "** a comment between blocks\n"
     "*ELEMENT, TYPE=C3D8, ELSET=E\n"
-    "1,1,2,3,4,5,6,7,8\n"
-    // The second brick is numbered the other way round: its faces must still point outward.
-    "2,2,9,10,3,6,11,12,7\n"
+    "1,1,2,3,4,5,6,7,8\n2,2,9,10,3,6,11,12,7\n"
     "*MATERIAL,NAME=S\n*DENSITY\n7.85e-9\n*SOLID SECTION,ELSET=E,MATERIAL=S\n";
 
 double enclosed_volume(const ccx::Deck &deck, const std::vector<ccx::Face> &faces) {
@@ -95,35 +93,29 @@ TEST(CcxDeck, RefusesDecksItCannotExport) {
   }
 }
 
-TEST(CcxSkin, KeepsTheOuterFacesOfTwoBricksTurnedOutward) {
-  ccx::Deck deck;
-  ASSERT_TRUE(ccx::parse_deck(kTwoHexahedra, ".", deck));
-  std::vector<ccx::Face> faces;
-  ASSERT_TRUE(ccx::collect_skin(deck, faces));
-  ASSERT_EQ(faces.size(), 10u);
-  for (const ccx::Face &f : faces) {
-    std::vector<int> ids(f.ids, f.ids + f.count);
-    std::sort(ids.begin(), ids.end());
-    EXPECT_NE(ids, (std::vector<int>{2, 3, 6, 7})) << "the shared face is inside";
-  }
-  EXPECT_NEAR(enclosed_volume(deck, faces), 2.0, 1e-12);
-}
-
-TEST(CcxSkin, TurnsFacesOutwardWhateverTheElementsOrientation) {
-  // A quadratic tetrahedron numbered inside out, and a wedge on top of a triangle it shares
-  // with nobody: each closed on its own.
-  const char *text =
+// Two bricks, the second numbered the other way round, whose shared face is inside; a quadratic
+// tetrahedron numbered inside out and a wedge on top of a triangle it shares with nobody: the
+// outer faces, turned outward, close the volume of each.
+TEST(CcxSkin, KeepsTheOuterFacesTurnedOutwardWhateverTheElementsOrientation) {
+  const std::string mixed =
       "*NODE\n1,0,0,0\n2,1,0,0\n3,0,1,0\n4,0,0,1\n5,.5,0,0\n6,.5,.5,0\n7,0,.5,0\n8,0,0,.5\n"
       "9,.5,0,.5\n10,0,.5,.5\n"
       "11,5,0,0\n12,6,0,0\n13,5,1,0\n14,5,0,2\n15,6,0,2\n16,5,1,2\n"
       "*ELEMENT,TYPE=C3D10\n1,1,3,2,4,7,6,5,8,10,9\n"
       "*ELEMENT,TYPE=C3D6\n2,11,12,13,14,15,16\n*DENSITY\n1\n";
-  ccx::Deck deck;
-  ASSERT_TRUE(ccx::parse_deck(text, ".", deck));
-  std::vector<ccx::Face> faces;
-  ASSERT_TRUE(ccx::collect_skin(deck, faces));
-  EXPECT_EQ(faces.size(), 4u + 5u);
-  EXPECT_NEAR(enclosed_volume(deck, faces), 1.0 / 6.0 + 1.0, 1e-12);
+  const struct {
+    std::string text;
+    size_t faces;
+    double volume;
+  } cases[] = {{kTwoHexahedra, 10, 2.0}, {mixed, 4 + 5, 1.0 / 6.0 + 1.0}};
+  for (const auto &c : cases) {
+    ccx::Deck deck;
+    ASSERT_TRUE(ccx::parse_deck(c.text, ".", deck));
+    std::vector<ccx::Face> faces;
+    ASSERT_TRUE(ccx::collect_skin(deck, faces));
+    EXPECT_EQ(faces.size(), c.faces);
+    EXPECT_NEAR(enclosed_volume(deck, faces), c.volume, 1e-12);
+  }
 }
 
 }  // namespace

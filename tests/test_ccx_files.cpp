@@ -50,12 +50,6 @@ bool read_pair(const std::string &mass, const std::string &stiffness, ccx::Matri
   return ok;
 }
 
-TEST(CcxFiles, MapsRowsToNodesAndDirections) {
-  ccx::DofMap map = dof_map(two_nodes());
-  EXPECT_EQ(map.row_node, (std::vector<int>{0, 0, 1, -1}));
-  EXPECT_EQ(map.row_dir, (std::vector<int>{0, 1, 0, -1}));
-}
-
 TEST(CcxFiles, MultipliesTheWholeSymmetricMatrixFromItsUpperTriangle) {
   ccx::Matrices m;
   ASSERT_TRUE(read_pair(kMass, kMass, m));
@@ -73,8 +67,10 @@ TEST(CcxFiles, RefusesMatricesThatDoNotFitTheirPattern) {
   EXPECT_FALSE(read_pair("1 1 x\n", "1 1 x\n", m)) << "no number";
 }
 
-TEST(CcxFiles, LumpsByScaledDiagonalKeepingTheTotalMass) {
+TEST(CcxFiles, MapsRowsToNodesAndLumpsByScaledDiagonalKeepingTheTotalMass) {
   ccx::DofMap map = dof_map(two_nodes());
+  EXPECT_EQ(map.row_node, (std::vector<int>{0, 0, 1, -1}));
+  EXPECT_EQ(map.row_dir, (std::vector<int>{0, 1, 0, -1}));
   ccx::Matrices m;
   ASSERT_TRUE(read_pair(kMass, kMass, m));
   std::vector<double> nodal;
@@ -153,33 +149,31 @@ void write_eig(const std::string &path, int rows, int off_diagonal, int modes, b
     }
 }
 
+// Extra stiffness entries (a model held by *BOUNDARY) move the eigenvectors back; a file cut
+// short, or one of another matrix pattern, is refused.
 TEST(CcxFiles, ReadsDoublePrecisionEigenvectorsByMode) {
   krxtest::TempDir dir;
-  write_eig(dir.file("good.eig"), 3, 2, 2, false);
-  ccx::EigenFile eig;
-  ASSERT_TRUE(ccx::open_eigen_file(dir.file("good.eig"), 3, 2, eig));
-  EXPECT_EQ(eig.modes, 2);
-  EXPECT_EQ(eig.eigenvalues, (std::vector<double>{100.0, 200.0}));
-  std::vector<double> v;
-  ASSERT_TRUE(ccx::read_eigenvector(eig, 2, v));
-  EXPECT_EQ(v, (std::vector<double>{20.0, 21.0, 22.0}));
-  ccx::close_eigen_file(eig);
-
-  // Extra stiffness entries (a model held by *BOUNDARY) move the eigenvectors back.
-  write_eig(dir.file("extra.eig"), 3, 2, 2, false, 5);
-  ccx::EigenFile extra;
-  ASSERT_TRUE(ccx::open_eigen_file(dir.file("extra.eig"), 3, 2, extra));
-  ASSERT_TRUE(ccx::read_eigenvector(extra, 1, v));
-  EXPECT_EQ(v, (std::vector<double>{10.0, 11.0, 12.0}));
-  ccx::close_eigen_file(extra);
-
-  write_eig(dir.file("cut.eig"), 3, 2, 2, true);
-  ccx::EigenFile cut;
-  EXPECT_FALSE(ccx::open_eigen_file(dir.file("cut.eig"), 3, 2, cut));
-  ccx::close_eigen_file(cut);
-  ccx::EigenFile other_pattern;
-  EXPECT_FALSE(ccx::open_eigen_file(dir.file("good.eig"), 3, 3, other_pattern));
-  ccx::close_eigen_file(other_pattern);
+  const struct {
+    const char *name;
+    int extra, off_diagonal;
+    bool cut, ok;
+  } cases[] = {{"plain", 0, 2, false, true},
+               {"extra stiffness entries", 5, 2, false, true},
+               {"cut short", 0, 2, true, false},
+               {"another pattern", 0, 3, false, false}};
+  for (const auto &c : cases) {
+    SCOPED_TRACE(c.name);
+    write_eig(dir.file("m.eig"), 3, 2, 2, c.cut, c.extra);
+    ccx::EigenFile eig;
+    ASSERT_EQ(ccx::open_eigen_file(dir.file("m.eig"), 3, c.off_diagonal, eig), c.ok);
+    if (c.ok) {
+      EXPECT_EQ(eig.eigenvalues, (std::vector<double>{100.0, 200.0}));
+      std::vector<double> v;
+      ASSERT_TRUE(ccx::read_eigenvector(eig, 2, v));
+      EXPECT_EQ(v, (std::vector<double>{20.0, 21.0, 22.0}));
+    }
+    ccx::close_eigen_file(eig);
+  }
 }
 
 }  // namespace

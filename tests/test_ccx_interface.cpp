@@ -1,6 +1,6 @@
 // ccx2krx's interface points on a deck written by hand: node sets, the reference and rotation
-// nodes and their rigid bodies, the component-mode job, and the rows and displacement tables that
-// CalculiX gives back for those nodes.
+// nodes and their rigid bodies, and the rows and displacement tables that CalculiX gives back for
+// those nodes.
 #include <gtest/gtest.h>
 
 #include <cstdio>
@@ -55,28 +55,6 @@ TEST(CcxInterface, RefusesUnknownEmptyAndSharedSets) {
     EXPECT_NE(text.find("ccx2krx: --interface"), std::string::npos) << text;
     EXPECT_EQ(text.find('\n'), text.size() - 1) << "one message: " << text;
   }
-}
-
-TEST(CcxInterface, StaticStepsMoveOneDegreeOfFreedomEachThenTheModesHoldAll) {
-  ccx::Deck deck = parsed();
-  ASSERT_TRUE(ccx::add_interfaces(deck, {"LEFT"}));
-  std::string job = ccx::component_deck(deck, 7, false);
-  const char *units[] = {"100,1,1,1.", "100,2,2,1.", "100,3,3,1.",
-                         "101,1,1,1.", "101,2,2,1.", "101,3,3,1."};
-  size_t at = 0;
-  for (const char *unit : units) {
-    size_t step = job.find("*STATIC", at), next = job.find("*END STEP", step);
-    ASSERT_NE(step, std::string::npos);
-    std::string body = job.substr(step, next - step);
-    EXPECT_NE(body.find(unit), std::string::npos) << body;
-    EXPECT_EQ(body.find("1."), body.rfind("1.")) << "one unit value: " << body;
-    at = next;
-  }
-  size_t modes = job.find("*FREQUENCY,STORAGE=YES\n7\n", at);
-  ASSERT_NE(modes, std::string::npos);
-  std::string last = job.substr(modes);
-  EXPECT_EQ(last.find(",1."), std::string::npos);
-  EXPECT_NE(last.find("101,3,3,0."), std::string::npos);
 }
 
 std::FILE *snippet(const std::string &text) {

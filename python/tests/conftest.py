@@ -26,7 +26,7 @@ def library_files(build_dir, tmp_path_factory):
     lib = ctypes.CDLL(os.path.join(build_dir, "libkrxlib.so"))
     d = tmp_path_factory.mktemp("written")
     files = {}
-    for options, code in libhost.OPTION_CODES + [("no_ortho", "no_ortho"), ("full_invar", "full_invar")]:
+    for options, code in libhost.OPTION_CODES:
         files[code] = str(d / f"small_{code}.krx")
         assert libhost.write_small(lib, files[code], options, d) == 0, options
     os.environ.pop("QOR_KRXWRITE_OPTIONS", None)

@@ -47,23 +47,6 @@ def test_library_file_holds_what_the_host_set(library_files, code):
     assert (5 in f.blocks, 14 in f.blocks) == (code in (10, 20), code not in (10, 20))
 
 
-def test_unorthogonalised_file_holds_the_generalized_matrices(library_files):
-    f = krx.read(library_files["no_ortho"])
-    assert 7 not in f.blocks and {12, 13} <= set(f.blocks) and list(f.mode_numbers) == [1, 2, 3]
-    np.testing.assert_allclose(f.generalized_mass, np.eye(3))
-    np.testing.assert_allclose(f.generalized_stiffness, np.diag(host.STIFF))
-    np.testing.assert_array_equal(by_id(f.mode_shape_node_ids, f.mode_shapes[2], host.NODE_IDS),
-                                  host.SHAPES[2])
-
-
-def test_invariants_come_as_stored(library_files):
-    f = krx.read(library_files["full_invar"])
-    sizes = {19: 1, 20: 3, 21: 9, 22: 9, 23: 27, 24: 9, 25: 27, 26: 81}
-    assert {b: len(v) for b, v in f.invariants.items()} == sizes
-    np.testing.assert_allclose(f.invariants[19], [host.MASSES.sum()])
-    assert f.statistics[0].shape == (3, 13) and f.statistics[1].shape == (3, 13)
-
-
 def listed(text):
     """The numbered rows of a listing after its banner, as numbers."""
     rows = [line.split() for line in text.split("-----\n")[-1].splitlines()]

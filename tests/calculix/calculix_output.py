@@ -1,5 +1,6 @@
 """Readers of CalculiX's own output files: the eigenvalue, total-mass and displacement tables of
-the .dat, the result blocks of an ASCII .frd, and the matrices of a SOLVER=MATRIXSTORAGE run."""
+the .dat, the result blocks of an ASCII .frd, the eigenvectors of a .eig, and the matrices of a
+SOLVER=MATRIXSTORAGE run."""
 
 import re
 
@@ -72,17 +73,6 @@ def frd_results(path, name):
                 out[mode] = (ids, np.array([r[1] for r in rows]))
                 rows = None
     return out
-
-
-def stored_total_mass(prefix):
-    """1^T M 1 over the x-direction rows of prefix.mas (the upper triangle as 1-based row, column,
-    value triplets; prefix.dof holds node.direction per row): the mass of the model."""
-    with open(prefix + ".dof") as f:
-        x_row = np.array([line.strip().endswith(".1") for line in f if line.strip()])
-    data = np.loadtxt(prefix + ".mas", ndmin=2)
-    rows, cols, values = data[:, 0].astype(int) - 1, data[:, 1].astype(int) - 1, data[:, 2]
-    both = x_row[rows] & x_row[cols]
-    return float(np.sum(values[both] * np.where(rows[both] == cols[both], 1.0, 2.0)))
 
 
 def deck_nodes(path):

@@ -71,47 +71,38 @@ def krxdump():
     return _tool("KRXDUMP")
 
 
-def two_materials(path, derived_path, old, new):
-    """A copy of the deck whose first half of elements is of material old, the second half of
+def derive_deck(path, derived_path, old, new):
+    """A copy of the deck with its elements of type old made of type new, with as many of their
+    nodes as new takes; or, old being the material, with the second half of its elements made of
     material new (aluminium, with a density of its own)."""
     with open(path) as f:
         text = f.read()
-    section = f"*SOLID SECTION, ELSET=SOLID, MATERIAL={old}\n"
-    assert section in text
-    head, *lines = text.split("*ELEMENT")[1].splitlines()
-    numbers = [int(v) for line in itertools.takewhile(lambda line: not line.startswith("*"), lines)
-               for v in line.split(",") if v.strip()]
-    ids = numbers[::1 + int(re.search(r"C3D(\d+)", head).group(1))]  # the id, then the nodes
-
-    def elset(name, part):
-        return f"*ELSET, ELSET={name}\n" + "".join(f"{i},\n" for i in part)
-
-    half = len(ids) // 2
-    text = text.replace(section, elset("FIRST", ids[:half]) + elset("OTHER", ids[half:]) +
-                        f"*SOLID SECTION, ELSET=FIRST, MATERIAL={old}\n"
-                        f"*SOLID SECTION, ELSET=OTHER, MATERIAL={new}\n")
-    with open(derived_path, "w") as f:
-        f.write(text + f"*MATERIAL, NAME={new}\n*ELASTIC\n70000, 0.34\n*DENSITY\n2.7e-9\n")
-    return derived_path
-
-
-def derive_deck(path, derived_path, old, new):
-    """A copy of the deck with its elements of type old made of type new, with as many of their
-    nodes as new takes."""
-    if not old.startswith("C3D"):
-        return two_materials(path, derived_path, old, new)
-    keep = {"C3D4": 4}.get(new)
-    out, inside = [], False
-    with open(path) as f:
-        for line in f:
+    if old.startswith("C3D"):
+        keep = {"C3D4": 5}.get(new)  # the id and the corners
+        out, inside = [], False
+        for line in text.splitlines(keepends=True):
             if line.startswith("*"):
                 inside = line.upper().startswith("*ELEMENT")
-                line = line.replace("TYPE=" + old + ",", "TYPE=" + new + ",")
+                line = line.replace(f"TYPE={old},", f"TYPE={new},")
             elif inside and keep and line.strip():
-                line = ",".join(line.split(",")[:keep + 1]) + "\n"
+                line = ",".join(line.split(",")[:keep]) + "\n"
             out.append(line)
+        text = "".join(out)
+    else:
+        head, *lines = text.split("*ELEMENT")[1].splitlines()
+        numbers = [v.strip() for line in itertools.takewhile(lambda x: not x.startswith("*"), lines)
+                   for v in line.split(",") if v.strip()]
+        ids = numbers[::1 + int(re.search(r"C3D(\d+)", head).group(1))]  # the id, then the nodes
+        half = len(ids) // 2
+        section = f"*SOLID SECTION, ELSET=SOLID, MATERIAL={old}\n"
+        assert section in text
+        text = text.replace(section, "".join(
+            f"*ELSET, ELSET={name}\n" + "".join(f"{i},\n" for i in part) +
+            f"*SOLID SECTION, ELSET={name}, MATERIAL={material}\n"
+            for name, part, material in (("FIRST", ids[:half], old), ("OTHER", ids[half:], new))))
+        text += f"*MATERIAL, NAME={new}\n*ELASTIC\n70000, 0.34\n*DENSITY\n2.7e-9\n"
     with open(derived_path, "w") as f:
-        f.writelines(out)
+        f.write(text)
     return derived_path
 
 

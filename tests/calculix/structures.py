@@ -48,14 +48,12 @@ def plate(kind, nx, ny, length, width, thickness, fold=None, first=1):
         for ey in range(ny):
             i, j = step * ex, step * ey
             corners = [node(i, j), node(i + step, j), node(i + step, j + step), node(i, j + step)]
-            if kind in ("S3", "S6"):  # two triangles, split along the diagonal
+            if kind == "S6":  # two triangles, split along the diagonal
+                at = [(i, j), (i + 2, j), (i + 2, j + 2), (i, j + 2)]
                 for a, b, c in ((0, 1, 2), (0, 2, 3)):
-                    tri = [corners[a], corners[b], corners[c]]
-                    if kind == "S6":
-                        at = [(i, j), (i + 2, j), (i + 2, j + 2), (i, j + 2)]
-                        tri += [node((at[p][0] + at[q][0]) // 2, (at[p][1] + at[q][1]) // 2)
-                                for p, q in ((a, b), (b, c), (c, a))]
-                    elements[first + len(elements)] = tri
+                    elements[first + len(elements)] = [corners[a], corners[b], corners[c]] + [
+                        node((at[p][0] + at[q][0]) // 2, (at[p][1] + at[q][1]) // 2)
+                        for p, q in ((a, b), (b, c), (c, a))]
                 continue
             if kind.startswith("S8"):
                 corners += [node(i + 1, j), node(i + 2, j + 1), node(i + 1, j + 2), node(i, j + 1)]

@@ -1,6 +1,6 @@
 """Shell, beam and mixed models exported by ccx2krx against CalculiX's own output: its
 eigenvalues, its *NODE PRINT of the original nodes, the rotations that its expanded nodes give
-(knots included), the rigid-body modes, and the closed-form mass and inertia."""
+(knots included), and the closed-form mass and inertia."""
 
 import gzip
 import os
@@ -10,7 +10,6 @@ import numpy as np
 import pytest
 
 import calculix_output as ccx
-import krx
 import structures as st
 from conftest import GEOMETRY, Export, calculix, finish, run_tool
 from make_deck import make_deck
@@ -46,7 +45,6 @@ MODELS = {
     "beamfsh1": ("beamfsh1.inp.gz", False, None, None),
     "boxprofile": ("boxprofile.inp", False, None, 0),
 }
-FREE = [name for name, model in MODELS.items() if model[1]]
 # What the lumping by diagonal scaling gives on these coarse meshes (two to eight elements
 # across): the centre of mass exact (each element's diagonal is symmetric about its centre),
 # the inertia about it off by a share of its largest entry (trapezoidal weights on four linear
@@ -54,10 +52,12 @@ FREE = [name for name, model in MODELS.items() if model[1]]
 LUMPING = {"s8_plate": 0.13, "s4_plate": 0.06, "s6_plate": 0.12, "s8r_fold": 0.19,
            "s8r_plate": 0.13, "b32r_frame": 0.07, "b32r_line": 0.05, "b31_beam": 0.03,
            "welded": 0.24}
+# Incompatible modes, a fold and a bend (knots), shells welded to solids: the own solver takes them
+# (--solver own) beside CalculiX's path.
+OWN = ["s4_plate", "s8r_fold", "b32r_frame", "welded"]
 # CalculiX's table against the Rayleigh quotients of its own eigenvectors over its stored
 # matrices: shellf's first mode differs by 1.1e-5.
 EIGENVALUES = {"shellf": 2e-5}
-
 
 
 def _write_deck(name, where, stem=None):
@@ -97,11 +97,12 @@ def exports(ccx2krx, tmp_path_factory):
             _print_job(keep, e.read().node_ids)
         return label, e
 
-    # The S8 plate with the stresses of its top surface and of its mid-surface, and the B31 beam
-    # with those of its section corner.
+    # The S8 plate with the stresses of its top surface and of its mid-surface, the B31 beam
+    # with those of its section corner, and the models that the own solver takes.
     jobs = [(name, name, ["--stress"] if name in ("s8_plate", "b31_beam") else [])
             for name in MODELS]
     jobs.append(("s8_plate_mid", "s8_plate", ["--stress", "--shell-surface", "mid"]))
+    jobs += [(name + "_own", name, ["--solver", "own"]) for name in OWN]
     with ThreadPoolExecutor(2) as pool:
         return dict(pool.map(lambda job: export(*job), jobs))
 
@@ -211,74 +212,11 @@ def test_rotations_are_those_of_the_expanded_nodes(exports, name):
         assert_same_up_to_sign(np.array(mine), np.array(theirs), f"{name} rotations of {k + 1}")
 
 
-# Not the curved panel: its nodes' normals are not the chords of its elements that
-# rotation_axes takes (its rotations are checked against CalculiX's expanded nodes).
-@pytest.mark.parametrize("name", [name for name in FREE if name != "s8_panel"])
-def test_rigid_body_modes_turn_every_node_alike(exports, name):
-    """Each rigid-body mode is u = a + w x x at every node and the rotation w at every shell and
-    beam node, about the surface's axes on shells (whose drilling rotation is not available)."""
-    e = exports[name]
-    f = e.read()
-    shapes = np.asarray(f.mode_shapes)
-    ids = f.mode_shape_node_ids
-    x = f.coords[f.node_positions(ids)]
-    axes = rotation_axes(e)
-    rows = [np.hstack([np.eye(3), -skew(p)]) for p in x]
-    rows += [np.hstack([np.zeros((3, 3)), axes[int(n)]]) for n in ids if int(n) in axes]
-    system = np.vstack(rows)
-    for k in range(6):
-        u, theta = shapes[k][:, :3], shapes[k][:, 3:]
-        rhs = np.concatenate([u.reshape(-1)] + [axes[int(n)] @ theta[at]
-                                                for at, n in enumerate(ids) if int(n) in axes])
-        fit, *_ = np.linalg.lstsq(system, rhs, rcond=None)
-        scale = np.abs(rhs).max()
-        worst = np.abs(system @ fit - rhs).max() / scale
-        assert worst < 1e-6, f"{name} rigid-body mode {k + 1}: {worst:.1e}"
-        assert not np.any(theta[[int(n) not in axes for n in ids]]), "solids have no rotations"
-
-
-def skew(p):
-    return np.array([[0, -p[2], p[1]], [p[2], 0, -p[0]], [-p[1], p[0], 0]])
-
-
-def rotation_axes(e):
-    """{node: projector} onto the axes a node's rotation is given about: the surface's two axes
-    on a shell node that is not a knot, all three on knots and beam nodes."""
-    f = e.read()
-    elements, knots = st.expansion(os.path.join(e.keep, "modes.12d"))
-    axes = {}
-    for originals, expanded in elements.values():
-        shell = len(originals) not in (2, 3) or len(expanded) not in (11, 20)
-        if shell:
-            p = f.coords[f.node_positions(np.array(originals[:3]))]
-            n = np.cross(p[1] - p[0], p[2] - p[0])
-            n /= np.linalg.norm(n)
-        for node in originals:
-            axes[int(node)] = np.eye(3) - np.outer(n, n) if shell else np.eye(3)
-    for knot in knots:
-        axes[knot] = np.eye(3)
-    return axes
-
-
-@pytest.fixture(scope="module")
-def own(ccx2krx, exports):
-    """The models that the own solver takes (--solver own), exported beside CalculiX's path: a
-    flat plate, incompatible modes, a fold and a bend (knots), shells welded to solids."""
-    def export(name):
-        e = exports[name]
-        out = e.out.replace(".krx", "_own.krx")
-        run = run_tool(ccx2krx, [e.deck, "-o", out, "--modes", str(MODES), "--solver", "own"])
-        assert run.returncode == 0, f"{name}: {run.stderr}"
-        return name, krx.read(out)
-
-    with ThreadPoolExecutor(2) as pool:
-        return dict(pool.map(export, ["s8_plate", "s4_plate", "s8r_fold", "b32r_frame", "welded"]))
-
-
-def test_own_solver_takes_the_expanded_model(exports, own):
+def test_own_solver_takes_the_expanded_model(exports):
     """The own solver on CalculiX's expanded matrices: CalculiX's eigenvalues, its six rigid-body
     modes deflated from the expanded rows' rigid motions, the same masses."""
-    for name, ours in own.items():
+    for name in OWN:
+        ours = exports[name + "_own"].read()
         theirs = ccx.dat_eigenvalues(os.path.join(exports[name].keep, "modes.dat"))
         np.testing.assert_allclose(ours.eigenvalues[6:], theirs[6:], rtol=1e-5, err_msg=name)
         assert np.all(np.abs(ours.eigenvalues[:6]) < 1e-5 * theirs[6]), name
