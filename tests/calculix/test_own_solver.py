@@ -59,6 +59,14 @@ def test_modes_and_stresses_are_calculix_own(export, name, held):
             assert_same_up_to_sign(stresses_at(f, k, ids), values, f"{name} stress {k + 1}", 1e-3)
 
 
+def test_both_paths_write_the_same_blocks(export):
+    own = export("bar_c3d8", solver="own").read()
+    calculix = export("bar_c3d8").read()
+    assert sorted(own.blocks) == sorted(calculix.blocks)
+    np.testing.assert_allclose(own.eigenvalues[6:], calculix.eigenvalues[6:], rtol=1e-6)
+    np.testing.assert_allclose(own.masses, calculix.masses, rtol=1e-12)
+
+
 @pytest.mark.parametrize("name", list(DERIVED))
 def test_recovered_stresses_of_calculix_modes_are_calculix_own(export, name):
     """The other element types and a bar of two materials: the stresses the tool recovers from
