@@ -169,22 +169,4 @@ TEST(Catalogue, NodalMassesFailOnlyOnTheirLeadingInts) {
   }
 }
 
-// Block 14 keeps positions, the old element block names identifiers; a position past the node
-// table is refused.
-TEST(Catalogue, FaceBuildersConvertFromTheModel) {
-  KRXDATA model;
-  for (int32_t id : {7, 9, 11}) model.nodes.emplace_back().id = id;
-  model.faces = {3, 0, 1, 2, 2, 2, 0};
-  model.face_count = 2;
-  ElementFacesBlock faces;
-  ASSERT_TRUE(make_element_faces_block(model, faces));
-  EXPECT_EQ(model.faces, faces.words);
-  ElementTopologyBlock topology;
-  ASSERT_TRUE(make_element_topology_block(model, topology));
-  EXPECT_EQ(2, topology.face_count);
-  EXPECT_EQ((std::vector<int32_t>{0, 0, 11, 7, 0, 0, 7, 9, 11}), topology.words);
-  model.faces[1] = 5;
-  EXPECT_FALSE(make_element_faces_block(model, faces));
-}
-
 }  // namespace
