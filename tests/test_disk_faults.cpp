@@ -127,47 +127,33 @@ TEST_F(DiskFaults, DiskFillingFailsTheFileBeingWrittenAndLeavesNothing) {
   }
 }
 
+// The disk fills while the write replaces an earlier output (half way through, where a fresh path
+// fails as well and leaves nothing), or only at the final flush of a small native file that fits
+// the stream's buffer: the write fails with its message and the earlier file stays as it was.
 TEST_F(DiskFaults, DiskFillingWhileReplacingAnOutputKeepsTheEarlierFile) {
-  krxtest::OptionsGuard options("no_ortho");  // no orthogonal mode file: the output passes the limit
-  const std::string out_dir = dir.file("out"), out = out_dir + "/part.krx";
-  fs::create_directory(out_dir);
-  ASSERT_EQ(0, build_chain());
-  ASSERT_EQ(0, krxtest::write_krx(out));
-  const std::vector<char> before = krxtest::file_bytes(out);
-  // The child writes the same model again on a disk that fills half way through; it answers 0
-  // when that write fails with a block's message and status 1.
-  EXPECT_EQ(0, krxtest::in_child([&] {
-    krxtest::RecordingHost child{1};
-    rlim_t half = rlim_t(before.size() / 2);
-    rlimit r{half, half};
-    setrlimit(RLIMIT_FSIZE, &r);
-    // A fresh path fails as well and leaves nothing.
-    const bool fresh = krxtest::write_krx(out_dir + "/fresh.krx") == 1;
-    int status = krxtest::write_krx(out);
-    return status == 1 && fresh && said(child, "Problem writing ") ? 0 : 1;
-  }));
-  EXPECT_EQ(krxtest::file_bytes(out), before);
-  EXPECT_EQ(listing(out_dir), std::set<std::string>{"part.krx"});
-}
-
-// A small native file fits the stream's buffer: every block succeeds, and the disk fills only
-// when the finished file is flushed.
-TEST_F(DiskFaults, DiskFillingAtTheFinalFlushIsReportedAndKeepsTheEarlierFile) {
-  krxtest::OptionsGuard options("no_ortho no_xdr");
-  ASSERT_EQ(0, set_one_mode(4, 1));
-  const std::string out = dir.file("small.krx");
-  ASSERT_EQ(0, krxtest::write_krx(out));
-  const std::vector<char> before = krxtest::file_bytes(out);
-  ASSERT_LT(before.size(), 4096u);
-  EXPECT_EQ(0, krxtest::in_child([&] {
-    krxtest::RecordingHost child{1};
-    rlimit r{64, 64};
-    setrlimit(RLIMIT_FSIZE, &r);
-    int status = krxtest::write_krx(out);
-    return status == 1 && child.has(3, "Problem writing " + out + ": File too large") ? 0 : 1;
-  }));
-  EXPECT_EQ(krxtest::file_bytes(out), before);
-  for (const std::string &name : listing(dir.path)) EXPECT_NE(name.rfind(".small.krx", 0), 0u) << name;
+  for (bool at_flush : {false, true}) {
+    SCOPED_TRACE(at_flush ? "final flush" : "half way");
+    krxtest::OptionsGuard options(at_flush ? "no_ortho no_xdr" : "no_ortho");
+    const std::string out_dir = dir.file(at_flush ? "small" : "part"), out = out_dir + "/out.krx";
+    fs::create_directory(out_dir);
+    ASSERT_EQ(0, at_flush ? set_one_mode(4, 1) : build_chain());
+    ASSERT_EQ(0, krxtest::write_krx(out));
+    const std::vector<char> before = krxtest::file_bytes(out);
+    ASSERT_TRUE(!at_flush || before.size() < 4096u);
+    EXPECT_EQ(0, krxtest::in_child([&] {
+      krxtest::RecordingHost child{1};
+      const rlim_t limit = at_flush ? 64 : rlim_t(before.size() / 2);
+      const rlimit r{limit, limit};
+      setrlimit(RLIMIT_FSIZE, &r);
+      const bool fresh = at_flush || krxtest::write_krx(out_dir + "/fresh.krx") == 1;
+      const int status = krxtest::write_krx(out);
+      const bool told = at_flush ? child.has(3, "Problem writing " + out + ": File too large") : said(child, "Problem writing ");
+      return status == 1 && fresh && told ? 0 : 1;
+    }));
+    EXPECT_EQ(krxtest::file_bytes(out), before);
+    EXPECT_EQ(listing(out_dir), std::set<std::string>{"out.krx"});
+    krxtest::terminate_model();
+  }
 }
 
 // A directory that may not be written, and an existing file that may not be written in a

@@ -96,9 +96,12 @@ TEST_F(FaceTest, EmptyListsCannotBeStrippedOrGiveANodeSet) {
   nodes({1});
   model->interface_nodes = {0};
   EXPECT_FALSE(krx::face_node_set(model, set));
-  EXPECT_EQ(host.messages, (std::vector<krxtest::Message>{{3, "Missing element face information"}}));
+  EXPECT_FALSE(krx::face_node_set(nullptr, set));
+  EXPECT_EQ(host.messages, (std::vector<krxtest::Message>{{3, "Missing element face information"},
+                                                          {3, "The database has not been initialized."}}));
 }
 
+// A sketch file replaces every face, repeated vertices and all, and holds faces of any size.
 TEST_F(FaceTest, SketchFileReplacesAllFacesWithoutDroppingVertices) {
   nodes({1, 2, 3, 4});
   add({1, 2, 3});
@@ -106,19 +109,9 @@ TEST_F(FaceTest, SketchFileReplacesAllFacesWithoutDroppingVertices) {
   krx::apply_sketch_file(model, path.c_str());
   EXPECT_EQ(faces(), (Faces{{4, 3, 3, 1}, {2}}));
   EXPECT_EQ(host.texts(0), std::vector<std::string>{"Using sketch file " + path + " to replace 1 faces with 2"});
-  // A count of zero or less leaves no faces; the face node set then holds the interface nodes.
-  krx::apply_sketch_file(model, sketch("0\n").c_str());
-  EXPECT_TRUE(model->face_count == 0 && model->faces.empty());
-  model->interface_nodes = {2};
-  std::vector<int32_t> set;
-  ASSERT_TRUE(krx::face_node_set(model, set));
-  EXPECT_EQ(set, std::vector<int32_t>{2});
-  add({1, 2, 3});
+  // A count of zero or less leaves no faces and is stored as read.
   krx::apply_sketch_file(model, sketch("-2\n").c_str());
-  EXPECT_TRUE(model->face_count == -2 && model->faces.empty());  // the count is stored as read
-}
-
-TEST_F(FaceTest, SketchFileHoldsFacesOfAnySize) {
+  EXPECT_TRUE(model->face_count == -2 && model->faces.empty());
   std::string text = "1 1500";
   for (int32_t n = 1; n <= 1500; ++n) {
     krx::add_node(model, n);
@@ -128,7 +121,7 @@ TEST_F(FaceTest, SketchFileHoldsFacesOfAnySize) {
   }
   krx::apply_sketch_file(model, sketch(text).c_str());
   ASSERT_TRUE(model->face_count == 1 && model->faces.size() == 1501u);
-  EXPECT_EQ(model->faces[1500], 1499);
+  EXPECT_EQ(model->faces[1500], krx::node_position(model, 1500));
 }
 
 TEST_F(FaceTest, BrokenOrUnusableSketchFilesAreWarnedAboutAndKeepTheOldFaces) {
@@ -171,17 +164,6 @@ TEST_F(FaceTest, FaceNodeSetJoinsFaceAndInterfaceNodesOnceAndIsKept) {
   set.clear();
   ASSERT_TRUE(krx::face_node_set(model, set));
   EXPECT_EQ(set.size(), 5u);
-}
-
-TEST(FacesWithoutModel, EveryOperationReportsTheMissingDatabase) {
-  RecordingHost host;
-  int32_t ids[] = {1, 2};
-  std::vector<int32_t> set;
-  EXPECT_EQ(krx::add_face(nullptr, 2, ids), 0);
-  krx::strip_interior_faces(nullptr);
-  krx::apply_sketch_file(nullptr, "x");
-  EXPECT_FALSE(krx::face_node_set(nullptr, set));
-  EXPECT_EQ(host.texts(3), std::vector<std::string>(4, "The database has not been initialized."));
 }
 
 }  // namespace

@@ -112,19 +112,6 @@ TEST(Stream, SinglePrecisionNarrowsThroughTheScratchInChunks) {
   }
 }
 
-// A put that failed earlier leaves only the error flag; the close must not call that a success.
-TEST(Stream, CloseFailsWhenTheFileHadAnError) {
-  krxtest::TempDir dir;
-  std::string path = dir.file("read_only.bin");
-  std::fclose(std::fopen(path.c_str(), "wb"));
-  FileSlot io;
-  ASSERT_TRUE(open_read_stream(io, path.c_str()));
-  int32_t v = 316;
-  EXPECT_FALSE(put_ints(io, &v, 1));
-  EXPECT_FALSE(close_stream(io));
-  EXPECT_EQ(io.file, nullptr);
-}
-
 // Positions past 4 GiB come from the 64-bit file offsets, not from the XDR stream's own.
 TEST(Stream, PositionsPastFourGibibytes) {
   krxtest::TempDir dir;
@@ -180,34 +167,6 @@ TEST(Catalogue, NodalMassesFailOnlyOnTheirLeadingInts) {
     else EXPECT_FALSE(write_nodal_coords_block(b, {.ids = {7, 8}, .xyz = std::vector<double>(6, 1.0)}));
     close_stream(io);
   }
-}
-
-TEST(Catalogue, BuildersConvertFromTheModel) {
-  KRXDATA model;
-  for (int32_t id : {7, 9, 11}) model.nodes.emplace_back().id = id;
-  model.nodes[1].inertia = std::make_unique<std::array<double, 6>>(std::array<double, 6>{1, 0, 3, 0, 5, 0});
-  std::vector<InertiaEntry> entries;
-  make_nodal_inertia_entries(model, entries);
-  ASSERT_EQ(3u, entries.size());
-  EXPECT_TRUE(entries[1].id == 9 && entries[1].row == 6 && entries[1].column == 6);
-  EXPECT_TRUE(entries[2].row == 4 && entries[2].column == 6 && entries[2].value == 5.0);
-
-  model.faces = {3, 0, 1, 2, 2, 2, 0};
-  model.face_count = 2;
-  ElementFacesBlock faces;
-  ASSERT_TRUE(make_element_faces_block(model, faces));
-  EXPECT_EQ(model.faces, faces.words) << "block 14 keeps positions";
-  ElementTopologyBlock topology;
-  ASSERT_TRUE(make_element_topology_block(model, topology));
-  EXPECT_EQ(2, topology.face_count);
-  EXPECT_EQ((std::vector<int32_t>{0, 0, 11, 7, 0, 0, 7, 9, 11}), topology.words);
-  model.faces[1] = 5;
-  EXPECT_FALSE(make_element_faces_block(model, faces));
-
-  std::strcpy(model.date.data(), "Mon\n");
-  HeaderBlock h;
-  make_header_block(model, h);
-  EXPECT_STREQ("Mon", h.date.data());
 }
 
 }  // namespace

@@ -116,127 +116,76 @@ TEST_F(Setters, GlobalMassPropertiesAreCheckedAgainstInvariantsOrTheNodalData) {
                                                      "INVAR2 setting or nodal data."}}));
 }
 
-TEST_F(Setters, GeneralizedMatrixSwitchesAndEntriesAreAppendedNeverMerged) {
-  // Each entry sets the switches it shows: (off-diagonal, not unit).
+// Matrix entries are appended, never merged, and set the switches they show; loads and preloads
+// grow to the mode, load cases with their default labels; interface nodes are marked once each.
+TEST_F(Setters, MatricesLoadsAndInterfaceNodesGrowByAppending) {
   const std::tuple<int, int, double, std::pair<int, int>> entries[] = {
       {1, 1, 1.0, {0, 0}}, {2, 2, 1.0, {0, 0}}, {1, 2, 0.0, {1, 0}}, {2, 2, 2.0, {1, 1}}};
   for (const auto &[row, column, value, switches] : entries) {
     ASSERT_EQ(krx::set_generalized_mass(model(), row, column, value), 1);
     EXPECT_EQ(std::pair(model()->gm_off_diagonal, model()->gm_not_unit), switches) << row << column << value;
   }
-  ASSERT_EQ(model()->mass.size(), 4u);
-  EXPECT_TRUE(model()->mass[3].row == 1 && model()->mass[3].value == 2.0);
-  for (int k = 0; k < 3; ++k) krx::set_generalized_stiffness(model(), 5, 5, double(k));
-  EXPECT_TRUE(model()->stiffness.size() == 3u && model()->stiffness[2].row == 2);
-  krx::set_generalized_damping(model(), 1, 5, 0.25);
-  EXPECT_TRUE(model()->damping[0].column == 2 && model()->flags[krx::kFlagGeneralizedDamping] == 1);
-
+  EXPECT_TRUE(model()->mass.size() == 4u && model()->mass[3].row == 1 && model()->mass[3].value == 2.0);
+  krx::register_mode(model(), 8);  // modes 1 and 2 come first, from the matrix entries
+  ASSERT_EQ(krx::set_modal_load(model(), 4, 9, 1.5), 1);
+  ASSERT_EQ(model()->load_cases.size(), 5u);
+  EXPECT_EQ(model()->load_cases[3].label, "Load Case 4");
+  EXPECT_EQ(model()->load_cases[4].values, (std::vector<double>{0.0, 0.0, 0.0, 1.5}));
+  ASSERT_EQ(krx::set_modal_preload(model(), 4, 2.5), 1);
+  EXPECT_EQ(model()->preload, (std::vector<double>{0.0, 0.0, 0.0, 0.0, 2.5}));
+  RecordingHost host;
+  ASSERT_EQ(krx::set_modal_load_label(model(), 0, std::string(300, 'L').c_str()), 1);
+  EXPECT_EQ(model()->load_cases[0].label, std::string(255, 'L'));
+  EXPECT_EQ(host.messages, std::vector<Message>({{2, "Modal load label too big: max size 255, specified size 300.  Truncating label."}}));
+  // Many marks in a scattered order, then each again: one mark per node, in first-mark order.
+  for (int32_t i = 0; i < 2000; ++i) krx::set_interface_node(model(), 1000 + (i * 7919) % 2000);
+  for (int32_t i = 0; i < 2000; ++i) krx::set_interface_node(model(), 1000 + i);
+  ASSERT_EQ(model()->interface_nodes.size(), 2000u);
+  EXPECT_EQ(model()->nodes[std::size_t(model()->interface_nodes[1])].id, 1000 + 7919 % 2000);
   // Modes beyond the capacity fail the matrix setters.
   fresh_model(1);
-  RecordingHost host;
   EXPECT_EQ(krx::set_generalized_mass(model(), 1, 2, 1.0), 0);
   EXPECT_TRUE(model()->mass.empty() && host.texts(3).size() == 1u);
 }
 
-TEST_F(Setters, ModalLoadsGrowTheLoadCasesWithTheirDefaultLabels) {
-  krx::register_mode(model(), 8);
-  ASSERT_EQ(krx::set_modal_load(model(), 4, 9, 1.5), 1);
-  ASSERT_EQ(model()->load_cases.size(), 5u);
-  for (int k = 0; k < 5; ++k) EXPECT_EQ(model()->load_cases[k].label, "Load Case " + std::to_string(k + 1));
-  EXPECT_EQ(model()->load_cases[4].values, (std::vector<double>{0.0, 1.5}));
-
+// Invariant setters check their values and modes; the per-mode ones keep their layout (5 is
+// antisymmetric, 9 keeps the transpose for (k, j)) and warn of broken symmetry.
+TEST_F(Setters, InvariantSettersCheckValuesModesAndSymmetry) {
   RecordingHost host;
-  ASSERT_EQ(krx::set_modal_load_label(model(), 6, ""), 1);
-  EXPECT_EQ(model()->load_cases[6].label, "7");
-  ASSERT_EQ(krx::set_modal_load_label(model(), 0, std::string(300, 'L').c_str()), 1);
-  EXPECT_EQ(model()->load_cases[0].label, std::string(255, 'L'));
-  EXPECT_EQ(host.messages, std::vector<Message>({{2, "Modal load label too big: max size 255, specified size 300.  Truncating label."}}));
-  EXPECT_EQ(krx::set_modal_load_label(model(), -2, "x"), 0);
-  EXPECT_TRUE(host.has(3, "The load case index -2 is illegal.\nThe load case index must be non-negative."));
-}
-
-TEST_F(Setters, PreloadAndInterfaceNodes) {
-  krx::register_mode(model(), 1);
-  ASSERT_EQ(krx::set_modal_preload(model(), 4, 2.5), 1);
-  EXPECT_EQ(model()->preload, (std::vector<double>{0.0, 2.5}));
-
-  krx::set_node_coordinates(model(), 30, 0, 0, 0);
-  for (int id : {40, 30, 40}) ASSERT_EQ(krx::set_interface_node(model(), id), 1);
-  EXPECT_EQ(model()->interface_nodes, (std::vector<int32_t>{1, 0}));
-  // Many marks in a scattered order, then each again: one mark per node, in first-mark order.
-  for (int32_t i = 0; i < 2000; ++i) krx::set_interface_node(model(), 1000 + (i * 7919) % 2000);
-  for (int32_t i = 0; i < 2000; ++i) krx::set_interface_node(model(), 1000 + i);
-  ASSERT_EQ(model()->interface_nodes.size(), 2002u);
-  EXPECT_EQ(model()->nodes[std::size_t(model()->interface_nodes[3])].id, 1000 + 7919 % 2000);
-}
-
-TEST_F(Setters, InvariantSettersCheckTheirValuesAndModes) {
-  RecordingHost host;
+  const double almost[2] = {1.0, 0.9999999999}, a[3] = {1, 2, 3}, b[3] = {4, 5, 6}, m[9] = {1, 2, 3, 4, 5, 6, 7, 8, 9};
   EXPECT_FALSE(krx::set_invariant1(model(), 0.0) || krx::set_invariant1(model(), std::nan("")));
-  EXPECT_EQ(host.texts(3), (std::vector<std::string>(2, "Inertia Invariant 1 must be greater than zero")));
-  EXPECT_FALSE(model()->has_invariant1 || model()->flags[krx::kFlagInvariant1]);
-
-  // A model without modes takes any invariant 6.
-  const double almost[2] = {1.0, 0.9999999999}, identity[2] = {1.0, 1.0}, v[9] = {};
-  EXPECT_EQ(krx::set_invariant6(model(), almost), 1);
-  register_modes({3, 4});
-  host.clear();
-  EXPECT_EQ(krx::set_invariant6(model(), almost), 0);
-  EXPECT_EQ(host.messages, std::vector<Message>({{3, "Inertia Invariant 6 must be an identity matrix."}}));
-  EXPECT_TRUE(model()->mass.empty());
-  EXPECT_EQ(krx::set_invariant6(model(), identity), 1);
-  ASSERT_EQ(model()->mass.size(), 2u);
-  EXPECT_TRUE(model()->mass[1].row == 1 && model()->mass[1].column == 1);
-
-  host.clear();
-  register_modes({5});
-  EXPECT_EQ(krx::set_invariant3(model(), 6, v), 0);
-  EXPECT_EQ(krx::set_invariant5(model(), 5, 7, v), 0);
-  EXPECT_EQ(krx::set_invariant9(model(), 8, 5, v), 0);
-  std::vector<std::string> errors = host.texts(3);
-  ASSERT_EQ(errors.size(), 3u);
-  for (int k = 0; k < 3; ++k)
-    EXPECT_TRUE(errors[k].starts_with("Mode number " + std::to_string(6 + k) + " does not exist.  Requested at line ") &&
-                errors[k].ends_with(" in file ..\\krxset.\n")) << errors[k];
-  EXPECT_TRUE(model()->invariant3.empty() && model()->flags[krx::kFlagInvariant1 + 2] == 0);
-}
-
-TEST_F(Setters, PerModeInvariantsKeepTheirLayoutAndWarnOfBrokenSymmetry) {
+  EXPECT_EQ(krx::set_invariant6(model(), almost), 1);  // a model without modes takes any invariant 6
   register_modes({10, 20});
-  const double a[3] = {1, 2, 3}, b[3] = {4, 5, 6}, small[3] = {1e-9, 0, 0}, m[9] = {1, 2, 3, 4, 5, 6, 7, 8, 9};
+  EXPECT_EQ(krx::set_invariant6(model(), almost), 0);
+  EXPECT_EQ(krx::set_invariant3(model(), 6, a), 0);
+  EXPECT_TRUE(model()->mass.empty() && !model()->has_invariant1 && model()->invariant3.empty());
+  const std::vector<std::string> errors = host.texts(3);
+  ASSERT_EQ(errors.size(), 4u);
+  EXPECT_EQ(std::vector<std::string>(errors.begin(), errors.begin() + 3),
+            (std::vector<std::string>{"Inertia Invariant 1 must be greater than zero", "Inertia Invariant 1 must be greater than zero",
+                                      "Inertia Invariant 6 must be an identity matrix."}));
+  EXPECT_TRUE(errors[3].starts_with("Mode number 6 does not exist.  Requested at line ") &&
+              errors[3].ends_with(" in file ..\\krxset.\n")) << errors[3];
   krx::set_invariant3(model(), 20, a);
-  EXPECT_EQ(model()->invariant3, (std::vector<double>{0, 1, 0, 2, 0, 3}));
   register_modes({30});
   krx::set_invariant3(model(), 30, b);
   EXPECT_EQ(model()->invariant3, (std::vector<double>{0, 1, 4, 0, 2, 5, 0, 3, 6}));
-  EXPECT_EQ(model()->flags[krx::kFlagInvariant1 + 2], 1);
-
-  // Invariant 5 is antisymmetric: array j holds (c, k) at c x M + k.
-  RecordingHost host;
+  host.clear();
   krx::set_invariant5(model(), 10, 30, a);
   const auto &inv5 = model()->invariant5;
   EXPECT_TRUE(inv5[0 * 9 + 0 * 3 + 2] == 1.0 && inv5[0 * 9 + 2 * 3 + 2] == 3.0 && inv5[2 * 9 + 1 * 3 + 0] == -2.0);
-  krx::set_invariant5(model(), 20, 20, small);
-  EXPECT_TRUE(host.messages.empty());
-  krx::set_invariant5(model(), 20, 20, b);
-  EXPECT_EQ(host.messages, std::vector<Message>({{2, "I5(20, 20) is not zero.\n   (4.00000000e+00, 5.00000000e+00, 6.00000000e+00)"}}));
-
-  // Invariant 9 keeps the transpose for (k, j) and warns of an unsymmetric diagonal block.
-  host.clear();
   ASSERT_EQ(krx::set_invariant9(model(), 10, 20, m), 1);
-  EXPECT_TRUE(host.messages.empty());
   const auto &inv9 = model()->invariant9;
   EXPECT_EQ(std::vector<double>(inv9.begin() + 9, inv9.begin() + 18), std::vector<double>(m, m + 9));
   EXPECT_EQ(std::vector<double>(inv9.begin() + 27, inv9.begin() + 36), (std::vector<double>{1, 4, 7, 2, 5, 8, 3, 6, 9}));
-  const double symmetric[9] = {1, 2, 3, 2, 5, 6, 3, 6, 9};
-  krx::set_invariant9(model(), 10, 10, symmetric);
   EXPECT_TRUE(host.messages.empty());
+  krx::set_invariant5(model(), 20, 20, b);
   krx::set_invariant9(model(), 20, 20, m);
-  EXPECT_EQ(host.messages, std::vector<Message>({{2, "I9(20, 20) is not symmetric.\n"
+  EXPECT_EQ(host.messages, std::vector<Message>({{2, "I5(20, 20) is not zero.\n   (4.00000000e+00, 5.00000000e+00, 6.00000000e+00)"},
+                                                 {2, "I9(20, 20) is not symmetric.\n"
                                                      "   1.00000000e+00 2.00000000e+00 3.00000000e+00\n"
                                                      "   4.00000000e+00 5.00000000e+00 6.00000000e+00\n"
                                                      "   7.00000000e+00 8.00000000e+00 9.00000000e+00\n"}}));
-  EXPECT_EQ(model()->flags[krx::kFlagInvariant9], 1);
 }
 
 }  // namespace

@@ -4,9 +4,11 @@
 #include <sys/stat.h>
 
 #include <bit>
+#include <cstdio>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <sstream>
 
 #include "host/krx_fortran.h"
 #include "host/krxset.h"
@@ -133,7 +135,9 @@ TEST_F(VectorStore, ModeZeroStressAndStrainArePreValuesSharingTheKindsNodeList) 
   EXPECT_TRUE(model->flags[krx::kFlagPreStrain] == 1 && model->store[krx::kModalStrain].io.file == nullptr);
 }
 
-TEST_F(VectorStore, NamesFilesAfterTheEnvironmentAndNotesThemUnlessQuiet) {
+// Files take the name the environment gives, else a "krx_" name in TMP, noted unless the host is
+// quiet; a path that cannot be opened is reported and stores nothing.
+TEST_F(VectorStore, NamesFilesAfterTheEnvironmentAndReportsPathsItCannotOpen) {
   krxtest::TempDir dir;
   krxtest::EnvGuard tmp{"TMP", dir.path.c_str()};
   double v[6] = {};
@@ -145,59 +149,44 @@ TEST_F(VectorStore, NamesFilesAfterTheEnvironmentAndNotesThemUnlessQuiet) {
     ASSERT_EQ(krx::store_node_vector(model, 1, 1, krx::kModeShapes, v), 1);
     ASSERT_EQ(krx::store_node_vector(model, 1, 1, krx::kModalStrain, v), 1);
     std::string made = model->store[krx::kModalStrain].io.path;
-    EXPECT_EQ(model->store[krx::kModeShapes].io.path, given);
     EXPECT_TRUE(made.starts_with(dir.path + "/krx_")) << made;
     EXPECT_EQ(host.texts(0), (std::vector<std::string>{"Temp modeshape file: " + given, "Temp modal strain file: " + made}));
     krxtest::terminate_model();
     EXPECT_FALSE(std::filesystem::exists(given) || std::filesystem::exists(made));
   }
-  {
-    RecordingHost host(1);
-    ASSERT_EQ(krx::store_node_vector(make(10, 2), 1, 1, krx::kModalStress, v), 1);
-    EXPECT_TRUE(host.messages.empty() && host.inquiries >= 1);
-    krxtest::terminate_model();
-  }
-}
-
-TEST_F(VectorStore, ReportsPathsItCannotOpenAndStoresNothing) {
-  RecordingHost host;
+  RecordingHost host(1);
   krx::KRXDATA *model = make(10, 2);
+  ASSERT_EQ(krx::store_node_vector(model, 1, 1, krx::kModalStress, v), 1);
+  EXPECT_TRUE(host.messages.empty() && host.inquiries >= 1);
   setenv("QOR_TMP_MOD", "/nonexistent-dir/krx/mode.tmp", 1);
-  double v[6] = {};
   EXPECT_EQ(krx::store_node_vector(model, 1, 1, krx::kModeShapes, v), 0);
   EXPECT_EQ(host.texts(3), std::vector<std::string>{"Unable to open temporary mode shape file /nonexistent-dir/krx/"
                                                      "mode.tmp.\nTo write elsewhere, specify directory name in "
                                                      "environment variable TMP,\nor specify path name (file name) "
                                                      "in environment variable QOR_TMP_MOD."});
   EXPECT_TRUE(model->store[krx::kModeShapes].io.file == nullptr && model->flags[krx::kFlagModeShapes] == 0);
-
   // A replacement file is a fresh "krx_" name in the directory of the given path.
   host.clear();
   setenv("QOR_TMP_STN", "/nonexistent-dir/strain.tmp", 1);
   krx::ReplacementFile file;
   EXPECT_EQ(krx::open_replacement_file(model, krx::kModalStrain, 1, 1, "Orthogonal mode file: %s", file), 0);
-  auto errors = host.texts(3);
-  ASSERT_EQ(errors.size(), 1u);
-  const std::string head = "Unable to open /nonexistent-dir/krx_", tail = " for write.  Specify different "
-      "temporary file directory by\nsetting the QOR_TMP_STN environment variable.";
-  EXPECT_EQ(errors[0].size(), head.size() + 6 + tail.size());
-  EXPECT_TRUE(errors[0].starts_with(head) && errors[0].ends_with(tail)) << errors[0];
-  EXPECT_EQ(file.io.file, nullptr);
+  ASSERT_EQ(host.texts(3).size(), 1u);
+  const std::string error = host.texts(3)[0], head = "Unable to open /nonexistent-dir/krx_",
+                    tail = " for write.  Specify different temporary file directory by\nsetting the QOR_TMP_STN "
+                           "environment variable.";
+  EXPECT_TRUE(error.size() == head.size() + 6 + tail.size() && error.starts_with(head) && error.ends_with(tail)) << error;
 }
 
-// Strains node by node, shapes scattered over a node table set up beforehand so that no two
-// stores are neighbours, stresses over a list built backwards so that neighbours in the node table
-// are not neighbours in the list. Then mode 2 again node by node, alternating with mode 1: stores
-// that continue the pending run of their mode take a shorter way than the others, and both must
-// land where the other would. Some nodes are stored twice in a row or again later, some values one
-// at a time, and every mode's run fills several times over.
+// Strains node by node, shapes scattered so that no two stores are neighbours, stresses over a
+// list built backwards; then mode 2 again node by node, alternating with mode 1, so that stores
+// continuing the pending run of their mode (the short way) mix with the others. Some nodes are
+// stored twice or again later, some values one at a time, and every run fills several times over.
 TEST_F(VectorStore, ReadsBackWhatWasStoredInAnyOrder) {
   RecordingHost host;
   constexpr int kNodes = 12000, kModes = 3;
   krx::KRXDATA *model = make(kNodes, kModes);
   for (int node = 0; node < kNodes; ++node) krx::add_node(model, node);
-  // expected[kind][mode - 1] holds six values per node, in node order.
-  std::vector<double> expected[3][kModes];
+  std::vector<double> expected[3][kModes];  // [kind][mode - 1]: six values a node, in node order
   for (auto &kind : expected)
     for (auto &mode : kind) mode.assign(size_t(kNodes) * 6, 0.0);
   auto store = [&](int kind, int mode, int node, int variant) {
@@ -216,10 +205,7 @@ TEST_F(VectorStore, ReadsBackWhatWasStoredInAnyOrder) {
     for (int kind : {krx::kModeShapes, krx::kModalStress}) {
       store(kind, 2, node, 1);
       if (node % 7 == 0) store(kind, 2, node, 5);
-      if (node % 1000 == 999) {
-        store(kind, 2, node - 500, 7);
-        store(kind, 2, node - 499, 7);
-      }
+      if (node % 1000 == 999) store(kind, 2, node - 500, 7), store(kind, 2, node - 499, 7);
       if (node % 11 == 0) {
         ASSERT_EQ(krx::store_node_value(model, 2, node, kind, 2, -node), 1);
         expected[kind][1][size_t(node) * 6 + 2] = -node;
@@ -227,19 +213,16 @@ TEST_F(VectorStore, ReadsBackWhatWasStoredInAnyOrder) {
     }
     store(krx::kModeShapes, 1, node, 3);
   }
-  for (int kind : {krx::kModeShapes, krx::kModalStress, krx::kModalStrain}) {
+  for (int kind : {krx::kModeShapes, krx::kModalStress, krx::kModalStrain})
     for (int mode = 1; mode <= kModes; ++mode) {
       ASSERT_EQ(krx::load_mode_record(model, mode, kind), 1);
       const auto &record = model->store[kind].record;
       ASSERT_EQ(record.size(), size_t(kNodes) * 6);
-      for (int node = 0; node < kNodes; ++node) {
-        size_t slot = size_t(krx::kind_slot(model, kind, node));
-        ASSERT_EQ(std::memcmp(&record[slot * 6], &expected[kind][mode - 1][size_t(node) * 6], 6 * sizeof(double)), 0)
+      for (int node = 0; node < kNodes; ++node)
+        ASSERT_EQ(std::memcmp(&record[size_t(krx::kind_slot(model, kind, node)) * 6],
+                              &expected[kind][mode - 1][size_t(node) * 6], 6 * sizeof(double)), 0)
             << "kind " << kind << " mode " << mode << " node " << node;
-      }
     }
-  }
-  EXPECT_EQ(krx::kind_slot(model, krx::kModalStress, 0), kNodes - 1);
   EXPECT_TRUE(host.texts(3).empty());
 }
 
@@ -355,6 +338,37 @@ TEST_F(VectorStore, ReplacementFileTakesOverTheKind) {
 
   krxtest::terminate_model();
   EXPECT_FALSE(std::filesystem::exists(new_path));
+}
+
+// Identifiers in a shuffled order: positions follow first appearance, for the node table and the
+// stress node list alike, and the listing prints them sorted. A second create discards the first.
+TEST(ModelRecord, ShuffledIdentifiersKeepFirstAppearanceAndListSorted) {
+  RecordingHost host;
+  constexpr int kNodes = 3000;
+  auto id_at = [](int i) { return 7 + 13 * ((i * 1103) % kNodes); };  // a permutation of 0..2999
+  krxtest::create_model(10, 2);
+  krx::add_node(krx::current_model(), 5);
+  krxtest::create_model(kNodes, 2);
+  EXPECT_EQ(krx::model_list().size(), 1u);
+  krx::KRXDATA *model = krx::current_model();
+  for (int i = 0; i < kNodes; ++i) ASSERT_EQ(krx::node_position_or_add(model, id_at(i)), i);
+  const double values[6] = {1, 2, 3, 4, 5, 6};
+  for (int i = kNodes; i-- > 0;) ASSERT_EQ(krx::store_node_vector(model, 4, id_at(i), krx::kModalStress, values), 1);
+  for (int i = 0; i < kNodes; ++i) {
+    ASSERT_EQ(krx::node_position(model, id_at(i)), i);
+    ASSERT_EQ(krx::kind_slot(model, krx::kModalStress, id_at(i)), kNodes - 1 - i);
+  }
+  EXPECT_TRUE(krx::node_position(model, 8) == -1 && krx::kind_slot(model, krx::kModalStress, 8) == -1);
+  std::istringstream lines(krxtest::listing(model, 9));
+  std::vector<int> listed, sorted;
+  int id = 0;
+  double mass = 0.0;
+  for (std::string line; std::getline(lines, line);)
+    if (std::sscanf(line.c_str(), "%d\t%le", &id, &mass) == 2) listed.push_back(id);
+  for (int i = 0; i < kNodes; ++i) sorted.push_back(7 + 13 * i);
+  EXPECT_EQ(listed, sorted);
+  EXPECT_EQ(krx::node_position_or_add(model, -5), kNodes);  // a negative identifier like any other
+  krxtest::terminate_model();
 }
 
 }  // namespace

@@ -168,13 +168,11 @@ TEST(WriteReduction, KeepsOnlyFaceNodesAndRenumbersFaces) {
   krxtest::terminate_model();
 }
 
-TEST(WriteStatistics, VonMisesOfAUniaxialStateIsItsValue) {
-  const double s[6] = {5.0, 0, 0, 0, 0, 0};
-  EXPECT_DOUBLE_EQ(krx::von_mises_stress(s), 5.0);
-  const double shear[6] = {0, 0, 0, 2.0, 0, 0};
-  EXPECT_DOUBLE_EQ(krx::von_mises_stress(shear), std::sqrt(12.0));
-  const double triaxial[6] = {1, 2, 4, 0, 0, 0};  // half the sum of squared differences: (1 + 4 + 9) / 2
-  EXPECT_DOUBLE_EQ(krx::von_mises_stress(triaxial), std::sqrt(7.0));
+// Von Mises closed forms: a uniaxial state, a pure shear, half the sum of squared differences.
+TEST(WriteStatistics, VonMisesAndTheLargestComponentsOfEachMode) {
+  const double s[3][6] = {{5.0, 0, 0, 0, 0, 0}, {0, 0, 0, 2.0, 0, 0}, {1, 2, 4, 0, 0, 0}};
+  const double expected[3] = {5.0, std::sqrt(12.0), std::sqrt(7.0)};
+  for (int k = 0; k < 3; ++k) EXPECT_DOUBLE_EQ(krx::von_mises_stress(s[k]), expected[k]) << k;
   krx::ModalStatistics stats;
   const double v1[6] = {3, 4, 0, 0, 0, 1}, v2[6] = {1, 0, 0, 0, 2, 0};
   krx::update_statistics(stats, krx::kModeShapes, 7, v1);

@@ -71,37 +71,24 @@ int main(int argc, char **argv) {
 
   std::vector<fs::path> files;
   for (int32_t version : {10, 20, 30, 31, 40, 41, 50, 51, 60, 572, 316, 828}) {
-    krxtest::Sample s;
-    s.version = version;
-    fs::path path = root / "read" / ("sample-" + std::to_string(version) + ".krx");
-    if (!krxtest::write_sample(path.string(), s)) return 1;
-    files.push_back(path);
+    files.push_back(root / "read" / ("sample-" + std::to_string(version) + ".krx"));
+    if (!krxtest::write_sample(files.back().string(), krxtest::Sample{.version = version})) return 1;
   }
-  const char *families[][2] = {{"default", ""},
-                               {"81_comp", "81_comp"},
-                               {"82_comp", "82_comp"},
-                               {"full_str", "full_str full_invar"},
-                               {"sparse_str", "sparse_str fast_invar no_xdr"},
-                               {"single", "single no_ortho full_invar"},
-                               {"empty", "empty"},
+  const char *families[][2] = {{"default", ""}, {"81_comp", "81_comp"}, {"82_comp", "82_comp"},
+                               {"full_str", "full_str full_invar"}, {"sparse_str", "sparse_str fast_invar no_xdr"},
+                               {"single", "single no_ortho full_invar"}, {"empty", "empty"},
                                {"mks", "mks lbrf2cm highpass(2) lowpass(100) invar"},
                                {"strip_face", "strip_face coarsen(0.2,20,1)"}};
   for (const auto &family : families) {
-    fs::path path = root / "read" / (std::string("write-") + family[0] + ".krx");
-    if (!write_session(path, family[1])) {
-      std::fprintf(stderr, "make_corpus: the write with \"%s\" failed\n", family[1]);
-      return 1;
-    }
-    files.push_back(path);
+    files.push_back(root / "read" / (std::string("write-") + family[0] + ".krx"));
+    if (!write_session(files.back(), family[1])) return std::fprintf(stderr, "make_corpus: \"%s\" failed\n", family[1]), 1;
   }
 
   // Pairs of small files: some with themselves, some against another encoding or writer family.
   const std::size_t pairs[][2] = {{0, 0}, {1, 8}, {4, 8}, {6, 10}, {8, 9}, {13, 15}, {17, 16}, {19, 19}};
-  for (const auto &pick : pairs) {
-    std::size_t i = pick[0];
-    put(root / "compare" / ("pair-" + files[i].stem().string() + "-" + files[pick[1]].stem().string() + ".bin"),
-        pair_of(bytes_of(files[i]), bytes_of(files[pick[1]])));
-  }
+  for (const auto &[i, j] : pairs)
+    put(root / "compare" / ("pair-" + files[i].stem().string() + "-" + files[j].stem().string() + ".bin"),
+        pair_of(bytes_of(files[i]), bytes_of(files[j])));
   // A file of many modes over no nodes with itself, small enough for the fuzzer's input length:
   // rigid-body zeros, a slow rise that chains from mode to mode within the tolerance, and a run of
   // equal eigenvalues longer than an eigenspace group.
