@@ -110,9 +110,9 @@ def collect_sites(root):
 
 
 def from_results(path, sites):
-    """The mutants named by the lines of a results file, found again among the sites. A line that
-    moved since that run is found by its file, its change and its original text (the nearest one
-    to its old place where the text repeats)."""
+    """The mutants named by the lines of a results file, found again among the sites, each with
+    the tests that caught it then. A line that moved since that run is found by its file, its
+    change and its original text (the nearest one to its old place where the text repeats)."""
     by_name = {f'{p}:{n}: {name}': (p, n, name, new) for p, n, name, new in sites}
     texts = {}
 
@@ -129,8 +129,9 @@ def from_results(path, sites):
                 continue
             site = by_name.get(fields[1])
             text = fields[3] if len(fields) > 3 else None
+            killers = fields[2].split() if len(fields) > 2 else []
             if site is not None and (text is None or text_of(site) == text):
-                chosen.append(site)
+                chosen.append((site, killers))
                 continue
             where, name = fields[1].split(': ', 1)
             file, number = where.rsplit(':', 1)
@@ -138,7 +139,7 @@ def from_results(path, sites):
                      and text_of(s) == text]
             if not moved:
                 sys.exit(f'{path}: no such mutant in today\'s sources: {fields[1]}')
-            chosen.append(min(moved, key=lambda s: abs(s[1] - int(number))))
+            chosen.append((min(moved, key=lambda s: abs(s[1] - int(number))), killers))
     return chosen
 
 
@@ -185,8 +186,24 @@ FAILED_TEST = re.compile(r'^\s*\d+ - (\S+) \((Failed|Timeout|SEGFAULT|Subprocess
                          r'Child aborted|Not Run)\)', re.M)
 
 
-def try_mutant(site, args, restorer, root):
-    """The mutant's outcome and the tests that failed on it."""
+def run_tests(args, root, pattern):
+    """ctest on the build: 'ok', 'failed' or 'timeout', and the tests that failed."""
+    test = ['ctest', '--test-dir', args.build, '-j', str(args.jobs), '--timeout',
+            str(args.timeout)]
+    if not args.every_test:
+        test.append('--stop-on-failure')
+    if pattern:
+        test += ['-R', pattern]
+    if args.exclude:
+        test += ['-E', args.exclude]
+    output = []
+    result = run(test, args.timeout * 3, root, output)
+    return result, sorted(set(m.group(1) for m in FAILED_TEST.finditer(''.join(output))))
+
+
+def try_mutant(site, args, restorer, root, earlier_killers=()):
+    """The mutant's outcome and the tests that failed on it. The tests that caught it in an
+    earlier run, when given, run first and alone: if they catch it again, the others do not run."""
     path, number, _, new = site
     with open(path, encoding='utf-8') as f:
         lines = f.readlines()
@@ -198,18 +215,14 @@ def try_mutant(site, args, restorer, root):
         build = run(['cmake', '--build', args.build, '-j', str(args.jobs)], args.build_timeout, root)
         if build != 'ok':
             return 'not compiling', []
-        test = ['ctest', '--test-dir', args.build, '-j', str(args.jobs), '--timeout',
-                str(args.timeout)]
-        if not args.every_test:
-            test.append('--stop-on-failure')
-        if args.tests:
-            test += ['-R', args.tests]
-        if args.exclude:
-            test += ['-E', args.exclude]
-        output = []
-        result = run(test, args.timeout * 3, root, output)
-        killers = sorted(set(m.group(1) for m in FAILED_TEST.finditer(''.join(output))))
-        return {'ok': 'survived', 'failed': 'killed', 'timeout': 'timed out'}[result], killers
+        outcomes = {'ok': 'survived', 'failed': 'killed', 'timeout': 'timed out'}
+        if earlier_killers:
+            pattern = '^(' + '|'.join(re.escape(k) for k in earlier_killers) + ')$'
+            result, killers = run_tests(args, root, pattern)
+            if result == 'failed' and killers:
+                return 'killed', killers
+        result, killers = run_tests(args, root, args.tests)
+        return outcomes[result], killers
     finally:
         restorer.restore()
 
@@ -233,6 +246,9 @@ def main():
                         'each with the tests that caught it')
     parser.add_argument('--from-results', help='try again only the mutants of an earlier '
                         'results file (or of the lines kept from it), instead of a sample')
+    parser.add_argument('--killers-first', action='store_true',
+                        help='with --from-results, run first the tests that caught each mutant '
+                        'then, and the others only when those no longer catch it')
     parser.add_argument('--list', action='store_true', help='list the sample and stop')
     args = parser.parse_args()
 
@@ -240,8 +256,12 @@ def main():
     os.chdir(root)
     sites = collect_sites(args.directory)
     sample = random.Random(args.seed).sample(sites, min(args.sample, len(sites)))
+    earlier = {}
     if args.from_results:
-        sample = from_results(args.from_results, sites)
+        chosen = from_results(args.from_results, sites)
+        sample = [site for site, _ in chosen]
+        if args.killers_first:
+            earlier = {site: killers for site, killers in chosen}
     sample.sort(key=lambda s: (s[0], s[1]))
     print(f'{args.directory}: {len(sites)} mutants, {len(sample)} sampled (seed {args.seed})')
     if args.list:
@@ -267,7 +287,7 @@ def main():
     start = time.time()
     try:
         for i, site in enumerate(sample, 1):
-            outcome, killers = try_mutant(site, args, restorer, root)
+            outcome, killers = try_mutant(site, args, restorer, root, earlier.get(site, ()))
             counts[outcome] += 1
             if outcome == 'survived':
                 survivors.append(site)
