@@ -1,5 +1,5 @@
 // Mesh coarsening on real meshes: flat plates and a cylinder of triangles; the argument string
-// with its warnings; the nodes that must stay; co-linear vertex removal; messages and progress.
+// with its warnings; the nodes that must stay; co-linear vertex removal; a model without faces.
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -18,13 +18,10 @@ namespace {
 
 using Faces = std::vector<std::vector<int32_t>>;
 
-struct CoarsenTest : ::testing::Test {
+struct CoarsenTest : krxtest::ModelTest {
   void SetUp() override { fresh(0); }
-  void TearDown() override { krxtest::terminate_model(); }
   void fresh(int modes) {
-    krxtest::terminate_model();
-    krxtest::create_model(modes ? 25 : 0, modes);
-    model = krx::current_model();
+    ModelTest::fresh(modes ? 25 : 0, modes);
     host.clear();
   }
   void node(int32_t id, double x, double y, double z) {
@@ -67,17 +64,6 @@ struct CoarsenTest : ::testing::Test {
     for (int32_t id : kept_ids) EXPECT_TRUE(used.count(id)) << "node " << id << " left the outline";
     return used;
   }
-  // Sum of the plate's face areas (shoelace); merging flat fans keeps it.
-  double plate_area() const {
-    double area = 0.0;
-    for (const auto &ids : faces()) {
-      auto at = [&](size_t j) -> const krx::NodeRecord & { return model->nodes[size_t(ids[j % ids.size()] - 1)]; };
-      double twice = 0.0;
-      for (size_t j = 0; j < ids.size(); ++j) twice += at(j).x * at(j + 1).y - at(j + 1).x * at(j).y;
-      area += std::fabs(twice) / 2.0;
-    }
-    return area;
-  }
 
   // An open tube of flat facets split into triangles; at 24 around, neighbours meet at 15 degrees.
   void tube(int around, int rows) {
@@ -92,7 +78,6 @@ struct CoarsenTest : ::testing::Test {
       }
   }
 
-  krx::KRXDATA *model = nullptr;
   RecordingHost host{1};  // quiet: no progress line unless a test asks for it
 };
 
@@ -141,25 +126,6 @@ TEST_F(CoarsenTest, ListedInterfaceAndStressNodesStayAndAreNamed) {
     bool kept = std::string(arguments).find("preserve_str") != std::string::npos;
     EXPECT_EQ(expect_valid_outline().count(7), kept ? 1u : 0u) << arguments;
   }
-}
-
-TEST_F(CoarsenTest, LargePlateKeepsItsAreaBoundaryAndInterfaceNode) {
-  const int n = 40, interface_id = 20 * (n + 1) + 21;
-  plate(n);
-  krx::coarsen(model, "0.1,10,0");
-  EXPECT_NEAR(plate_area(), double(n * n), 1e-9);  // only a preserved node can leave a cut
-  const int32_t without_interface = model->face_count;
-  fresh(0);
-  plate(n);
-  model->interface_nodes = {krx::node_position(model, interface_id)};
-  std::vector<int32_t> kept = {interface_id};
-  for (int k = 0; k <= n; ++k)
-    kept.insert(kept.end(), {k + 1, n * (n + 1) + k + 1, k * (n + 1) + 1, k * (n + 1) + n + 1});
-  krx::coarsen(model, "0.1,10,0");
-  std::set<int32_t> used = expect_valid_outline(kept);
-  EXPECT_TRUE(model->face_count >= without_interface && model->face_count < n * n / 10);
-  EXPECT_LT(used.size(), size_t((n + 1) * (n + 1)) / 2);
-  EXPECT_EQ(host.texts(0).back(), "\nFace reduction from 1600 to " + std::to_string(model->face_count));
 }
 
 // Below 15 degrees no fan is flat and the faces come back as they were; co-linear removal drops
@@ -213,18 +179,6 @@ TEST_F(CoarsenTest, ModelWithoutFacesIsLeftAlone) {
   EXPECT_TRUE(host.messages[0].text.starts_with("Failed to allocate memory at line ")) << host.messages[0].text;
   EXPECT_EQ(host.messages[2], (Message{3, "Problem encountered while trimming geometry\n"}));
   EXPECT_TRUE(model->faces.empty() && model->face_count == 0);
-}
-
-TEST_F(CoarsenTest, ProgressTicksAtMostAHundredTimesAndNotForAQuietHost) {
-  for (int quiet : {0, 1}) {
-    fresh(0);
-    plate(15);  // 256 nodes: every second node would tick
-    host.quiet = quiet;
-    testing::internal::CaptureStdout();
-    krx::coarsen(model, "0.1,10,0");
-    std::string out = testing::internal::GetCapturedStdout();
-    EXPECT_EQ(std::count(out.begin(), out.end(), '\r'), quiet ? 0 : 100);
-  }
 }
 
 }  // namespace

@@ -1,5 +1,5 @@
 // Inertia invariants: hand-computed sums on a three-node, two-mode model, the fallback to the
-// global mass properties, the caches and drivers, and blocked sums of random models against plain sums.
+// global mass properties, an unreadable mode, and blocked sums of random models against plain sums.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -37,16 +37,7 @@ void expect_close_sums(const V &actual, const V &expected, int invariant) {
   expect_near(actual, expected, 1e-12 * scale);
 }
 
-struct InvariantTest : ::testing::Test {
-  void TearDown() override { krxtest::terminate_model(); }
-
-  krx::KRXDATA *model = nullptr;
-
-  void fresh_model(int nodes, int modes) {
-    krxtest::terminate_model();
-    krxtest::create_model(nodes, modes);
-    model = krx::current_model();
-  }
+struct InvariantTest : krxtest::ModelTest {
   void add_node(int id, double x, double y, double z, double mass) {
     auto &node = model->nodes[krx::node_position_or_add(model, id)];
     node.x = x, node.y = y, node.z = z, node.mass = mass;
@@ -57,7 +48,7 @@ struct InvariantTest : ::testing::Test {
   // Node 1 at (1,0,0), mass 2, with an inertia; node 2 at (0,2,0), mass 3; node 3 at (0,0,1)
   // without mass but with large mode shapes, which must contribute nothing.
   void build_two_mode_model() {
-    fresh_model(10, 4);
+    fresh(10, 4);
     add_node(1, 1, 0, 0, 2);
     add_node(2, 0, 2, 0, 3);
     add_node(3, 0, 0, 1, 0);
@@ -72,7 +63,7 @@ struct InvariantTest : ::testing::Test {
 
   // No nodal masses; only the global body properties.
   void build_global_mass_model(int modes, double total_mass) {
-    fresh_model(10, 4);
+    fresh(10, 4);
     add_node(1, 1, 1, 1, 0);
     for (int j = 0; j < modes; ++j) krx::register_mode(model, j + 1);
     model->total_mass = total_mass;
@@ -122,24 +113,6 @@ TEST_F(InvariantTest, RecordMapGeneralizedMassAndPresetValuesAreHonoured) {
   expect_near(krx::invariant6(model), {2.0, 0.0, 0.7, 1.0});
 }
 
-TEST_F(InvariantTest, RequestsCopyTheCacheAndChecksForTheSettersNeitherCacheNorGoStale) {
-  build_two_mode_model();
-  krx::invariant3(model)[0] = 99.0;  // a copy: the cache is untouched
-  EXPECT_DOUBLE_EQ(krx::peek_invariant1(model), 5.0);
-  model->nodes[1].mass = 4.0;
-  EXPECT_DOUBLE_EQ(krx::peek_invariant1(model), 6.0);
-  EXPECT_FALSE(model->has_invariant1);
-  EXPECT_DOUBLE_EQ(krx::peek_invariant2(model)[1], 8.0);
-  EXPECT_TRUE(model->invariant2.empty());
-  krx::invariant7(model);
-  model->nodes[1].mass = 100.0;
-  EXPECT_DOUBLE_EQ(krx::peek_invariant7(model)[0], 16.0 + 1.0);  // the cached one
-  expect_near(krx::invariant3(model), {3, 0, 2, 3, 0, 2});
-  EXPECT_DOUBLE_EQ(krx::invariant1(model), 102.0);  // not cached before, so computed now
-  model->nodes[0].mass = 0.0;
-  EXPECT_DOUBLE_EQ(krx::invariant1(model), 102.0);
-}
-
 // Without nodal masses the global mass properties stand in (a zero global mass leaves zeros);
 // without modes the per-mode invariants are absent and the drivers warn once each.
 TEST_F(InvariantTest, GlobalMassPropertiesStandInAndWithoutModesThePerModeInvariantsAreAbsent) {
@@ -157,7 +130,7 @@ TEST_F(InvariantTest, GlobalMassPropertiesStandInAndWithoutModesThePerModeInvari
   build_global_mass_model(0, 0.0);
   expect_near(krx::invariant2(model), {0, 0, 0});
   host.clear();
-  fresh_model(10, 4);
+  fresh(10, 4);
   add_node(1, 1, 2, 3, 2.0);
   EXPECT_TRUE(krx::invariant3(model).empty() && krx::invariant5(model, 0).empty() && krx::invariant6(model).empty());
   krx::compute_rigid_invariants(model);
@@ -169,15 +142,6 @@ TEST_F(InvariantTest, GlobalMassPropertiesStandInAndWithoutModesThePerModeInvari
                                                           {3, kFullWarning},
                                                           {0, "Computing *all* invariants"}}));
   EXPECT_DOUBLE_EQ(krx::invariant1(model), 2.0);
-}
-
-TEST_F(InvariantTest, AfterAUnitChangeShapesAndMassesCarryTheNewUnits) {
-  build_two_mode_model();
-  ASSERT_EQ(krx::set_units_by_names(model, "lbm", "in", "s", "lbf"), 1);
-  ASSERT_EQ(krx::set_units_by_names(model, "kg", "m", "s", "n"), 1);
-  const double mL = 0.45359237 * 0.0254;
-  expect_near(krx::invariant3(model), {3 * mL, 0, 2 * mL, 3 * mL, 0, 2 * mL});
-  EXPECT_NEAR(krx::invariant9(model, 0, 0)[8], -5 * mL * 0.0254, 1e-15);
 }
 
 TEST_F(InvariantTest, AnUnreadableModeIsReportedOnceAndCountsAsZero) {
@@ -261,7 +225,7 @@ TEST_F(InvariantTest, BlockedSumsMatchPlainSumsOnRandomModels) {
   RecordingHost host;
   for (bool large : {false, true}) {
     SCOPED_TRACE(large ? "20000 nodes, single precision, unit change" : "200 nodes");
-    fresh_model(large ? 20000 : 200, 9);
+    fresh(large ? 20000 : 200, 9);
     model->own.precision = large ? 0 : 1;
     build_random_model(model, large ? 20000 : 200);
     if (large) {
@@ -288,46 +252,6 @@ TEST_F(InvariantTest, BlockedSumsMatchPlainSumsOnRandomModels) {
                                                        "Computing *all* invariants"}));
     EXPECT_TRUE(host.texts(3).empty());
   }
-}
-
-TEST(Invariants, WithoutAModelNothingIsReturnedAndFileValuesCarryTheLastUnitChange) {
-  RecordingHost host;
-  EXPECT_TRUE(krx::invariant1(nullptr) == 0.0 && krx::invariant7(nullptr).empty());
-  krx::KRXDATA model;
-  V values;
-  EXPECT_FALSE(krx::read_invariant_block(&model, 19, values));  // no file behind the model
-  model.mass_ratio = 2.0;
-  model.length_ratio = 3.0;
-  for (auto [block, scaled] : std::vector<std::pair<int, double>>{{19, 2.0}, {21, 6.0}, {26, 18.0}}) {
-    V one{1.0};
-    krx::scale_invariant_from_file(&model, block, one);
-    EXPECT_EQ(one[0], scaled) << block;
-  }
-}
-
-// Shift of the reference frame to the centre of mass: nodes move by the mass-weighted centre,
-// massless nodes move without counting, and only the first component of the stored centre is reset.
-TEST(ShiftToCentreOfMass, WeightsByMassAndASecondRunFindsTheOrigin) {
-  RecordingHost host;
-  krxtest::create_model(10, 2);
-  krx::KRXDATA &model = *krx::current_model();
-  auto node = [&](int id, double x, double y, double z, double mass) {
-    krx::NodeRecord &n = model.nodes.emplace_back();
-    n.id = id, n.x = x, n.y = y, n.z = z, n.mass = mass;
-  };
-  node(3, 9.0, 9.0, 9.0, 0.0);
-  model.centre_of_mass = {5.0, 6.0, 7.0};
-  krx::shift_to_centre_of_mass(&model);  // no mass: nothing moves
-  EXPECT_TRUE(model.nodes[0].x == 9.0 && model.centre_of_mass[0] == 5.0);
-  node(1, 1.0, 2.0, 3.0, 3.0);
-  node(2, 5.0, -2.0, 7.0, 1.0);
-  for (int run = 0; run < 2; ++run) krx::shift_to_centre_of_mass(&model);
-  EXPECT_EQ(std::vector<double>({model.nodes[2].x, model.nodes[2].y, model.nodes[2].z, model.nodes[0].x}),
-            std::vector<double>({3.0, -3.0, 3.0, 7.0}));
-  EXPECT_EQ(host.messages, (std::vector<krxtest::Message>{{0, "Shifting LBRF to CM at (2.000e+00,1.000e+00,4.000e+00)\n"},
-                                                          {0, "Shifting LBRF to CM at (0.000e+00,0.000e+00,0.000e+00)\n"}}));
-  EXPECT_EQ(model.centre_of_mass, (std::array<double, 3>{0.0, 6.0, 7.0}));
-  krxtest::terminate_model();
 }
 
 }  // namespace

@@ -1,5 +1,4 @@
-// The message channel: levels and texts as the host receives them, the quiet inquiry, the
-// allocation-failure convention and the progress line's arithmetic.
+// The progress line's arithmetic.
 #include <gtest/gtest.h>
 
 #include "base/krxmsg.h"
@@ -9,27 +8,6 @@ using krxtest::Message;
 using krxtest::RecordingHost;
 
 namespace {
-
-// Texts reach the host with their level and nothing added, an overlong one cut; the quiet
-// inquiry is asked afresh each time.
-TEST(Messages, ReachTheHostWithTheirLevelAndNothingAdded) {
-  RecordingHost host;
-  krx::note("Title: %s", "beam");
-  krx::warning("I5(%d, %d) is not zero.", 1, 2);
-  KRX_REPORT_ALLOC("..\\krxset");
-  const std::string line = std::to_string(__LINE__ - 1), big(100000, 'x');
-  krx::error("%s", big.c_str());
-  ASSERT_EQ(host.messages.size(), 4u);
-  EXPECT_EQ(std::vector<Message>(host.messages.begin(), host.messages.begin() + 3),
-            (std::vector<Message>{{0, "Title: beam"}, {2, "I5(1, 2) is not zero."},
-                                  {3, "Failed to allocate memory at line " + line + " in file ..\\krxset.\n"}}));
-  EXPECT_TRUE(host.messages[3].text.size() < big.size() && host.messages[3].text.find_first_not_of('x') == std::string::npos);
-  for (int quiet : {1, 0, -2}) {
-    host.quiet = quiet;
-    EXPECT_EQ(krx::host_is_quiet(), quiet == 1) << quiet;
-  }
-  EXPECT_EQ(host.inquiries, 3);
-}
 
 double fake_now = 0.0;
 double fake_clock() { return fake_now; }

@@ -1,4 +1,4 @@
-// LU kernels, and the QZ stages against the reference LAPACK generalized eigensolver.
+// The QZ stages against the reference LAPACK generalized eigensolver.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -116,37 +116,6 @@ double real_residual(const Pencil &p, const QzResult &r) {
 }
 
 }  // namespace
-
-// A zero leading column is refused; a zero last pivot passes the decomposition and shows in the
-// solve; the first largest row is the pivot; A times its inverse is the identity.
-TEST(LuKernels, PivotsInvertsAndRefusesSingularMatrices) {
-  double z[3][3] = {{0, 1, 2}, {0, 3, 4}, {0, 5, 7}}, s[3][3] = {{2, 1, 1}, {0, 3, 1}, {0, 0, 0}}, rhs[3] = {1, 2, 3};
-  double m[3][3] = {{1, 0, 0}, {-4, 1, 0}, {4, 0, 1}};
-  double *zrows[3] = {z[0], z[1], z[2]}, *srows[3] = {s[0], s[1], s[2]}, *rows[3] = {m[0], m[1], m[2]};
-  int32_t perm[3];
-  EXPECT_EQ(krx::lu_decompose(zrows, 3, perm), 0);
-  ASSERT_EQ(krx::lu_decompose(srows, 3, perm), 1);
-  EXPECT_EQ(krx::lu_solve(srows, 3, perm, rhs), 0);
-  ASSERT_EQ(krx::lu_decompose(rows, 3, perm), 1);
-  EXPECT_TRUE(perm[0] == 1 && m[0][0] == -4.0);
-  std::mt19937_64 rng(7);
-  std::uniform_real_distribution<double> u(-1.0, 1.0);
-  for (int n : {1, 6, 9}) {
-    std::vector<double> a(n * n), lu, inv(n * n);
-    for (double &v : a) v = u(rng);
-    lu = a;
-    std::vector<double *> lu_rows(n);
-    for (int i = 0; i < n; ++i) lu_rows[i] = &lu[i * n];
-    std::vector<int32_t> p(n);
-    ASSERT_TRUE(krx::lu_decompose(lu_rows.data(), n, p.data()) && krx::invert_matrix(lu_rows.data(), n, p.data(), inv.data()));
-    for (int i = 0; i < n; ++i)
-      for (int j = 0; j < n; ++j) {
-        double sum = 0;
-        for (int k = 0; k < n; ++k) sum += a[i * n + k] * inv[k * n + j];
-        EXPECT_NEAR(sum, i == j ? 1.0 : 0.0, 1e-12) << n;
-      }
-  }
-}
 
 // Symmetric definite pencils, then ones with a structurally singular mass: some modes carry no
 // generalized mass at all and come out as beta = 0 while the finite ones still agree.

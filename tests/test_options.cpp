@@ -1,4 +1,4 @@
-// The writer's option words: version code steps, conflicts, arguments and their bounds, the band.
+// The writer's option words and the settings each text settles.
 #include <gtest/gtest.h>
 
 #include <charconv>
@@ -84,64 +84,6 @@ TEST(WriteOptions, EachTextSettlesExactlyTheseSettings) {
     EXPECT_EQ(changed_settings(options), c.settings);
     EXPECT_EQ(options.generation, options.version & 0xFF);
     EXPECT_EQ(options.messages, c.messages);
-  }
-}
-
-// Conflicts fail but still settle the code, each reported in step order; messages reach the host
-// only when reported, in the order of their effects.
-TEST(WriteOptions, EveryConflictIsReportedInStepOrder) {
-  WriteOptions options = parse_write_options("81_comp 82_comp fast_invar single full_str sparse_str");
-  EXPECT_TRUE(options.failed && options.version == 10);
-  EXPECT_EQ(options.messages, (std::vector<OptionMessage>{
-                                  {3, "Cannot specify full and sparse stress and strain modes."},
-                                  {3, "8.2 compatible KRX cannot contain Invariants"},
-                                  {3, "8.2 compatible KRX cannot be single precision"},
-                                  {3, "8.2 compatible KRX cannot have sparse stress or strain modes"},
-                                  {3, "8.1 compatible KRX cannot contain Invariants"},
-                                  {3, "8.1 compatible KRX cannot be single precision"},
-                                  {3, "8.1 compatible KRX cannot have sparse stress or strain modes"},
-                              }));
-  RecordingHost host;
-  options = parse_write_options(("invar 82_comp sketch(" + std::string(1100, 'a')).c_str());
-  EXPECT_TRUE(host.messages.empty());
-  krx::report_write_options(options);
-  EXPECT_EQ(host.messages, (std::vector<krxtest::Message>{
-                               {3, "The argument of the writer option sketch( is longer than 1024 characters."},
-                               {3, "8.2 compatible KRX cannot contain Invariants"},
-                               {2, "Illegal invariants option, use full_invar or fast_invar."},
-                           }));
-}
-
-TEST(WriteOptions, ArgumentsUpTo1024CharactersAreTakenLongerOnesFail) {
-  const std::string name(1024, 'n'), args(1024, '1');
-  EXPECT_EQ(parse_write_options(("sketch(\"" + name + "\")").c_str()).sketch_file, name);
-  EXPECT_EQ(parse_write_options(("coarsen(" + args + ")").c_str()).coarsen, args);
-  EXPECT_EQ(parse_write_options(("lowpass(" + std::string(1023, ' ') + "5)").c_str()).lowpass, 5.0);
-
-  const std::pair<std::string, std::string> cases[] = {
-      {"sketch(\"" + name + "n\")", "sketch("}, {"sketch(" + name + "n)", "sketch("}, {"coarsen(" + args + "1", "coarsen("},
-      {"lowpass(" + std::string(1024, ' ') + "5)", "lowpass("}, {"highpass(" + std::string(2000, '9'), "highpass("}};
-  for (const auto &[text, word] : cases) {
-    WriteOptions o = parse_write_options(text.c_str());
-    EXPECT_EQ(changed_settings(o), "failed") << word;
-    EXPECT_EQ(o.messages, (std::vector<OptionMessage>{
-                              {3, "The argument of the writer option " + word + " is longer than 1024 characters."}}));
-  }
-}
-
-// The band: above the high-pass frequency up to and including the low-pass one, from the first
-// mode when none is above, ending at the first massless mode (searched from the first mode).
-TEST(FrequencyBand, ExportsModesAboveHighpassUpToAndIncludingLowpass) {
-  const std::vector<double> spread = {0.0, 0.0, 3.0, 5.0, 7.0, 50.0, 51.0, 60.0}, hertz = {1.0, 2.0, 3.0, 4.0};
-  const std::vector<double> unit(spread.size(), 1.0), ones(4, 1.0), gap{1.0, 1.0, 0.0, 1.0}, lead{0.0, 1.0, 1.0, 1.0};
-  const struct { const std::vector<double> &hertz, &mass; double high, low; int first, count; } cases[] = {
-      {spread, unit, 5.0, 50.0, 4, 2}, {spread, unit, krx::kDefaultHighpass, krx::kDefaultLowpass, 0, 8},
-      {spread, unit, 100.0, krx::kDefaultLowpass, 0, 8}, {hertz, gap, -1.0, 1.0e8, 0, 2},
-      {hertz, lead, 2.5, 1.0e8, -1, 0}, {hertz, ones, 3.0, 2.0, -1, 0}};
-  for (const auto &c : cases) {
-    krx::ModeBand b = krx::select_frequency_band(c.hertz, c.mass, c.high, c.low);
-    EXPECT_EQ(b.count, c.count) << c.high << " " << c.low;
-    if (c.first >= 0) { EXPECT_EQ(b.first, c.first) << c.high << " " << c.low; }
   }
 }
 

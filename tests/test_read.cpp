@@ -104,14 +104,6 @@ TEST_F(ReadFixture, WithoutEigenvaluesTheModesComeFromTheModeShapes) {
   }
 }
 
-TEST_F(ReadFixture, AveragesSeveralMassesPerNode) {
-  KRXDATA *model = write_and_read({.mass_dims = 3});
-  ASSERT_NE(nullptr, model);
-  EXPECT_EQ(2.0, model->nodes[0].mass);  // mean of 1, 2, 3
-  EXPECT_TRUE(host.has(2, "Each node must possess a single scalar mass"));
-  EXPECT_TRUE(host.has(2, "Generating scalar by averaging 3 values"));
-}
-
 // Unknown node ids end the read with the block's message; counts must agree with the eigenvalues.
 TEST_F(ReadFixture, RefusesFilesThatAreNoKorexOrDisagreeWithThemselves) {
   EXPECT_EQ(nullptr, find_or_read_model(dir.file("none.krx").c_str()));

@@ -1,14 +1,12 @@
-// The temporary vector store: file naming and layout, capacity, pre-stress, read-back in any store
-// order, unit scaling, files of a model read from a file, replacement files and release.
+// The temporary vector store: layout, capacity, pre-stress, stores between reads, unit scaling
+// and files of a model read from a file.
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 
 #include <bit>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <sstream>
 
 #include "host/krx_fortran.h"
 #include "host/krxset.h"
@@ -19,16 +17,10 @@ using krxtest::RecordingHost;
 
 namespace {
 
-struct VectorStore : ::testing::Test {
+struct VectorStore : krxtest::ModelTest {
   void SetUp() override { krxtest::unset_store_names(); }
-  void TearDown() override {
-    krxtest::unset_store_names();
-    krxtest::terminate_model();
-  }
-  krx::KRXDATA *make(int nodes, int modes) {
-    krxtest::create_model(nodes, modes);
-    return krx::current_model();
-  }
+  void TearDown() override { krxtest::unset_store_names(), ModelTest::TearDown(); }
+  krx::KRXDATA *make(int nodes, int modes) { return krxtest::create_model(nodes, modes), model = krx::current_model(); }
 };
 
 std::vector<char> flushed_bytes(krx::KRXDATA *model, int kind) {
@@ -135,97 +127,6 @@ TEST_F(VectorStore, ModeZeroStressAndStrainArePreValuesSharingTheKindsNodeList) 
   EXPECT_TRUE(model->flags[krx::kFlagPreStrain] == 1 && model->store[krx::kModalStrain].io.file == nullptr);
 }
 
-// Files take the name the environment gives, else a "krx_" name in TMP, noted unless the host is
-// quiet; a path that cannot be opened is reported and stores nothing.
-TEST_F(VectorStore, NamesFilesAfterTheEnvironmentAndReportsPathsItCannotOpen) {
-  krxtest::TempDir dir;
-  krxtest::EnvGuard tmp{"TMP", dir.path.c_str()};
-  double v[6] = {};
-  {
-    RecordingHost host;
-    krx::KRXDATA *model = make(10, 2);
-    std::string given = dir.file("given.mod");
-    setenv("QOR_TMP_MOD", given.c_str(), 1);
-    ASSERT_EQ(krx::store_node_vector(model, 1, 1, krx::kModeShapes, v), 1);
-    ASSERT_EQ(krx::store_node_vector(model, 1, 1, krx::kModalStrain, v), 1);
-    std::string made = model->store[krx::kModalStrain].io.path;
-    EXPECT_TRUE(made.starts_with(dir.path + "/krx_")) << made;
-    EXPECT_EQ(host.texts(0), (std::vector<std::string>{"Temp modeshape file: " + given, "Temp modal strain file: " + made}));
-    krxtest::terminate_model();
-    EXPECT_FALSE(std::filesystem::exists(given) || std::filesystem::exists(made));
-  }
-  RecordingHost host(1);
-  krx::KRXDATA *model = make(10, 2);
-  ASSERT_EQ(krx::store_node_vector(model, 1, 1, krx::kModalStress, v), 1);
-  EXPECT_TRUE(host.messages.empty() && host.inquiries >= 1);
-  setenv("QOR_TMP_MOD", "/nonexistent-dir/krx/mode.tmp", 1);
-  EXPECT_EQ(krx::store_node_vector(model, 1, 1, krx::kModeShapes, v), 0);
-  EXPECT_EQ(host.texts(3), std::vector<std::string>{"Unable to open temporary mode shape file /nonexistent-dir/krx/"
-                                                     "mode.tmp.\nTo write elsewhere, specify directory name in "
-                                                     "environment variable TMP,\nor specify path name (file name) "
-                                                     "in environment variable QOR_TMP_MOD."});
-  EXPECT_TRUE(model->store[krx::kModeShapes].io.file == nullptr && model->flags[krx::kFlagModeShapes] == 0);
-  // A replacement file is a fresh "krx_" name in the directory of the given path.
-  host.clear();
-  setenv("QOR_TMP_STN", "/nonexistent-dir/strain.tmp", 1);
-  krx::ReplacementFile file;
-  EXPECT_EQ(krx::open_replacement_file(model, krx::kModalStrain, 1, 1, "Orthogonal mode file: %s", file), 0);
-  ASSERT_EQ(host.texts(3).size(), 1u);
-  const std::string error = host.texts(3)[0], head = "Unable to open /nonexistent-dir/krx_",
-                    tail = " for write.  Specify different temporary file directory by\nsetting the QOR_TMP_STN "
-                           "environment variable.";
-  EXPECT_TRUE(error.size() == head.size() + 6 + tail.size() && error.starts_with(head) && error.ends_with(tail)) << error;
-}
-
-// Strains node by node, shapes scattered so that no two stores are neighbours, stresses over a
-// list built backwards; then mode 2 again node by node, alternating with mode 1, so that stores
-// continuing the pending run of their mode (the short way) mix with the others. Some nodes are
-// stored twice or again later, some values one at a time, and every run fills several times over.
-TEST_F(VectorStore, ReadsBackWhatWasStoredInAnyOrder) {
-  RecordingHost host;
-  constexpr int kNodes = 12000, kModes = 3;
-  krx::KRXDATA *model = make(kNodes, kModes);
-  for (int node = 0; node < kNodes; ++node) krx::add_node(model, node);
-  std::vector<double> expected[3][kModes];  // [kind][mode - 1]: six values a node, in node order
-  for (auto &kind : expected)
-    for (auto &mode : kind) mode.assign(size_t(kNodes) * 6, 0.0);
-  auto store = [&](int kind, int mode, int node, int variant) {
-    double v[6];
-    vector_for(mode + variant, node, v);
-    ASSERT_EQ(krx::store_node_vector(model, mode, node, kind, v), 1);
-    std::copy_n(v, 6, expected[kind][mode - 1].begin() + node * 6);
-  };
-  for (int node = kNodes - 1; node >= 0; --node) store(krx::kModalStress, 1, node, 0);
-  for (int step = 0; step < kNodes * kModes; ++step) {
-    store(krx::kModalStrain, step % kModes + 1, step / kModes, 0);
-    int which = int((int64_t(step) * 7919) % (kNodes * kModes));
-    store(krx::kModeShapes, which % kModes + 1, which / kModes, 0);
-  }
-  for (int node = 0; node < kNodes; ++node) {
-    for (int kind : {krx::kModeShapes, krx::kModalStress}) {
-      store(kind, 2, node, 1);
-      if (node % 7 == 0) store(kind, 2, node, 5);
-      if (node % 1000 == 999) store(kind, 2, node - 500, 7), store(kind, 2, node - 499, 7);
-      if (node % 11 == 0) {
-        ASSERT_EQ(krx::store_node_value(model, 2, node, kind, 2, -node), 1);
-        expected[kind][1][size_t(node) * 6 + 2] = -node;
-      }
-    }
-    store(krx::kModeShapes, 1, node, 3);
-  }
-  for (int kind : {krx::kModeShapes, krx::kModalStress, krx::kModalStrain})
-    for (int mode = 1; mode <= kModes; ++mode) {
-      ASSERT_EQ(krx::load_mode_record(model, mode, kind), 1);
-      const auto &record = model->store[kind].record;
-      ASSERT_EQ(record.size(), size_t(kNodes) * 6);
-      for (int node = 0; node < kNodes; ++node)
-        ASSERT_EQ(std::memcmp(&record[size_t(krx::kind_slot(model, kind, node)) * 6],
-                              &expected[kind][mode - 1][size_t(node) * 6], 6 * sizeof(double)), 0)
-            << "kind " << kind << " mode " << mode << " node " << node;
-    }
-  EXPECT_TRUE(host.texts(3).empty());
-}
-
 TEST_F(VectorStore, SeesStoresMadeBetweenReads) {
   RecordingHost host;
   krx::KRXDATA *model = make(10, 2);
@@ -301,74 +202,6 @@ TEST_F(VectorStore, LoadsRecordsOfAModelReadFromAnXdrFile) {
     krxtest::terminate_model();
     EXPECT_TRUE(std::filesystem::exists(path));  // the model's own file is not a temporary
   }
-}
-
-TEST_F(VectorStore, ReplacementFileTakesOverTheKind) {
-  RecordingHost host;
-  krx::KRXDATA *model = make(3, 2);
-  double v[6] = {1, 1, 1, 1, 1, 1};
-  for (int node : {1, 2, 3}) ASSERT_EQ(krx::store_node_vector(model, 1, node, krx::kModalStress, v), 1);
-  ASSERT_EQ(krx::load_mode_record(model, 1, krx::kModalStress), 1);
-  std::string old_path = model->store[krx::kModalStress].io.path;
-  host.clear();
-
-  krx::ReplacementFile file;
-  ASSERT_EQ(krx::open_replacement_file(model, krx::kModalStress, 2, 2, "Shortened mode file: %s", file), 1);
-  EXPECT_EQ(std::filesystem::path(file.io.path).parent_path(), std::filesystem::path(old_path).parent_path());
-  EXPECT_EQ(host.texts(0), std::vector<std::string>{"Shortened mode file: " + file.io.path});
-  std::vector<double> first(12), second(12);
-  for (int i = 0; i < 12; ++i) first[size_t(i)] = i, second[size_t(i)] = -i;
-  ASSERT_EQ(krx::write_replacement_record(file, 0, first.data()), 1);
-  ASSERT_EQ(krx::write_replacement_record(file, 1, second.data()), 1);
-  EXPECT_EQ(krx::write_replacement_record(file, 2, second.data()), 0);
-  std::string new_path = file.io.path;
-  ASSERT_EQ(krx::install_replacement_file(model, file), 1);
-  EXPECT_TRUE(!std::filesystem::exists(old_path) && file.io.file == nullptr);
-
-  auto &slot = model->store[krx::kModalStress];
-  slot.nodes.resize(2);  // the caller's part of a shortened file
-  krx::clear_ids(slot.index);
-  krx::insert_id(slot.index, 1, 0);
-  krx::insert_id(slot.index, 2, 1);
-  ASSERT_EQ(krx::load_mode_record(model, 1, krx::kModalStress), 1);
-  EXPECT_EQ(slot.record, first);
-  ASSERT_EQ(krx::store_node_value(model, 2, 2, krx::kModalStress, 0, 7.0), 1);
-  ASSERT_EQ(krx::load_mode_record(model, 2, krx::kModalStress), 1);
-  EXPECT_TRUE(slot.record[6] == 7.0 && slot.record[7] == -7.0);
-
-  krxtest::terminate_model();
-  EXPECT_FALSE(std::filesystem::exists(new_path));
-}
-
-// Identifiers in a shuffled order: positions follow first appearance, for the node table and the
-// stress node list alike, and the listing prints them sorted. A second create discards the first.
-TEST(ModelRecord, ShuffledIdentifiersKeepFirstAppearanceAndListSorted) {
-  RecordingHost host;
-  constexpr int kNodes = 3000;
-  auto id_at = [](int i) { return 7 + 13 * ((i * 1103) % kNodes); };  // a permutation of 0..2999
-  krxtest::create_model(10, 2);
-  krx::add_node(krx::current_model(), 5);
-  krxtest::create_model(kNodes, 2);
-  EXPECT_EQ(krx::model_list().size(), 1u);
-  krx::KRXDATA *model = krx::current_model();
-  for (int i = 0; i < kNodes; ++i) ASSERT_EQ(krx::node_position_or_add(model, id_at(i)), i);
-  const double values[6] = {1, 2, 3, 4, 5, 6};
-  for (int i = kNodes; i-- > 0;) ASSERT_EQ(krx::store_node_vector(model, 4, id_at(i), krx::kModalStress, values), 1);
-  for (int i = 0; i < kNodes; ++i) {
-    ASSERT_EQ(krx::node_position(model, id_at(i)), i);
-    ASSERT_EQ(krx::kind_slot(model, krx::kModalStress, id_at(i)), kNodes - 1 - i);
-  }
-  EXPECT_TRUE(krx::node_position(model, 8) == -1 && krx::kind_slot(model, krx::kModalStress, 8) == -1);
-  std::istringstream lines(krxtest::listing(model, 9));
-  std::vector<int> listed, sorted;
-  int id = 0;
-  double mass = 0.0;
-  for (std::string line; std::getline(lines, line);)
-    if (std::sscanf(line.c_str(), "%d\t%le", &id, &mass) == 2) listed.push_back(id);
-  for (int i = 0; i < kNodes; ++i) sorted.push_back(7 + 13 * i);
-  EXPECT_EQ(listed, sorted);
-  EXPECT_EQ(krx::node_position_or_add(model, -5), kNodes);  // a negative identifier like any other
-  krxtest::terminate_model();
 }
 
 }  // namespace

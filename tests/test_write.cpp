@@ -1,13 +1,10 @@
-// The writer through its entries: failure paths (nothing left behind), what a write makes of the
-// path it replaces, the content summary, the closed-form eigenvalues of the example host's chain,
+// The writer through its entries: failure paths (nothing left behind), the blanks of a path,
+// the content summary, the closed-form eigenvalues of the example host's chain,
 // the shortened node set. A disk that fills has its own file.
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 
 #include <cmath>
 #include <filesystem>
-#include <fstream>
-#include <set>
 
 #include "../examples/chain_model.h"
 #include "format/krxread.h"
@@ -67,33 +64,6 @@ TEST_F(WriteTest, FailuresReportOnceAndLeaveNoFileBehind) {
   // Written elsewhere, the read model makes the same file again.
   EXPECT_EQ(write_krx(dir.file("copy.krx")), 0);
   EXPECT_EQ(krxtest::file_bytes(dir.file("copy.krx")).size(), before.size());
-}
-
-// A write puts a whole new file at the path: over a longer earlier file, with the permissions of a
-// plain create, through a symbolic link that stays a link; a device is written, not replaced.
-// Nothing else is left in the directory.
-TEST_F(WriteTest, ReplacesTheFileThePathNamesAndLeavesNothingElse) {
-  namespace fs = std::filesystem;
-  const std::string fresh = dir.file("fresh.krx"), old = dir.file("old.krx"), link = dir.file("link.krx");
-  ASSERT_EQ(write_krx(fresh), 0);
-  const std::vector<char> bytes = krxtest::file_bytes(fresh);
-  std::ofstream(old, std::ios::binary) << std::string(bytes.size() + 1000, 'x');
-  chmod(old.c_str(), 0600);
-  mode_t saved = umask(027);
-  EXPECT_EQ(write_krx(old), 0);
-  umask(saved);
-  EXPECT_EQ(krxtest::file_bytes(old), bytes);
-  EXPECT_EQ(fs::status(old).permissions(), fs::perms(0640));
-  fs::create_symlink("fresh.krx", link);
-  std::ofstream(fresh, std::ios::trunc) << "to be replaced";
-  EXPECT_EQ(write_krx(link), 0);
-  EXPECT_TRUE(fs::is_symlink(link));
-  EXPECT_EQ(krxtest::file_bytes(fresh), bytes);
-  EXPECT_EQ(write_krx("/dev/null"), 0);
-  EXPECT_TRUE(fs::is_character_file("/dev/null"));
-  std::set<std::string> names;
-  for (const auto &entry : fs::directory_iterator(dir.path)) names.insert(entry.path().filename().string());
-  EXPECT_EQ(names, (std::set<std::string>{"fresh.krx", "old.krx", "link.krx"}));
 }
 
 TEST_F(WriteTest, VeloxKeepsTheBlanksOfThePath) {

@@ -64,19 +64,6 @@ TEST_F(LoadPreparation, BothMethodsGiveTheSameResultantsWithoutNodalInertias) {
   }
 }
 
-// The preload is processed once, each load case marked; elastic values are left alone.
-TEST_F(LoadPreparation, ProcessesThePreloadOnceAndMarksEachLoadCase) {
-  for (int r = 0; r < 7; ++r) krx::set_modal_preload(model, r + 1, 0.5 * (r + 1));
-  krx::set_modal_load(model, 0, 7, 3.0);
-  ASSERT_EQ(krx::prepare_loads(model), 1);
-  EXPECT_TRUE(model->preload_applied == 1 && model->load_cases[0].applied == 1);
-  EXPECT_TRUE(model->preload[6] == 3.5 && model->load_cases[0].values[6] == 3.0);
-  const std::vector<double> prepared = model->preload;
-  EXPECT_TRUE(host.has(krx::kWarning, "KRX contains a preload with a rigid body component which is being ignored"));
-  ASSERT_EQ(krx::prepare_loads(model), 1);
-  EXPECT_EQ(model->preload, prepared);
-}
-
 TEST_F(LoadPreparation, WarnsWhenFewerThanSixRigidBodyModesCarryModalLoads) {
   model->eigen[5].hertz = 15.0;
   krx::set_modal_load(model, 0, 1, 1.0);

@@ -72,6 +72,12 @@ void terminate_model() {
   krx::current_model() = nullptr;
 }
 
+void ModelTest::fresh(int nodes, int modes) {
+  terminate_model();
+  create_model(nodes, modes);
+  model = krx::current_model();
+}
+
 TempDir::TempDir() {
   std::string base = std::filesystem::temp_directory_path().string();
   if (const char *tmp = std::getenv("TMP")) base = tmp;

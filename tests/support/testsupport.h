@@ -1,5 +1,7 @@
 // Test support: a host that records every message it is sent, and a fresh current model.
 #pragma once
+#include <gtest/gtest.h>
+
 
 #include <cstdint>
 #include <functional>
@@ -34,6 +36,12 @@ struct RecordingHost {
 void create_model(int nodes, int modes);
 // KRX_TERMINATE when there is a current model, leaving no model behind.
 void terminate_model();
+// A fixture whose model, made by fresh(), is the current one until the test ends.
+struct ModelTest : ::testing::Test {
+  krx::KRXDATA *model = nullptr;
+  void fresh(int nodes, int modes);
+  void TearDown() override { terminate_model(); }
+};
 
 // A fresh directory under the test binary directory, removed at destruction.
 struct TempDir {
