@@ -46,12 +46,13 @@ TEST_F(UnitsTest, MultipliersSelectTheFirstCloseRowAndGiveTheForceFactor) {
   EXPECT_EQ(names_of(model), "POUND_MASS/INCH/SECOND/POUND_FORCE");
 }
 
-// From lbm/in/s/lbf to kg/m/ms/N every ratio differs from 1 and from the others.
+// From lbm/in/s/lbf to t/mm/ms/N every ratio differs from 1 and from the others, and no two
+// factors of either system are equal.
 struct ConversionTest : UnitsTest {
-  const double m = 0.45359237, L = 0.0254, t = 1000.0, F = 4.44822161526;
+  const double m = 0.45359237e-3, L = 25.4, t = 1000.0, F = 4.44822161526;
   void convert() {
     ASSERT_EQ(set("lbm", "in", "s", "lbf"), 1);
-    ASSERT_EQ(set("kg", "m", "ms", "n"), 1);
+    ASSERT_EQ(set("tonne", "mm", "ms", "n"), 1);
   }
 };
 
