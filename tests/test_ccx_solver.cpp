@@ -50,7 +50,7 @@ bool solve(const ccx::Matrices &m, double sigma, int wanted, const std::vector<d
 }
 
 // Four free chains have four rigid-body modes: one mode asked still gets its check past them.
-TEST(OwnSolver, FewerModesWantedThanRigidBodyModes) {
+TEST(CcxSolver, FewerModesWantedThanRigidBodyModes) {
   const int n = 20;
   ccx::Matrices m = chain(n, false, 4);
   std::vector<double> motions(4 * 4 * n, 0.0);
@@ -72,7 +72,7 @@ ccx::Modes leave_out(const ccx::Modes &modes, size_t left_out) {
   return missing;
 }
 
-TEST(OwnSolver, MissedModeCheckCatchesAModeLeftOut) {
+TEST(CcxSolver, MissedModeCheckCatchesAModeLeftOut) {
   ccx::Matrices m = chain(40, true);
   Solved s;
   ASSERT_TRUE(solve(m, -0.01, 8, {}, s));
@@ -110,7 +110,7 @@ TEST(OwnSolver, MissedModeCheckCatchesAModeLeftOut) {
   }
 }
 
-TEST(OwnSolver, RefusesWhatItCannotSolve) {
+TEST(CcxSolver, RefusesWhatItCannotSolve) {
   ccx::Matrices m = chain(8, false);
   struct Case {
     const char *name;
@@ -130,7 +130,7 @@ TEST(OwnSolver, RefusesWhatItCannotSolve) {
   }
 }
 
-TEST(OwnSolver, ResidualCheckFailsAPerturbedMode) {
+TEST(CcxSolver, ResidualCheckFailsAPerturbedMode) {
   ccx::Matrices m = chain(30, true);
   Solved s;
   ASSERT_TRUE(solve(m, -0.01, 4, {}, s));
