@@ -1,5 +1,4 @@
-"""Readers of CalculiX's own output files: the eigenvalue, total-mass and displacement tables of
-the .dat, the result blocks of an ASCII .frd, the eigenvectors of a .eig, and the matrices of a
+"""Readers of CalculiX's own output files: the eigenvalue and displacement tables of the .dat, the result blocks of an ASCII .frd, the eigenvectors of a .eig, and the matrices of a
 SOLVER=MATRIXSTORAGE run."""
 
 import re
@@ -25,18 +24,6 @@ def dat_eigenvalues(path):
             elif inside and values and not line.strip():
                 inside = False
     return np.array(values)
-
-
-def dat_total_effective_mass(path):
-    """The six totals (x, y, z translation, x, y, z rotation) under TOTAL EFFECTIVE MASS."""
-    with open(path) as f:
-        lines = f.readlines()
-    at = max(i for i, line in enumerate(lines) if "T O T A L   E F F E C T I V E" in line)
-    for line in lines[at + 1:]:
-        numbers = _floats(line)
-        if len(numbers) == 6:
-            return np.array(numbers)
-    raise ValueError(f"{path}: no total effective mass")
 
 
 def dat_displacements(path, name):

@@ -6,6 +6,8 @@ import re
 
 import numpy as np
 
+import solids
+
 DENSITY = 7.85e-9
 MATERIAL = "*MATERIAL,NAME=STEEL\n*ELASTIC\n210000,0.3\n*DENSITY\n7.85e-9\n"
 
@@ -132,16 +134,9 @@ def welded_deck():
 
 def boxes(pieces):
     """Mass, centre and inertia about the centre of steel boxes given as (centre, edge lengths)."""
-    masses = [DENSITY * np.prod(size) for _, size in pieces]
-    centres = [np.asarray(c, float) for c, _ in pieces]
-    mass = sum(masses)
-    centre = sum(m * c for m, c in zip(masses, centres)) / mass
-    inertia = 0
-    for m, c, (_, (a, b, h)) in zip(masses, centres, pieces):
-        r = c - centre
-        inertia = inertia + m / 12 * np.diag([b * b + h * h, a * a + h * h, a * a + b * b]) + \
-            m * (r.dot(r) * np.eye(3) - np.outer(r, r))
-    return mass, centre, inertia
+    volume, centre, inertia = solids.combine(
+        [(1, solids.box(np.subtract(c, np.divide(size, 2)), size)) for c, size in pieces])
+    return DENSITY * volume, centre, DENSITY * inertia
 
 
 def expansion(path):

@@ -2,11 +2,8 @@
 solutions of the same mesh with the same rigid bodies: its free-free frequencies, its static
 displacements and stresses of one hole with the other held, its mass matrix, and its frequencies
 of the bracket held at HOLE1 (with and without a point mass at HOLE2) against the body that
-examples/mounted_body (the C read API alone) mounts there; and the C read API against the Python
-reader, block by block, on the same files.
-
-MOUNTED_BODY names the example program, READ_API_DUMP tests/hosts/read_api_dump (CTest passes
-the build's)."""
+examples/mounted_body (MOUNTED_BODY) mounts there; and the C read API (READ_API_DUMP) against the
+Python reader, block by block, on the same files."""
 
 import glob
 import os
@@ -19,7 +16,7 @@ import pytest
 
 import calculix_output as ccx
 import krx
-from conftest import ROOT, Export, calculix, finish, run_tool
+from conftest import ROOT, Export, built_tool, calculix, finish, run_tool
 from test_against_calculix import by_node
 
 BRACKET = "bracket_c3d10"
@@ -151,10 +148,7 @@ def test_modes_are_mass_orthonormal_and_carry_the_mass(exports, reference):
 # ---- the consumer's side: the body mounted at HOLE1 ----
 
 def mounted(path, fixed, mass=None, count=SHOWN):
-    program = os.environ.get("MOUNTED_BODY")
-    if not program or not os.access(program, os.X_OK):
-        pytest.fail(f"MOUNTED_BODY must name the built example (got {program!r})")
-    args = [program, path, "--fix", str(fixed), "--count", str(count)]
+    args = [built_tool("MOUNTED_BODY"), path, "--fix", str(fixed), "--count", str(count)]
     if mass:
         args += ["--mass", str(mass[0]), repr(mass[1])]
     run = subprocess.run(args, capture_output=True, text=True, timeout=60)
@@ -179,10 +173,6 @@ def frequencies(exports):
         finish(run)
         eigenvalues = ccx.dat_eigenvalues(os.path.join(component.keep, job + ".dat"))
         theirs.append(np.sqrt(eigenvalues[:SHOWN]) / (2 * np.pi))
-    for label, a, b in zip(("mounted", "mounted with mass"), ours, theirs):
-        print(f"\n{label}\n mode  mounted_body (Hz)  CalculiX (Hz)  difference")
-        for k, (x, y) in enumerate(zip(a, b), 1):
-            print(f"{k:5d}  {x:17.3f}  {y:13.3f}  {100 * (x / y - 1):+9.4f}%")
     return ours, theirs
 
 
@@ -198,11 +188,8 @@ def test_mounted_frequencies_match_calculix(frequencies, case):
 def c_api_arrays(path, where):
     """Every array of path as tests/hosts/read_api_dump reads it through the C API, under the
     Python reader's names: {name: array}, with the texts as lists of lines."""
-    program = os.environ.get("READ_API_DUMP")
-    if not program or not os.access(program, os.X_OK):
-        pytest.fail(f"READ_API_DUMP must name the built program (got {program!r})")
     os.makedirs(where)
-    run = subprocess.run([program, path, where], capture_output=True, text=True, timeout=60)
+    run = subprocess.run([built_tool("READ_API_DUMP"), path, where], capture_output=True, text=True, timeout=60)
     assert run.returncode == 0, run.stderr
     out = {}
     for name in os.listdir(where):

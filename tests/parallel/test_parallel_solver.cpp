@@ -18,12 +18,6 @@ int rank() {
   return r;
 }
 
-int ranks() {
-  int n = 1;
-  MPI_Comm_size(PETSC_COMM_WORLD, &n);
-  return n;
-}
-
 double chain_eigenvalue(int n, bool held_ends, int k) {
   double s = std::sin(k * M_PI / (held_ends ? 2.0 * (n + 1) : 2.0 * n));
   return 4.0 * s * s;
@@ -57,7 +51,8 @@ struct Problem {
 };
 
 bool read(const std::string &base, int n, const std::vector<int> &held, Problem &p) {
-  int rows = n - static_cast<int>(held.size()), size = ranks(), r = rank();
+  int rows = n - static_cast<int>(held.size()), size = 1, r = rank();
+  MPI_Comm_size(PETSC_COMM_WORLD, &size);
   int count = rows / size + (r < rows % size ? 1 : 0);
   int first = r * (rows / size) + std::min(r, rows % size);
   ccx::RowLayout layout;
@@ -67,18 +62,14 @@ bool read(const std::string &base, int n, const std::vector<int> &held, Problem 
          ccx::make_distributed(p.block, p.d);
 }
 
-// The rows of this rank of a motion given for all rows.
-std::vector<std::vector<double>> local(const Problem &p, const std::vector<double> &all) {
-  return {std::vector<double>(all.begin() + p.block.first,
-                              all.begin() + p.block.first + p.block.count)};
-}
-
 bool solve(Problem &p, double sigma, int wanted, const std::vector<double> &motion,
            ccx::ParallelModes &modes) {
   std::vector<Vec> z;
   std::vector<double> values;
   std::vector<std::vector<double>> mine;
-  if (!motion.empty()) mine = local(p, motion);
+  if (!motion.empty())  // this rank's rows
+    mine = {std::vector<double>(motion.begin() + p.block.first,
+                                motion.begin() + p.block.first + p.block.count)};
   return ccx::rigid_modes(p.d, mine, sigma, z, values) &&
          ccx::lowest_modes_parallel(p.d, sigma, wanted, z, values, nullptr, modes);
 }
