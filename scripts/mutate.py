@@ -138,7 +138,8 @@ def from_results(path, sites):
             moved = [s for s in sites if s[0] == file and s[2] == name and text is not None
                      and text_of(s) == text]
             if not moved:
-                sys.exit(f'{path}: no such mutant in today\'s sources: {fields[1]}')
+                print(f'{path}: no longer in the sources, left out: {fields[1]}')
+                continue
             chosen.append((min(moved, key=lambda s: abs(s[1] - int(number))), killers))
     return chosen
 
