@@ -1,4 +1,5 @@
-"""Readers of CalculiX's own output files: the eigenvalue and displacement tables of the .dat, the result blocks of an ASCII .frd, the eigenvectors of a .eig, and the matrices of a
+"""Readers of CalculiX's own output files: the eigenvalue and displacement tables of the .dat,
+the result blocks of an ASCII .frd, the eigenvectors of a .eig, and the matrices of a
 SOLVER=MATRIXSTORAGE run."""
 
 import re
