@@ -189,7 +189,8 @@ def c_api_arrays(path, where):
     """Every array of path as tests/hosts/read_api_dump reads it through the C API, under the
     Python reader's names: {name: array}, with the texts as lists of lines."""
     os.makedirs(where)
-    run = subprocess.run([built_tool("READ_API_DUMP"), path, where], capture_output=True, text=True, timeout=60)
+    run = subprocess.run([built_tool("READ_API_DUMP"), path, where], capture_output=True,
+                         text=True, timeout=60)
     assert run.returncode == 0, run.stderr
     out = {}
     for name in os.listdir(where):
