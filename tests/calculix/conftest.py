@@ -196,10 +196,13 @@ def export(ccx2krx, deck, tmp_path_factory):
             # CalculiX's path recovers the stresses of its eigenvectors as the own path does, on
             # two threads, so that its file's stresses hold the recovery against CalculiX's .frd
             # (the .frd reader is held against CalculiX's static stresses in
-            # test_component_modes.py).
+            # test_component_modes.py). CalculiX itself stays on one thread: it too reads
+            # OMP_NUM_THREADS, and its threads spin against the other tests'.
             env = None
             if solver == "calculix" and stress:
                 env = {"CCX2KRX_RECOVER_STRESSES": "1", "OMP_NUM_THREADS": "2"}
+                env.update({f"CCX_NPROC_{part}": "1"
+                            for part in ("STIFFNESS", "RESULTS", "EQUATION_SOLVER")})
             run = run_tool(ccx2krx, args, options, env)
             assert run.returncode == 0, f"ccx2krx failed on {name}:\n{run.stderr}"
             calculix_reference(keep, MODES)
