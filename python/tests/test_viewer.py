@@ -182,9 +182,13 @@ def test_title_that_is_markup_is_shown_and_not_run(doms):
 
 def test_animation_moves_and_a_paused_page_holds_still(chromium, pages):
     page = pages["cube"]
-    moving = [screenshot(chromium, page, t) for t in (300, 1200)]
-    assert np.mean(np.any(moving[0] != moving[1], axis=2)) > 0.005
     still = [screenshot(chromium, page, t, "#play=0") for t in (300, 1200)]
     np.testing.assert_array_equal(still[0], still[1])
+    # A playing page's frames follow the wall clock, not the page-time budget: a capture lands at
+    # whatever phase the cycle has reached, now and then the paused page's own (its first frame,
+    # or a whole cycle later). Two captures of one phase are no rarer. When the view moves, one
+    # of three captures differs from the paused page.
+    assert any(np.mean(np.any(screenshot(chromium, page, 300) != still[0], axis=2)) > 0.005
+               for _ in range(3))
     stress = screenshot(chromium, page, 300, "#play=0&colour=stress")
     assert np.mean(np.any(stress != still[0], axis=2)) > 0.01
