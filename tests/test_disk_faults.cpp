@@ -1,4 +1,4 @@
-// Disk and file-system faults: a temporary directory that is missing or not writable, a disk that
+// Disk and file-system faults: a temporary directory that is missing, a disk that
 // fills (a file-size limit in a forked child) while the store lays out a file, while the write
 // makes its orthogonal or shortened mode file or while it writes the output over an earlier one,
 // and an output path in a missing or locked directory or naming a locked file. Each must fail with
