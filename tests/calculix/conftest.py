@@ -10,6 +10,7 @@ import re
 import shutil
 import subprocess
 import sys
+from concurrent.futures import ThreadPoolExecutor
 from dataclasses import dataclass
 
 import pytest
@@ -155,44 +156,44 @@ def run_tool(tool, args, options=None, env=None):
                           timeout=300)
 
 
-def calculix(work, job, text):
-    """Starts CalculiX on the model part that ccx2krx left in work followed by text, as
-    work/job.inp; wait with finish()."""
-    with open(os.path.join(work, job + ".inp"), "w") as f:
-        f.write("*INCLUDE,INPUT=model.inp\n" + text)
-    env = dict(os.environ, OMP_NUM_THREADS="1")
-    return subprocess.Popen([os.environ.get("CCX", "ccx"), "-i", job], cwd=work, env=env,
-                            stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)
+def export_all(ccx2krx, where, jobs):
+    """{label: Export} of the jobs (label, deck, arguments[, options[, environment]]), two at a
+    time, each with its file and work directory (--keep) in where."""
+    def export(label, deck, args, options=None, env=None):
+        out, keep = str(where / f"{label}.krx"), str(where / f"work_{label}")
+        run = run_tool(ccx2krx, [deck, "-o", out, "--keep", keep, *args], options, env)
+        assert run.returncode == 0, f"ccx2krx failed on {label}:\n{run.stderr}"
+        return label, Export(deck, out, keep, run)
+
+    with ThreadPoolExecutor(2) as pool:
+        return dict(pool.map(lambda job: export(*job), jobs))
 
 
-def finish(run):
-    out, _ = run.communicate(timeout=300)
-    assert run.returncode == 0 and "*ERROR" not in out, out[-2000:]
-
-
-def calculix_reference(work, modes):
-    """CalculiX's own solution of the model part in work (what --solver calculix runs), unless
-    the CalculiX path has run it there already: modes.dat, modes.frd (displacements, stresses)
-    and modes.eig (double-precision eigenvectors)."""
-    if not os.path.exists(os.path.join(work, "modes.eig")):
-        finish(calculix(work, "modes", f"*STEP\n*FREQUENCY,STORAGE=YES\n{modes}\n"
-                                      "*NODE FILE\nU\n*EL FILE\nS\n*END STEP\n"))
+def calculix(work, **jobs):
+    """Runs CalculiX on the model part that ccx2krx left in work, followed by each job's text (as
+    work/job.inp), all jobs at once."""
+    runs = []
+    for job, text in jobs.items():
+        with open(os.path.join(work, job + ".inp"), "w") as f:
+            f.write("*INCLUDE,INPUT=model.inp\n" + text)
+        runs.append(subprocess.Popen([os.environ.get("CCX", "ccx"), "-i", job], cwd=work,
+                                     env=dict(os.environ, OMP_NUM_THREADS="1"), text=True,
+                                     stdout=subprocess.PIPE, stderr=subprocess.STDOUT))
+    for run in runs:
+        out, _ = run.communicate(timeout=300)
+        assert run.returncode == 0 and "*ERROR" not in out, out[-2000:]
 
 
 @pytest.fixture(scope="session")
 def export(ccx2krx, deck, tmp_path_factory):
     """export(name, options=None, solver="calculix", stress=True, held=False) -> Export of the
-    model with MODES modes, run once per session for each set of arguments; the work directory
-    holds CalculiX's own solution beside the matrices whichever path solved."""
+    model with MODES modes, run once per session for each set of arguments."""
     done = {}
 
     def get(name, options=None, solver="calculix", stress=True, held=False):
         key = (name, options, solver, stress, held)
         if key not in done:
-            where = tmp_path_factory.mktemp(name)
-            out, keep = str(where / (name + ".krx")), str(where / "work")
-            args = [deck(name, held=held), "-o", out, "--modes", str(MODES), "--keep", keep,
-                    "--solver", solver] + (["--stress"] if stress else [])
+            args = ["--modes", str(MODES), "--solver", solver] + (["--stress"] if stress else [])
             # CalculiX's path recovers the stresses of its eigenvectors as the own path does, on
             # two threads, so that its file's stresses hold the recovery against CalculiX's .frd
             # (the .frd reader is held against CalculiX's static stresses in
@@ -203,10 +204,8 @@ def export(ccx2krx, deck, tmp_path_factory):
                 env = {"CCX2KRX_RECOVER_STRESSES": "1", "OMP_NUM_THREADS": "2"}
                 env.update({f"CCX_NPROC_{part}": "1"
                             for part in ("STIFFNESS", "RESULTS", "EQUATION_SOLVER")})
-            run = run_tool(ccx2krx, args, options, env)
-            assert run.returncode == 0, f"ccx2krx failed on {name}:\n{run.stderr}"
-            calculix_reference(keep, MODES)
-            done[key] = Export(deck(name, held=held), out, keep, run)
+            done[key] = export_all(ccx2krx, tmp_path_factory.mktemp(name),
+                                   [(name, deck(name, held=held), args, options, env)])[name]
         return done[key]
 
     return get

@@ -2,13 +2,18 @@
 readers of what CalculiX writes about its expansion of them (.12d, the expanded nodes of the
 .frd)."""
 
+import gzip
+import os
 import re
 
 import numpy as np
 
 import solids
+from conftest import GEOMETRY
+from make_deck import make_deck
 
 DENSITY = 7.85e-9
+EXAMPLES = "/usr/share/doc/calculix-ccx-test/examples/test"
 MATERIAL = "*MATERIAL,NAME=STEEL\n*ELASTIC\n210000,0.3\n*DENSITY\n7.85e-9\n"
 
 
@@ -27,7 +32,7 @@ def _element_lines(kind, elset, elements):
     return f"*ELEMENT,TYPE={kind},ELSET={elset}\n" + "\n".join(lines) + "\n"
 
 
-def plate(kind, nx, ny, length, width, thickness, fold=None, first=1):
+def plate(kind, nx, ny, length, width, fold=None):
     """An nx x ny grid of shell elements on [0, length] x [0, width] (z = 0); with fold, the part
     beyond x = fold turns up by 90 degrees (x -> fold, z -> x - fold). Returns the nodes (id ->
     xyz) and elements (id -> node ids in CalculiX's order)."""
@@ -42,7 +47,7 @@ def plate(kind, nx, ny, length, width, thickness, fold=None, first=1):
                 x, z = fold, x - fold
             else:
                 z = 0.0
-            grid[i, j] = first + len(grid)
+            grid[i, j] = 1 + len(grid)
             nodes[grid[i, j]] = (x, y, z)
         return grid[i, j]
 
@@ -53,20 +58,20 @@ def plate(kind, nx, ny, length, width, thickness, fold=None, first=1):
             if kind == "S6":  # two triangles, split along the diagonal
                 at = [(i, j), (i + 2, j), (i + 2, j + 2), (i, j + 2)]
                 for a, b, c in ((0, 1, 2), (0, 2, 3)):
-                    elements[first + len(elements)] = [corners[a], corners[b], corners[c]] + [
+                    elements[1 + len(elements)] = [corners[a], corners[b], corners[c]] + [
                         node((at[p][0] + at[q][0]) // 2, (at[p][1] + at[q][1]) // 2)
                         for p, q in ((a, b), (b, c), (c, a))]
                 continue
             if kind.startswith("S8"):
                 corners += [node(i + 1, j), node(i + 2, j + 1), node(i + 1, j + 2), node(i, j + 1)]
-            elements[first + len(elements)] = corners
+            elements[1 + len(elements)] = corners
     return nodes, elements
 
 
 def shell_deck(kind, nx=4, ny=2, length=40.0, width=20.0, thickness=1.0, fold=None, radius=None):
     """A plate deck; with radius, the plate is rolled about an axis along y into a cylindrical
     panel whose arc is the plate's length."""
-    nodes, elements = plate(kind, nx, ny, length, width, thickness, fold)
+    nodes, elements = plate(kind, nx, ny, length, width, fold)
     if radius:
         nodes = {k: (radius * np.sin(x / radius), y, radius * (1 - np.cos(x / radius)))
                  for k, (x, y, z) in nodes.items()}
@@ -125,11 +130,26 @@ def welded_deck():
         xm = (x0 + x1) / 2
         shells[4 + e] = [node(x0, 10, 0), node(x1, 10, 0), node(x1, 10, 10), node(x0, 10, 10),
                          node(xm, 10, 0), node(x1, 10, 5), node(xm, 10, 10), node(x0, 10, 5)]
-    text = ("*HEADING\nshell welded to a block\n" + _node_lines(nodes) +
+    return ("*HEADING\nshell welded to a block\n" + _node_lines(nodes) +
             _element_lines("C3D20", "BLOCK", bricks) + _element_lines("S8", "PLATE", shells) +
             MATERIAL + "*SOLID SECTION,ELSET=BLOCK,MATERIAL=STEEL\n"
             "*SHELL SECTION,ELSET=PLATE,MATERIAL=STEEL\n1.0\n")
-    return text
+
+
+def write_deck(source, path):
+    """Writes the deck at path from source: a function that returns its text, a gmsh geometry
+    (meshed as S8R shells 1.5 thick) or one of CalculiX's examples (gzipped or not)."""
+    if callable(source):
+        text = source()
+    elif source.endswith(".geo"):
+        return make_deck(os.path.join(GEOMETRY, source), path, [("h", 8)], shell=1.5)
+    else:
+        with (gzip.open if source.endswith(".gz") else open)(os.path.join(EXAMPLES, source),
+                                                              "rt") as f:
+            text = f.read()
+    with open(path, "w") as f:
+        f.write(text)
+    return path
 
 
 def boxes(pieces):

@@ -2,22 +2,18 @@
 eigenvalues, its *NODE PRINT of the original nodes, the rotations that its expanded nodes give
 (knots included), and the closed-form mass and inertia."""
 
-import gzip
 import os
-from concurrent.futures import ThreadPoolExecutor
 
 import numpy as np
 import pytest
 
 import calculix_output as ccx
 import structures as st
-from conftest import GEOMETRY, Export, calculix, finish, run_tool
-from make_deck import make_deck
+from conftest import calculix, export_all, run_tool
 from test_against_calculix import (assert_same_up_to_sign, by_node, inertia_about_centre,
                                    separated, surface)
 
 MODES = 12
-EXAMPLES = "/usr/share/doc/calculix-ccx-test/examples/test"
 
 # name: deck text (or CalculiX example), free body, exact (mass, centre, inertia about it) from
 # the steel boxes the model is made of (centre, edge lengths), area of the shell faces.
@@ -59,73 +55,46 @@ OWN = ["s4_plate", "s8r_fold", "b32r_frame", "welded"]
 # CalculiX's table against the Rayleigh quotients of its own eigenvectors over its stored
 # matrices: shellf's first mode differs by 1.1e-5.
 EIGENVALUES = {"shellf": 2e-5}
-
-
-def _write_deck(name, where, stem=None):
-    source = MODELS[name][0]
-    path = os.path.join(where, (stem or name) + ".inp")
-    if callable(source):
-        text = source()
-    elif source.endswith(".geo"):
-        return make_deck(os.path.join(GEOMETRY, source), path, [("h", 8)], shell=1.5)
-    else:
-        opener = gzip.open if source.endswith(".gz") else open
-        with opener(os.path.join(EXAMPLES, source), "rt") as f:
-            text = f.read()
-    with open(path, "w") as f:
-        f.write(text)
-    return path
-
-
-def _print_job(work, node_ids):
-    """CalculiX's *NODE PRINT of the original nodes for the same modes, as print.dat."""
-    ids = "".join(f"{n},\n" for n in node_ids)
-    finish(calculix(work, "print", f"*NSET,NSET=PRINTALL\n{ids}*STEP\n*FREQUENCY\n{MODES}\n"
-                                   "*NODE PRINT,NSET=PRINTALL\nU\n*END STEP\n"))
+# The fold and the frame's bend against the same meshes unbent.
+UNBENT = {"s8r_fold": "s8r_plate", "b32r_frame": "b32r_line"}
 
 
 @pytest.fixture(scope="module")
 def exports(ccx2krx, tmp_path_factory):
+    """Every model, with CalculiX's *NODE PRINT of its original nodes for the same modes (as
+    print.dat); the S8 plate with the stresses of its top surface and of its mid-surface, the B31
+    beam with those of its section corner, and the models that the own solver takes. Each run has
+    a deck of its own: they run two at once."""
     where = tmp_path_factory.mktemp("structures")
-
-    def export(label, name, options=()):
-        deck = _write_deck(name, str(where), label)  # each run its own deck: they run at once
-        out, keep = str(where / f"{label}.krx"), str(where / f"work_{label}")
-        run = run_tool(ccx2krx, [deck, "-o", out, "--modes", str(MODES), "--keep", keep, *options])
-        assert run.returncode == 0, f"{label}: {run.stderr}"
-        e = Export(deck, out, keep, run)
-        if label == name:
-            _print_job(keep, e.read().node_ids)
-        return label, e
-
-    # The S8 plate with the stresses of its top surface and of its mid-surface, the B31 beam
-    # with those of its section corner, and the models that the own solver takes.
     jobs = [(name, name, ["--stress"] if name in ("s8_plate", "b31_beam") else [])
             for name in MODELS]
     jobs.append(("s8_plate_mid", "s8_plate", ["--stress", "--shell-surface", "mid"]))
     jobs += [(name + "_own", name, ["--solver", "own"]) for name in OWN]
-    with ThreadPoolExecutor(2) as pool:
-        return dict(pool.map(lambda job: export(*job), jobs))
+    exports = export_all(ccx2krx, where, [
+        (label, st.write_deck(MODELS[name][0], str(where / f"{label}.inp")),
+         ["--modes", str(MODES), *args]) for label, name, args in jobs])
+    for name in MODELS:
+        ids = "".join(f"{n},\n" for n in exports[name].read().node_ids)
+        calculix(exports[name].keep, print=f"*NSET,NSET=PRINTALL\n{ids}*STEP\n*FREQUENCY\n"
+                                           f"{MODES}\n*NODE PRINT,NSET=PRINTALL\nU\n*END STEP\n")
+    return exports
 
 
-names = pytest.mark.parametrize("name", list(MODELS))
-
-
-def rigid(name):
-    """The rigid-body modes of the model: six of a free body, none of a held one."""
-    return 6 if MODELS[name][1] else 0
-
-
-@names
+@pytest.mark.parametrize("name", list(MODELS))
 def test_eigenvalues_and_translations_are_calculix_own(exports, name):
+    """CalculiX's eigenvalues and translations; and its eigenvalues from the own solver on
+    CalculiX's expanded matrices (its six rigid-body modes deflated from the expanded rows' rigid
+    motions), with the same masses."""
     e = exports[name]
     f = e.read()
     theirs = ccx.dat_eigenvalues(os.path.join(e.keep, "modes.dat"))
-    first = rigid(name)
-    np.testing.assert_allclose(f.eigenvalues[first:], theirs[first:],
-                               rtol=EIGENVALUES.get(name, 1e-5))
-    if first:
-        assert np.all(np.abs(f.eigenvalues[:6]) < 1e-5 * theirs[6])
+    first = 6 * MODELS[name][1]  # the rigid-body modes of a free body
+    for g in [f] + ([exports[name + "_own"].read()] if name in OWN else []):
+        np.testing.assert_allclose(g.eigenvalues[first:], theirs[first:],
+                                   rtol=EIGENVALUES.get(name, 1e-5))
+        if first:
+            assert np.all(np.abs(g.eigenvalues[:6]) < 1e-5 * theirs[6])
+        np.testing.assert_array_equal(g.masses, f.masses)
     tables = ccx.dat_displacements(os.path.join(e.keep, "print.dat"), "PRINTALL")
     assert len(tables) == len(theirs)
     ids = np.sort(f.node_ids)
@@ -152,24 +121,20 @@ def rotations_from_expansion(e):
         n = len(originals)
         if n in (2, 3) and len(expanded) in (11, 20):
             # Beams: corners of the section at the element's first and last node.
-            for k, slots in {0: [0, 3, 4, 7], n - 1: [1, 2, 5, 6]}.items():
-                rows.setdefault(originals[k], []).append(("beam", [expanded[s] for s in slots]))
-        else:
+            slots = {0: [0, 3, 4, 7], n - 1: [1, 2, 5, 6]}
+        else:  # shells: the bottom and top node of each corner
             corners = 4 if n in (4, 8) else 3
-            for k in range(corners):
-                rows.setdefault(originals[k], []).append(
-                    ("shell", [expanded[k], expanded[k + corners]]))
+            slots = {k: [k, k + corners] for k in range(corners)}
+        for k, at in slots.items():
+            rows.setdefault(originals[k], []).append([expanded[s] for s in at])
     out = {node: [] for node in rows}
     for mode in sorted(disp):
         u = dict(zip(*disp[mode]))
         for node, entries in rows.items():
             found = []
-            for kind, ex in entries:
-                if any(x not in u for x in ex):
-                    continue
-                p = np.array([xyz[x] for x in ex])
-                v = np.array([u[x] for x in ex])
-                if kind == "shell":
+            for ex in (ex for ex in entries if all(x in u for x in ex)):
+                p, v = np.array([xyz[x] for x in ex]), np.array([u[x] for x in ex])
+                if len(ex) == 2:
                     d = p[1] - p[0]
                     found.append((d / np.linalg.norm(d), np.cross(d, v[1] - v[0]) / d.dot(d)))
                 else:
@@ -191,7 +156,8 @@ def test_rotations_are_those_of_the_expanded_nodes(exports, name):
     expanded, knots = rotations_from_expansion(e)
     if name in ("s8r_fold", "b32r_frame", "sheet"):
         assert knots, f"{name}: CalculiX made no knot"
-    for k in separated(f.eigenvalues, rigid(name), 0.05):
+    size = np.ptp(f.coords, axis=0).max()
+    for k in separated(f.eigenvalues, 6 * MODELS[name][1], 0.05):
         ours = by_node(f.mode_shape_node_ids, shapes[k], np.array(sorted(expanded)))[:, 3:]
         theirs, mine = [], []
         for at, node in enumerate(sorted(expanded)):
@@ -201,26 +167,21 @@ def test_rotations_are_those_of_the_expanded_nodes(exports, name):
                 mine.append(plane @ ours[at])
         # The .frd's five digits of each expanded translation; a mode that bends no shell has
         # only round-off to compare.
-        size = np.ptp(f.coords, axis=0).max()
         if np.abs(theirs).max() * size < 1e-6 * np.abs(shapes[k][:, :3]).max():
             continue
         assert_same_up_to_sign(np.array(mine), np.array(theirs), f"{name} rotations of {k + 1}")
 
 
-def test_own_solver_takes_the_expanded_model(exports):
-    """The own solver on CalculiX's expanded matrices: CalculiX's eigenvalues, its six rigid-body
-    modes deflated from the expanded rows' rigid motions, the same masses."""
-    for name in OWN:
-        ours = exports[name + "_own"].read()
-        theirs = ccx.dat_eigenvalues(os.path.join(exports[name].keep, "modes.dat"))
-        np.testing.assert_allclose(ours.eigenvalues[6:], theirs[6:], rtol=1e-5, err_msg=name)
-        assert np.all(np.abs(ours.eigenvalues[:6]) < 1e-5 * theirs[6]), name
-        np.testing.assert_array_equal(ours.masses, exports[name].read().masses)
-
-
 @pytest.mark.parametrize("name", [n for n, m in MODELS.items() if m[2:] != (None, None)])
 def test_mass_inertia_and_shell_area_against_closed_forms(exports, name):
+    """The closed forms; and an element's mass diagonal does not change when it turns: the knots
+    at the fold and at the frame's bend, whose rows CalculiX condenses, take the masses that the
+    same mesh gives its nodes unbent, node by node."""
     f = exports[name].read()
+    if name in UNBENT:
+        unbent = exports[UNBENT[name]].read()
+        assert np.array_equal(f.node_ids, unbent.node_ids)
+        np.testing.assert_allclose(f.masses, unbent.masses, rtol=1e-12)
     exact, area = MODELS[name][2:]
     if exact is not None:
         mass, centre, inertia = exact
@@ -238,48 +199,28 @@ def test_mass_inertia_and_shell_area_against_closed_forms(exports, name):
         assert shell_area == pytest.approx(area, rel=1e-7)  # shellf's corner lies at -7.45e-9
 
 
-@pytest.mark.parametrize("bent, straight",
-                         [("s8r_fold", "s8r_plate"), ("b32r_frame", "b32r_line")])
-def test_knots_take_the_masses_of_the_unbent_mesh(exports, bent, straight):
-    """An element's mass diagonal does not change when it turns: the knots at the fold and at
-    the frame's bend, whose rows CalculiX condenses, take the masses that the same mesh gives
-    its nodes unbent, node by node."""
-    ours, theirs = exports[bent].read(), exports[straight].read()
-    assert np.array_equal(ours.node_ids, theirs.node_ids)
-    np.testing.assert_allclose(ours.masses, theirs.masses, rtol=1e-12)
-
-
-def stresses_at(e, offset):
-    """CalculiX's stresses of each mode at the expanded node that lies at offset from each
-    original node (found by its coordinates in the .frd): {mode: (original ids, values)}."""
-    f = e.read()
-    xyz = st.frd_nodes(os.path.join(e.keep, "modes.frd"))
-    ids = np.array(sorted(xyz))
-    points = np.array([xyz[i] for i in ids])
-    wanted = f.coords[f.node_positions(f.node_ids)] + offset
-    nearest = ids[np.argmin(np.linalg.norm(points[None] - wanted[:, None], axis=2), axis=1)]
-    out = {}
-    for mode, (their_ids, values) in ccx.frd_results(os.path.join(e.keep, "modes.frd"),
-                                                     "STRESS").items():
-        out[mode] = by_node(their_ids, values[:, [0, 1, 2, 3, 5, 4]], nearest)
-    return f.node_ids, out
-
-
 def test_stresses_at_the_chosen_surface_and_fibre(exports):
-    top, mid, beam = (exports[label] for label in ("s8_plate", "s8_plate_mid", "b31_beam"))
-    # The plate's normal is +z, its thickness 1; the beam's section axes are z (4) and -y (2).
-    checks = [(top, [(np.array([0, 0, 0.5]), 1.0)]),
-              (mid, [(np.array([0, 0, 0.5]), 0.5), (np.array([0, 0, -0.5]), 0.5)]),
-              (beam, [(np.array([0, -1.0, 2.0]), 1.0)])]
-    for e, parts in checks:
+    """The file's stresses against CalculiX's at the expanded nodes that lie at an offset from
+    the original ones (found by their coordinates in the .frd), weighted. The plate's normal is
+    +z, its thickness 1; the beam's section axes are z (4) and -y (2)."""
+    for label, parts in [("s8_plate", [((0, 0, 0.5), 1.0)]),
+                         ("s8_plate_mid", [((0, 0, 0.5), 0.5), ((0, 0, -0.5), 0.5)]),
+                         ("b31_beam", [((0, -1.0, 2.0), 1.0)])]:
+        e = exports[label]
         f = e.read()
         ids, modal = f.stress
+        xyz = st.frd_nodes(os.path.join(e.keep, "modes.frd"))
+        expanded = np.array(sorted(xyz))
+        points = np.array([xyz[i] for i in expanded])
+        nearest = [expanded[np.argmin(np.linalg.norm(
+            points[None] - (f.coords[f.node_positions(ids)] + offset)[:, None], axis=2), axis=1)]
+            for offset, _ in parts]
+        stress = ccx.frd_results(os.path.join(e.keep, "modes.frd"), "STRESS")
         for k in separated(f.eigenvalues):
-            theirs = 0.0
-            for offset, weight in parts:
-                node_ids, at = stresses_at(e, offset)
-                theirs = theirs + weight * by_node(node_ids, at[k + 1], ids)
-            assert_same_up_to_sign(np.asarray(modal[k]), theirs, f"{e.out} stress {k + 1}")
+            their_ids, values = stress[k + 1]
+            theirs = sum(weight * by_node(their_ids, values[:, [0, 1, 2, 3, 5, 4]], at)
+                         for (_, weight), at in zip(parts, nearest))
+            assert_same_up_to_sign(np.asarray(modal[k]), theirs, f"{label} stress {k + 1}")
 
 
 @pytest.mark.parametrize("change, options, message", [
