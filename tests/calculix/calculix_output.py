@@ -44,7 +44,8 @@ def dat_displacements(path, name):
 
 def frd_results(path, name):
     """{mode: (node ids, values)} of the result blocks called name (DISP, STRESS) in an ASCII
-    .frd; values has one row per node and one column per component."""
+    .frd; values has one row per node and one column per component. CalculiX writes stresses xx
+    yy zz xy yz zx: they come in the order of our files, xx yy zz xy xz yz."""
     out, mode, rows = {}, None, None
     with open(path) as f:
         for line in f:
@@ -57,8 +58,9 @@ def frd_results(path, name):
                 rows.append((int(line[3:13]),
                              [float(rest[i:i + 12]) for i in range(0, len(rest), 12)]))
             elif rows is not None and line.startswith(" -3"):
-                ids = np.array([r[0] for r in rows])
-                out[mode] = (ids, np.array([r[1] for r in rows]))
+                values = np.array([r[1] for r in rows])
+                out[mode] = (np.array([r[0] for r in rows]),
+                             values[:, [0, 1, 2, 3, 5, 4]] if name == "STRESS" else values)
                 rows = None
     return out
 
@@ -77,14 +79,12 @@ def deck_nodes(path):
 
 
 def eig_vectors(path, rows):
-    """The eigenvalues and the double-precision eigenvectors (rows x modes) of a .eig file
-    (*FREQUENCY, STORAGE=YES): four integers, the eigenvalues, the matrices, then the vectors,
-    found from the end of the file."""
+    """The double-precision eigenvectors (rows x modes) of a .eig file (*FREQUENCY,
+    STORAGE=YES): four integers, the eigenvalues, the matrices, then the vectors, found from the
+    end of the file."""
     data = open(path, "rb").read()
     modes = int(np.frombuffer(data[:16], dtype=np.int32)[3])
-    values = np.frombuffer(data[16:16 + 8 * modes], dtype=np.float64)
-    vectors = np.frombuffer(data[len(data) - 8 * rows * modes:], dtype=np.float64)
-    return values, vectors.reshape(modes, rows).T
+    return np.frombuffer(data[len(data) - 8 * rows * modes:]).reshape(modes, rows).T
 
 
 def stored_matrices(prefix):

@@ -186,14 +186,15 @@ def calculix(work, **jobs):
 
 @pytest.fixture(scope="session")
 def export(ccx2krx, deck, tmp_path_factory):
-    """export(name, options=None, solver="calculix", stress=True, held=False) -> Export of the
-    model with MODES modes, run once per session for each set of arguments."""
+    """export(name, options=None, solver="calculix", stress=True, held=False, interfaces=()) ->
+    Export of the model with MODES modes, run once per session for each set of arguments."""
     done = {}
 
-    def get(name, options=None, solver="calculix", stress=True, held=False):
-        key = (name, options, solver, stress, held)
+    def get(name, options=None, solver="calculix", stress=True, held=False, interfaces=()):
+        key = (name, options, solver, stress, held, interfaces)
         if key not in done:
             args = ["--modes", str(MODES), "--solver", solver] + (["--stress"] if stress else [])
+            args += [a for point in interfaces for a in ("--interface", point)]
             # CalculiX's path recovers the stresses of its eigenvectors as the own path does, on
             # two threads, so that its file's stresses hold the recovery against CalculiX's .frd
             # (the .frd reader is held against CalculiX's static stresses in
