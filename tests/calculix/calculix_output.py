@@ -43,16 +43,17 @@ def dat_displacements(path, name):
 
 
 def frd_results(path, name):
-    """{mode: (node ids, values)} of the result blocks called name (DISP, STRESS) in an ASCII
-    .frd; values has one row per node and one column per component. CalculiX writes stresses xx
-    yy zz xy yz zx: they come in the order of our files, xx yy zz xy xz yz."""
+    """{mode: (node ids, values)} of the result blocks called name (DISP, STRESS, or NODES for
+    the coordinates, under None) in an ASCII .frd; values has one row per node and one column per
+    component. CalculiX writes stresses xx yy zz xy yz zx: they come in our files' order, xx yy
+    zz xy xz yz."""
     out, mode, rows = {}, None, None
     with open(path) as f:
         for line in f:
             if line.startswith("    1PMODE"):
                 mode = int(line.split()[-1])
-            elif line.startswith(" -4  "):
-                rows = [] if line.split()[1] == name else None
+            elif line.startswith((" -4  ", "    2C")):
+                rows = [] if ("NODES" if line[4] == "2" else line.split()[1]) == name else None
             elif rows is not None and line.startswith(" -1"):
                 rest = line[13:].rstrip("\n")
                 rows.append((int(line[3:13]),

@@ -4,7 +4,6 @@ session) and the exports of each mesh by ccx2krx (run once per session and set o
 CCX2KRX and KRXDUMP name the tools (CTest passes the build's); ccx and gmsh must be on PATH (or
 named by CCX and GMSH): a machine without them fails these tests rather than skipping them."""
 
-import itertools
 import os
 import re
 import shutil
@@ -73,27 +72,22 @@ def krxdump():
 
 
 def derive_deck(path, derived_path, old, new):
-    """A copy of the deck with its elements of type old made of type new, with as many of their
-    nodes as new takes; or, old being the material, with the second half of its elements made of
-    material new (aluminium, with a density of its own)."""
+    """A copy of the deck (one *ELEMENT block) with its elements of type old made of type new,
+    with as many of their nodes as new takes; or, old being the material, with the second half
+    of its elements made of material new (aluminium, with a density of its own)."""
     with open(path) as f:
         text = f.read()
+    start = text.index("*ELEMENT")
+    end = text.index("\n*", start) + 1
+    block = text[start:end]
     if old.startswith("C3D"):
-        keep = {"C3D4": 5}.get(new)  # the id and the corners
-        out, inside = [], False
-        for line in text.splitlines(keepends=True):
-            if line.startswith("*"):
-                inside = line.upper().startswith("*ELEMENT")
-                line = line.replace(f"TYPE={old},", f"TYPE={new},")
-            elif inside and keep and line.strip():
-                line = ",".join(line.split(",")[:keep]) + "\n"
-            out.append(line)
-        text = "".join(out)
+        block = block.replace(f"TYPE={old},", f"TYPE={new},")
+        if new == "C3D4":  # the id and the corners of each element, one to a line
+            block = re.sub(r"^(\d+(?:,\s*\d+){4}),.*$", r"\1", block, flags=re.M)
+        text = text[:start] + block + text[end:]
     else:
-        head, *lines = text.split("*ELEMENT")[1].splitlines()
-        numbers = [v.strip() for line in itertools.takewhile(lambda x: not x.startswith("*"), lines)
-                   for v in line.split(",") if v.strip()]
-        ids = numbers[::1 + int(re.search(r"C3D(\d+)", head).group(1))]  # the id, then the nodes
+        numbers = re.findall(r"\d+", block.split("\n", 1)[1])
+        ids = numbers[::1 + int(re.search(r"C3D(\d+)", block).group(1))]  # the id, then the nodes
         half = len(ids) // 2
         section = f"*SOLID SECTION, ELSET=SOLID, MATERIAL={old}\n"
         assert section in text

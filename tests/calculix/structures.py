@@ -1,6 +1,6 @@
-"""Small shell, beam and mixed decks written node by node, with their exact mass properties, and
-readers of what CalculiX writes about its expansion of them (.12d, the expanded nodes of the
-.frd)."""
+"""Small shell, beam and mixed decks written node by node, with their exact mass properties; the
+writer of the decks of the shell and beam tests; and a reader of what CalculiX writes about its
+expansion of them (.12d)."""
 
 import gzip
 import os
@@ -170,18 +170,3 @@ def expansion(path):
         elements[int(m.group(1))] = ([int(v) for v in m.group(2).split()],
                                      [int(v) for v in m.group(3).split()])
     return elements, sorted(set(knots))
-
-
-def frd_nodes(path):
-    """{node id: xyz} of the first node block of an ASCII .frd."""
-    nodes, inside = {}, False
-    with open(path) as f:
-        for line in f:
-            if line.startswith("    2C"):
-                inside = True
-            elif inside and line.startswith(" -1"):
-                rest = line[13:].rstrip("\n")
-                nodes[int(line[3:13])] = np.array([float(rest[i:i + 12]) for i in (0, 12, 24)])
-            elif inside and line.startswith(" -3"):
-                break
-    return nodes

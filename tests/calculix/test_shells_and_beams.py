@@ -132,7 +132,7 @@ def test_rotations_are_those_of_the_expanded_nodes(exports, name):
             corners = 4 if n in (4, 8) else 3
             slots = {k: [k, k + corners] for k in range(corners)}
         groups += [(originals[k], [expanded[s] for s in at]) for k, at in slots.items()]
-    xyz = st.frd_nodes(os.path.join(e.keep, "modes.frd"))
+    xyz = dict(zip(*ccx.frd_results(os.path.join(e.keep, "modes.frd"), "NODES")[None]))
     disp = ccx.frd_results(os.path.join(e.keep, "modes.frd"), "DISP")
     shapes = np.asarray(f.mode_shapes)
     size = np.ptp(f.coords, axis=0).max()
@@ -198,9 +198,7 @@ def test_stresses_at_the_chosen_surface_and_fibre(exports):
         e = exports[label]
         f = e.read()
         ids, modal = f.stress
-        xyz = st.frd_nodes(os.path.join(e.keep, "modes.frd"))
-        expanded = np.array(sorted(xyz))
-        points = np.array([xyz[i] for i in expanded])
+        expanded, points = ccx.frd_results(os.path.join(e.keep, "modes.frd"), "NODES")[None]
         nearest = [expanded[np.argmin(np.linalg.norm(
             points[None] - (f.coords[f.node_positions(ids)] + offset)[:, None], axis=2), axis=1)]
             for offset, _ in parts]
