@@ -19,6 +19,7 @@ ROOT = os.path.dirname(os.path.dirname(HERE))
 GEOMETRY = os.path.join(ROOT, "hosts", "calculix", "geometry")
 sys.path[:0] = [os.path.join(ROOT, "python"), GEOMETRY, HERE]
 
+import calculix_output  # noqa: E402
 import krx  # noqa: E402
 from make_deck import make_deck  # noqa: E402
 
@@ -45,7 +46,6 @@ class Export:
     deck: str       # the CalculiX deck handed to ccx2krx
     out: str        # the KRX file
     keep: str       # CalculiX's work directory (--keep)
-    run: subprocess.CompletedProcess
 
     def read(self):
         return krx.read(self.out)
@@ -71,8 +71,8 @@ def krxdump():
     return built_tool("KRXDUMP")
 
 
-def derive_deck(path, derived_path, old, new):
-    """A copy of the deck (one *ELEMENT block) with its elements of type old made of type new,
+def derive_deck(path, old, new):
+    """The text of the deck (one *ELEMENT block) with its elements of type old made of type new,
     with as many of their nodes as new takes; or, old being the material, with the second half
     of its elements made of material new (aluminium, with a density of its own)."""
     with open(path) as f:
@@ -96,23 +96,17 @@ def derive_deck(path, derived_path, old, new):
             f"*SOLID SECTION, ELSET={name}, MATERIAL={material}\n"
             for name, part, material in (("FIRST", ids[:half], old), ("OTHER", ids[half:], new))))
         text += f"*MATERIAL, NAME={new}\n*ELASTIC\n70000, 0.34\n*DENSITY\n2.7e-9\n"
-    with open(derived_path, "w") as f:
-        f.write(text)
-    return derived_path
+    return text
 
 
-def hold_lowest_face(path, held_path):
-    """A copy of the deck whose nodes at the lowest x are held by *BOUNDARY (all three
+def hold_lowest_face(path):
+    """The text of the deck with its nodes at the lowest x held by *BOUNDARY (all three
     translations)."""
-    import calculix_output
     ids, xyz = calculix_output.deck_nodes(path)
     face = ids[xyz[:, 0] < xyz[:, 0].min() + 1e-6]
     with open(path) as f:
-        text = f.read()
-    lines = ",\n".join(",".join(str(i) for i in face[k:k + 12]) for k in range(0, len(face), 12))
-    with open(held_path, "w") as f:
-        f.write(text + "*NSET,NSET=HELDFACE\n" + lines + "\n*BOUNDARY\nHELDFACE,1,3\n")
-    return held_path
+        return (f.read() + "*NSET,NSET=HELDFACE\n" + "".join(f"{i},\n" for i in face) +
+                "*BOUNDARY\nHELDFACE,1,3\n")
 
 
 @pytest.fixture(scope="session")
@@ -125,16 +119,16 @@ def deck(tmp_path_factory):
     def get(name, density=True, held=False):
         key = (name, density, held)
         if key not in made:
-            if held:
-                made[key] = hold_lowest_face(get(name), str(where / (name + "_held.inp")))
-                return made[key]
-            if name in DERIVED:
-                source, old, new = DERIVED[name]
-                made[key] = derive_deck(get(source), str(where / (name + ".inp")), old, new)
-                return made[key]
-            geometry, numbers, _ = MODELS[name]
-            path = str(where / (name + ("" if density else "_no_density") + ".inp"))
-            made[key] = make_deck(os.path.join(GEOMETRY, geometry), path, numbers.items(), density)
+            path = str(where / (name + "_no_density" * (not density) + "_held" * held + ".inp"))
+            if held or name in DERIVED:
+                text = (hold_lowest_face(get(name)) if held else
+                        derive_deck(get(DERIVED[name][0]), *DERIVED[name][1:]))
+                with open(path, "w") as f:
+                    f.write(text)
+            else:
+                geometry, numbers, _ = MODELS[name]
+                make_deck(os.path.join(GEOMETRY, geometry), path, numbers.items(), density)
+            made[key] = path
         return made[key]
 
     return get
@@ -157,7 +151,7 @@ def export_all(ccx2krx, where, jobs):
         out, keep = str(where / f"{label}.krx"), str(where / f"work_{label}")
         run = run_tool(ccx2krx, [deck, "-o", out, "--keep", keep, *args], options, env)
         assert run.returncode == 0, f"ccx2krx failed on {label}:\n{run.stderr}"
-        return label, Export(deck, out, keep, run)
+        return label, Export(deck, out, keep)
 
     with ThreadPoolExecutor(2) as pool:
         return dict(pool.map(lambda job: export(*job), jobs))

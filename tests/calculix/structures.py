@@ -105,8 +105,7 @@ def welded_deck():
     """Two C3D20 bricks [0,10] x [0,20] x [0,10], split at y = 10, and an S8 plate of 4 x 1
     elements in the plane y = 10 from x = 0 to 40 whose first element is the bricks' common face:
     CalculiX ties a shell to a solid node by node, which along an edge alone is a hinge."""
-    nodes, bricks = {}, {}
-    at = {}
+    nodes, at, bricks, shells = {}, {}, {}, {}
 
     def node(x, y, z):
         key = (round(x, 9), round(y, 9), round(z, 9))
@@ -115,16 +114,13 @@ def welded_deck():
             nodes[at[key]] = (float(x), float(y), float(z))
         return at[key]
 
+    # A brick's corners, bottom then top, and its twelve edges, in CalculiX's order.
+    corners = [(x, y, z) for z in (0, 10) for x, y in ((0, 0), (10, 0), (10, 10), (0, 10))]
+    edges = [(k, (k + 1) % 4 + 4 * (k // 4)) for k in range(8)] + [(k, k + 4) for k in range(4)]
     for k, y0 in enumerate((0.0, 10.0)):
-        c = [(0, 0, 0), (10, 0, 0), (10, 10, 0), (0, 10, 0),
-             (0, 0, 10), (10, 0, 10), (10, 10, 10), (0, 10, 10)]
-        corner = [node(x, y0 + y, z) for x, y, z in c]
-        pairs = [(0, 1), (1, 2), (2, 3), (3, 0), (4, 5), (5, 6), (6, 7), (7, 4),
-                 (0, 4), (1, 5), (2, 6), (3, 7)]
-        mid = [node(*((np.array(nodes[corner[a]]) + np.array(nodes[corner[b]])) / 2))
-               for a, b in pairs]
-        bricks[k + 1] = corner + mid
-    shells = {}
+        corner = [node(x, y0 + y, z) for x, y, z in corners]
+        bricks[k + 1] = corner + [node(*(np.add(nodes[corner[a]], nodes[corner[b]]) / 2))
+                                  for a, b in edges]
     for e in range(-1, 3):
         x0, x1 = 10.0 + 10 * e, 20.0 + 10 * e
         xm = (x0 + x1) / 2

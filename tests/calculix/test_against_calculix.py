@@ -17,14 +17,12 @@ import solids
 from conftest import DERIVED, MODELS, MODES, run_tool
 
 DENSITY = 7.85e-9
-EXACT = {"bracket": solids.BRACKET, "bar": solids.BAR, "wedge": solids.WEDGE}
-# Outer surface areas: the bracket's L profile (area 775, perimeter 320) 40 deep; each bolt hole
-# removes two discs of radius 5 from the plate's faces and adds a wall of the same area.
-SURFACE = {"bracket": 2 * 775 + 320 * 40, "bar": 2 * (24 * 16 + 200 * 24 + 200 * 16),
-           "wedge": 2 * 900 + 80 * (90 + math.hypot(60, 30))}
-
-def shape(name):
-    return name.split("_")[0]
+# Each shape's exact volume, centre and inertia, and its outer surface area: the bracket's L
+# profile (area 775, perimeter 320) 40 deep; each bolt hole removes two discs of radius 5 from
+# the plate's faces and adds a wall of the same area.
+EXACT = {"bracket": (solids.BRACKET, 2 * 775 + 320 * 40),
+         "bar": (solids.BAR, 2 * (24 * 16 + 200 * 24 + 200 * 16)),
+         "wedge": (solids.WEDGE, 2 * 900 + 80 * (90 + math.hypot(60, 30)))}
 
 
 def separated(eigenvalues, first=6, gap=0.01):
@@ -90,7 +88,8 @@ def test_eigenvalues_mass_and_faces(export, name):
     body = f.global_body_props
     mass = body["mass"]
     assert np.all(f.masses > 0), "a node without mass, or a negative one"
-    volume, centre, inertia = EXACT[shape(name)]
+    shape = name.split("_")[0]
+    (volume, centre, inertia), outer = EXACT[shape]
     assert mass == pytest.approx(DENSITY * volume, rel=MODELS[name][2])
     size = float(np.linalg.norm(np.ptp(f.coords, axis=0)))
     assert np.linalg.norm(body["centre"] - centre) < 1e-3 * size
@@ -98,11 +97,11 @@ def test_eigenvalues_mass_and_faces(export, name):
     assert np.max(np.abs(inertia_about_centre(body) - exact)) < 0.01 * np.max(np.abs(exact))
     # Plane faces are covered exactly; the tetrahedra only approach the hole walls.
     area, enclosed = surface(f)
-    rel = 1e-9 if shape(name) != "bracket" else 1e-2
-    assert area == pytest.approx(SURFACE[shape(name)], rel=rel)
+    rel = 1e-9 if shape != "bracket" else 1e-2
+    assert area == pytest.approx(outer, rel=rel)
     assert enclosed == pytest.approx(volume, rel=rel)
     header = f.header  # title from *HEADING, the deck's file name
-    assert header["title"].startswith(shape(name) + " meshed by gmsh")
+    assert header["title"].startswith(shape + " meshed by gmsh")
     assert header["input_name"] == os.path.basename(e.deck)
     assert "calculix" in header["input_type"].lower()
 

@@ -57,12 +57,10 @@ def exports(ccx2krx, deck, tmp_path_factory):
 
 @pytest.fixture(scope="module")
 def reference(exports):
-    """CalculiX on the tool's own model part (mesh and rigid bodies): its free-free modes
-    (free.dat); HOLE1 held with a unit force along z, then a unit moment about y, on HOLE2
-    (static.dat, and the stresses in static.frd, where the last step's are the moment's); its
-    lowest modes held at HOLE1 (held.dat), and held with a point mass of half the bracket's mass
-    at HOLE2's reference node (held_mass.dat). Returns the points, the work directory and the
-    point mass (node, mass)."""
+    """CalculiX on the tool's own model part (mesh and rigid bodies): free-free modes; the static
+    job, a force along z and a moment about y (stresses in static.frd, the last step's the
+    moment's); modes held at HOLE1, without and with a point mass of half the bracket's mass at
+    HOLE2's reference node. Returns the points, the work directory and the mass (node, mass)."""
     work = exports["own"].keep
     points = interface_points(work)
     jobs = interface_jobs(points, 3, 5, "*NODE PRINT,NSET=CCX2KRXIF\nU\n*EL FILE\nS\n", SHOWN)

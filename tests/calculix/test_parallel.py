@@ -24,23 +24,16 @@ def mpirun(*args):
                           env=environment, timeout=300)
 
 
-def clusters(values, gap=1e-6):
-    """Groups of mode indices whose eigenvalues agree to gap relative to the largest one."""
-    scale = np.max(np.abs(values))
-    groups = [[0]]
-    for k in range(1, len(values)):
-        if abs(values[k] - values[k - 1]) > gap * scale:
-            groups.append([])
-        groups[-1].append(k)
-    return groups
-
-
 def assert_same_modes(own_values, own, theirs, their_values, grouped=True):
     """Eigenvalues to 1e-8 (the rigid-body ones, zero to rounding, against the largest), shapes
     (columns) to 1e-6 of their largest entry up to sign, or the same subspace where repeated."""
     np.testing.assert_allclose(their_values, own_values, rtol=1e-8,
                                atol=1e-8 * np.max(np.abs(own_values)))
-    groups = clusters(np.asarray(own_values)) if grouped else [[k] for k in range(own.shape[1])]
+    scale, groups = np.max(np.abs(own_values)), [[0]]
+    for k in range(1, own.shape[1]):  # modes whose eigenvalues agree to 1e-6 of the largest
+        if not grouped or abs(own_values[k] - own_values[k - 1]) > 1e-6 * scale:
+            groups.append([])
+        groups[-1].append(k)
     for group in groups:
         a, b = own[:, group], theirs[:, group]
         if len(group) == 1:
