@@ -1,9 +1,11 @@
-"""Component modes of the bracket's two bolt holes (ccx2krx --interface) against CalculiX's own
-solutions of the same mesh with the same rigid bodies: its free-free frequencies, its static
+"""Component modes (ccx2krx --interface) against CalculiX's own solutions of the same model part
+with the same rigid bodies. The bracket's two bolt holes: its free-free frequencies, its static
 displacements and stresses of one hole with the other held, its mass matrix, and its frequencies
 of the bracket held at HOLE1 (with and without a point mass at HOLE2) against the body that
-examples/mounted_body (MOUNTED_BODY) mounts there; and the C read API (READ_API_DUMP) against the
-Python reader, block by block, on the same files."""
+examples/mounted_body (MOUNTED_BODY) mounts there. Sets of shell, beam and solid nodes of shell,
+beam and mixed parts: CalculiX's *STATIC with one set held, every original node's displacement
+printed, and the sheet mounted at HOLE1. Then the C read API (READ_API_DUMP) against the Python
+reader, block by block, on the bracket's files."""
 
 import glob
 import os
@@ -15,12 +17,15 @@ import pytest
 
 import calculix_output as ccx
 import krx
+import structures as st
 from conftest import ROOT, built_tool, calculix, export_all
 from test_against_calculix import by_node
 
 BRACKET = "bracket_c3d10"
 FIXED = 20  # fixed-interface normal modes
 SHOWN = 6  # frequencies of the mounted body compared
+PART_FIXED = 8  # the same for the shell, beam and mixed parts
+PART_MOUNTED = 4  # frequencies of the sheet mounted at HOLE1 compared with CalculiX's
 
 
 def interface_points(work):
@@ -155,6 +160,93 @@ def test_mounted_frequencies_match_calculix(exports, reference):
         ours, theirs = mounted_against_calculix(exports["invariants"].out, work, job,
                                                 points["HOLE1"][0], SHOWN, extra)
         np.testing.assert_allclose(ours, theirs, rtol=5e-3, err_msg=job)
+
+
+# ---- shell, beam and mixed parts ----
+
+def _with_sets(text, sets):
+    """The deck with node sets HOLE1 and HOLE2, each the nodes within a radius of a point (the
+    decks of structures.py give their nodes first, id and coordinates on each line)."""
+    nodes = np.array([[float(v) for v in line.split(",")]
+                      for line in text.split("*ELEMENT")[0].splitlines() if line.count(",") == 3])
+    for name, (centre, radius) in sets.items():
+        near = np.linalg.norm(nodes[:, 1:] - np.asarray(centre, float), axis=1) <= radius
+        text += f"*NSET,NSET={name}\n" + "".join(f"{int(i)},\n" for i in nodes[near, 0])
+    return text
+
+
+# name: the deck, the load case's force and moment directions on HOLE2 (HOLE1 held), and the
+# solver (CalculiX's by default; the own solver's static shapes and Lanczos on the sheet).
+# The S4 plate's sets are two columns of nodes at each end (a set on one line leaves a rotation
+# free); the U-frame's are the nodes about its two bends (beam nodes in two directions); the
+# welded part holds the brick's far face (solid nodes) against the plate's far end (shell nodes).
+PARTS = {
+    "sheet": ("sheet.geo", 2, 4, "calculix"),  # the demo's bent sheet with its bolt holes
+    "sheet_own": ("sheet.geo", 2, 4, "own"),
+    "s4_plate": (lambda: _with_sets(st.shell_deck("S4", nx=8, ny=4),
+                                    {"HOLE1": ((2.5, 10, 0), 6), "HOLE2": ((37.5, 10, 0), 6)}),
+                 2, 4, "calculix"),
+    "b32r_frame": (lambda: _with_sets(st.frame("B32R", [(0, 40, 0), (0, 0, 0), (60, 0, 0),
+                                                        (60, 40, 0)], 4, 4.0, 2.0),
+                                      {"HOLE1": ((0, 0, 0), 8), "HOLE2": ((60, 0, 0), 8)}),
+                   2, 4, "calculix"),
+    "welded": (lambda: _with_sets(st.welded_deck(),
+                                  {"HOLE1": ((5, 0, 5), 7.1), "HOLE2": ((40, 10, 5), 7.1)}),
+               1, 5, "calculix"),
+}
+
+
+@pytest.fixture(scope="module")
+def parts(ccx2krx, tmp_path_factory):
+    """Every model exported with HOLE1 and HOLE2 as interface points, two at once, and CalculiX's
+    static job (interface_jobs) on its model part (the tool's model.inp) with every original
+    node's displacement printed; for the sheet also its lowest frequencies held at HOLE1."""
+    where = tmp_path_factory.mktemp("interfaces")
+    args = ["--interface", "HOLE1", "--interface", "HOLE2", "--modes", str(PART_FIXED)]
+    done = export_all(ccx2krx, where, [
+        (name, st.write_deck(source, str(where / f"{name}.inp")), args + ["--solver", solver])
+        for name, (source, _, _, solver) in PARTS.items()])
+    prints = "*NODE PRINT,NSET=CCX2KRXIF\nU\n*NODE PRINT,NSET=CCX2KRXALL\nU\n"
+    for name, (_, force, moment, _) in PARTS.items():
+        jobs = interface_jobs(interface_points(done[name].keep), force, moment, prints,
+                              PART_MOUNTED)
+        if not name.startswith("sheet"):
+            del jobs["held"]
+        calculix(done[name].keep, **jobs)
+    return done
+
+
+@pytest.mark.parametrize("name", list(PARTS))
+def test_static_response_of_parts_is_calculix_own_at_every_node(parts, name):
+    """The interface point's motion and every node's translation (for a shell node tied to the
+    point, the mean through its thickness that CalculiX prints, which its untied middle node
+    enters) follow from the file's modes and eigenvalues as CalculiX computes them. Every node
+    tied to an interface point keeps its share of the mass (the frame's knots and the brick's
+    face nodes, which have no rows, theirs from the expanded elements), the points none; the
+    total stays CalculiX's (density x area x thickness on the plate). The read API's consumer
+    holds the sheet's HOLE1 point (all six rows) and finds the frequencies that CalculiX finds
+    for the whole shell model held there."""
+    e = parts[name]
+    f, points = e.read(), interface_points(e.keep)
+    assert f.mode_count == 12 + PART_FIXED
+    refs = f.node_positions(np.array([ref for ref, _ in points.values()]))
+    assert np.all(np.delete(f.masses, refs) > 0) and np.all(f.masses[refs] == 0)
+    if name == "s4_plate":
+        assert f.masses.sum() == pytest.approx(st.DENSITY * 40 * 20 * 1.0, rel=1e-9)
+    shapes = np.asarray(f.mode_shapes)
+    position = {int(n): k for k, n in enumerate(f.mode_shape_node_ids)}
+    everywhere = ccx.dat_displacements(os.path.join(e.keep, "static.dat"), "CCX2KRXALL")
+    for q, at_nodes in zip(static_against_calculix(f, e.keep, points, *PARTS[name][1:3]),
+                           everywhere):
+        ids = [n for n in at_nodes if n in position and n != points["HOLE2"][0]]
+        mine = np.tensordot(q, shapes[:, [position[n] for n in ids], :3], axes=1)
+        theirs = np.array([at_nodes[n] for n in ids])
+        worst = np.abs(mine - theirs).max() / np.abs(theirs).max()
+        assert worst < 1e-6, f"{name}: node translations off by {worst:.1e} of the largest"
+    if name.startswith("sheet"):
+        ours, theirs = mounted_against_calculix(e.out, e.keep, "held", points["HOLE1"][0],
+                                                PART_MOUNTED)
+        np.testing.assert_allclose(ours, theirs, rtol=1e-3)
 
 
 # ---- the C read API against the Python reader ----
