@@ -66,11 +66,6 @@ def ccx2krx():
     return built_tool("CCX2KRX")
 
 
-@pytest.fixture(scope="session")
-def krxdump():
-    return built_tool("KRXDUMP")
-
-
 def derive_deck(path, old, new):
     """The text of the deck (one *ELEMENT block) with its elements of type old made of type new,
     with as many of their nodes as new takes; or, old being the material, with the second half

@@ -10,7 +10,7 @@ import numpy as np
 import pytest
 
 import krx
-from conftest import MODES, run_tool
+from conftest import MODES, built_tool, run_tool
 
 BUILT = os.environ.get("CCX2KRX_MPI") == "1"
 MPIRUN = os.environ.get("MPIEXEC", "mpirun")
@@ -72,7 +72,7 @@ def parallel_export(ccx2krx, model, where, ranks, extra=()):
 @pytest.mark.parametrize("name, held, ends", [
     ("bar_c3d8", False, ()), ("wedge_c3d15", False, ()), ("bar_c3d8", True, ()),
     ("wedge_c3d15", True, ()), ("bar_c3d8", False, ("END1", "END2"))])
-def test_ranks_give_the_single_machine_modes(ccx2krx, krxdump, export, tmp_path, name, held, ends):
+def test_ranks_give_the_single_machine_modes(ccx2krx, export, tmp_path, name, held, ends):
     """The modes and the file (krxcompare); with interface points, the static shapes too, and
     the stresses recovered on rank 0."""
     own = export(name, solver="own", stress=bool(ends), held=held, interfaces=ends)
@@ -85,8 +85,9 @@ def test_ranks_give_the_single_machine_modes(ccx2krx, krxdump, export, tmp_path,
         # those modes.
         assert_same_modes(f.eigenvalues, vectors(own.keep), vectors(keep),
                           krx.read(out).eigenvalues, not ends)
-        compare = subprocess.run([os.path.join(os.path.dirname(krxdump), "krxcompare"), "-v",
-                                  "0", own.out, out], capture_output=True, text=True)
+        krxcompare = os.path.join(os.path.dirname(built_tool("KRXDUMP")), "krxcompare")
+        compare = subprocess.run([krxcompare, "-v", "0", own.out, out], capture_output=True,
+                                 text=True)
         report = compare.stdout
         if not ends:
             assert compare.returncode == 0, f"{ranks} ranks:\n{report}"
