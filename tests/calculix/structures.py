@@ -134,7 +134,7 @@ def welded_deck():
 
 def write_deck(source, path):
     """Writes the deck at path from source: a function that returns its text, a gmsh geometry
-    (meshed as S8R shells 1.5 thick) or one of CalculiX's examples (gzipped or not)."""
+    (meshed at h = 8 into shells 1.5 thick) or one of CalculiX's examples (gzipped or not)."""
     if callable(source):
         text = source()
     elif source.endswith(".geo"):
