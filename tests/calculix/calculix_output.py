@@ -43,22 +43,25 @@ def dat_displacements(path, name):
 
 
 def frd_results(path, name):
-    """{mode: (node ids, values)} of the result blocks called name (DISP, STRESS) in an ASCII
-    .frd; values has one row per node and one column per component."""
+    """{mode: (node ids, values)} of the result blocks called name (DISP, STRESS, or NODES for
+    the coordinates, under None) in an ASCII .frd; values has one row per node and one column per
+    component. CalculiX writes stresses xx yy zz xy yz zx: they come in our files' order, xx yy
+    zz xy xz yz."""
     out, mode, rows = {}, None, None
     with open(path) as f:
         for line in f:
             if line.startswith("    1PMODE"):
                 mode = int(line.split()[-1])
-            elif line.startswith(" -4  "):
-                rows = [] if line.split()[1] == name else None
+            elif line.startswith((" -4  ", "    2C")):
+                rows = [] if ("NODES" if line[4] == "2" else line.split()[1]) == name else None
             elif rows is not None and line.startswith(" -1"):
                 rest = line[13:].rstrip("\n")
                 rows.append((int(line[3:13]),
                              [float(rest[i:i + 12]) for i in range(0, len(rest), 12)]))
             elif rows is not None and line.startswith(" -3"):
-                ids = np.array([r[0] for r in rows])
-                out[mode] = (ids, np.array([r[1] for r in rows]))
+                values = np.array([r[1] for r in rows])
+                out[mode] = (np.array([r[0] for r in rows]),
+                             values[:, [0, 1, 2, 3, 5, 4]] if name == "STRESS" else values)
                 rows = None
     return out
 
@@ -77,14 +80,12 @@ def deck_nodes(path):
 
 
 def eig_vectors(path, rows):
-    """The eigenvalues and the double-precision eigenvectors (rows x modes) of a .eig file
-    (*FREQUENCY, STORAGE=YES): four integers, the eigenvalues, the matrices, then the vectors,
-    found from the end of the file."""
+    """The double-precision eigenvectors (rows x modes) of a .eig file (*FREQUENCY,
+    STORAGE=YES): four integers, the eigenvalues, the matrices, then the vectors, found from the
+    end of the file."""
     data = open(path, "rb").read()
     modes = int(np.frombuffer(data[:16], dtype=np.int32)[3])
-    values = np.frombuffer(data[16:16 + 8 * modes], dtype=np.float64)
-    vectors = np.frombuffer(data[len(data) - 8 * rows * modes:], dtype=np.float64)
-    return values, vectors.reshape(modes, rows).T
+    return np.frombuffer(data[len(data) - 8 * rows * modes:]).reshape(modes, rows).T
 
 
 def stored_matrices(prefix):

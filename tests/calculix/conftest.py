@@ -4,12 +4,12 @@ session) and the exports of each mesh by ccx2krx (run once per session and set o
 CCX2KRX and KRXDUMP name the tools (CTest passes the build's); ccx and gmsh must be on PATH (or
 named by CCX and GMSH): a machine without them fails these tests rather than skipping them."""
 
-import itertools
 import os
 import re
 import shutil
 import subprocess
 import sys
+from concurrent.futures import ThreadPoolExecutor
 from dataclasses import dataclass
 
 import pytest
@@ -19,6 +19,7 @@ ROOT = os.path.dirname(os.path.dirname(HERE))
 GEOMETRY = os.path.join(ROOT, "hosts", "calculix", "geometry")
 sys.path[:0] = [os.path.join(ROOT, "python"), GEOMETRY, HERE]
 
+import calculix_output  # noqa: E402
 import krx  # noqa: E402
 from make_deck import make_deck  # noqa: E402
 
@@ -45,7 +46,6 @@ class Export:
     deck: str       # the CalculiX deck handed to ccx2krx
     out: str        # the KRX file
     keep: str       # CalculiX's work directory (--keep)
-    run: subprocess.CompletedProcess
 
     def read(self):
         return krx.read(self.out)
@@ -66,33 +66,23 @@ def ccx2krx():
     return built_tool("CCX2KRX")
 
 
-@pytest.fixture(scope="session")
-def krxdump():
-    return built_tool("KRXDUMP")
-
-
-def derive_deck(path, derived_path, old, new):
-    """A copy of the deck with its elements of type old made of type new, with as many of their
-    nodes as new takes; or, old being the material, with the second half of its elements made of
-    material new (aluminium, with a density of its own)."""
+def derive_deck(path, old, new):
+    """The text of the deck (one *ELEMENT block) with its elements of type old made of type new,
+    with as many of their nodes as new takes; or, old being the material, with the second half
+    of its elements made of material new (aluminium, with a density of its own)."""
     with open(path) as f:
         text = f.read()
+    start = text.index("*ELEMENT")
+    end = text.index("\n*", start) + 1
+    block = text[start:end]
     if old.startswith("C3D"):
-        keep = {"C3D4": 5}.get(new)  # the id and the corners
-        out, inside = [], False
-        for line in text.splitlines(keepends=True):
-            if line.startswith("*"):
-                inside = line.upper().startswith("*ELEMENT")
-                line = line.replace(f"TYPE={old},", f"TYPE={new},")
-            elif inside and keep and line.strip():
-                line = ",".join(line.split(",")[:keep]) + "\n"
-            out.append(line)
-        text = "".join(out)
+        block = block.replace(f"TYPE={old},", f"TYPE={new},")
+        if new == "C3D4":  # the id and the corners of each element, one to a line
+            block = re.sub(r"^(\d+(?:,\s*\d+){4}),.*$", r"\1", block, flags=re.M)
+        text = text[:start] + block + text[end:]
     else:
-        head, *lines = text.split("*ELEMENT")[1].splitlines()
-        numbers = [v.strip() for line in itertools.takewhile(lambda x: not x.startswith("*"), lines)
-                   for v in line.split(",") if v.strip()]
-        ids = numbers[::1 + int(re.search(r"C3D(\d+)", head).group(1))]  # the id, then the nodes
+        numbers = re.findall(r"\d+", block.split("\n", 1)[1])
+        ids = numbers[::1 + int(re.search(r"C3D(\d+)", block).group(1))]  # the id, then the nodes
         half = len(ids) // 2
         section = f"*SOLID SECTION, ELSET=SOLID, MATERIAL={old}\n"
         assert section in text
@@ -101,23 +91,17 @@ def derive_deck(path, derived_path, old, new):
             f"*SOLID SECTION, ELSET={name}, MATERIAL={material}\n"
             for name, part, material in (("FIRST", ids[:half], old), ("OTHER", ids[half:], new))))
         text += f"*MATERIAL, NAME={new}\n*ELASTIC\n70000, 0.34\n*DENSITY\n2.7e-9\n"
-    with open(derived_path, "w") as f:
-        f.write(text)
-    return derived_path
+    return text
 
 
-def hold_lowest_face(path, held_path):
-    """A copy of the deck whose nodes at the lowest x are held by *BOUNDARY (all three
+def hold_lowest_face(path):
+    """The text of the deck with its nodes at the lowest x held by *BOUNDARY (all three
     translations)."""
-    import calculix_output
     ids, xyz = calculix_output.deck_nodes(path)
     face = ids[xyz[:, 0] < xyz[:, 0].min() + 1e-6]
     with open(path) as f:
-        text = f.read()
-    lines = ",\n".join(",".join(str(i) for i in face[k:k + 12]) for k in range(0, len(face), 12))
-    with open(held_path, "w") as f:
-        f.write(text + "*NSET,NSET=HELDFACE\n" + lines + "\n*BOUNDARY\nHELDFACE,1,3\n")
-    return held_path
+        return (f.read() + "*NSET,NSET=HELDFACE\n" + "".join(f"{i},\n" for i in face) +
+                "*BOUNDARY\nHELDFACE,1,3\n")
 
 
 @pytest.fixture(scope="session")
@@ -130,16 +114,16 @@ def deck(tmp_path_factory):
     def get(name, density=True, held=False):
         key = (name, density, held)
         if key not in made:
-            if held:
-                made[key] = hold_lowest_face(get(name), str(where / (name + "_held.inp")))
-                return made[key]
-            if name in DERIVED:
-                source, old, new = DERIVED[name]
-                made[key] = derive_deck(get(source), str(where / (name + ".inp")), old, new)
-                return made[key]
-            geometry, numbers, _ = MODELS[name]
-            path = str(where / (name + ("" if density else "_no_density") + ".inp"))
-            made[key] = make_deck(os.path.join(GEOMETRY, geometry), path, numbers.items(), density)
+            path = str(where / (name + "_no_density" * (not density) + "_held" * held + ".inp"))
+            if held or name in DERIVED:
+                text = (hold_lowest_face(get(name)) if held else
+                        derive_deck(get(DERIVED[name][0]), *DERIVED[name][1:]))
+                with open(path, "w") as f:
+                    f.write(text)
+            else:
+                geometry, numbers, _ = MODELS[name]
+                make_deck(os.path.join(GEOMETRY, geometry), path, numbers.items(), density)
+            made[key] = path
         return made[key]
 
     return get
@@ -155,44 +139,45 @@ def run_tool(tool, args, options=None, env=None):
                           timeout=300)
 
 
-def calculix(work, job, text):
-    """Starts CalculiX on the model part that ccx2krx left in work followed by text, as
-    work/job.inp; wait with finish()."""
-    with open(os.path.join(work, job + ".inp"), "w") as f:
-        f.write("*INCLUDE,INPUT=model.inp\n" + text)
-    env = dict(os.environ, OMP_NUM_THREADS="1")
-    return subprocess.Popen([os.environ.get("CCX", "ccx"), "-i", job], cwd=work, env=env,
-                            stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)
+def export_all(ccx2krx, where, jobs):
+    """{label: Export} of the jobs (label, deck, arguments[, options[, environment]]), two at a
+    time, each with its file and work directory (--keep) in where."""
+    def export(label, deck, args, options=None, env=None):
+        out, keep = str(where / f"{label}.krx"), str(where / f"work_{label}")
+        run = run_tool(ccx2krx, [deck, "-o", out, "--keep", keep, *args], options, env)
+        assert run.returncode == 0, f"ccx2krx failed on {label}:\n{run.stderr}"
+        return label, Export(deck, out, keep)
+
+    with ThreadPoolExecutor(2) as pool:
+        return dict(pool.map(lambda job: export(*job), jobs))
 
 
-def finish(run):
-    out, _ = run.communicate(timeout=300)
-    assert run.returncode == 0 and "*ERROR" not in out, out[-2000:]
-
-
-def calculix_reference(work, modes):
-    """CalculiX's own solution of the model part in work (what --solver calculix runs), unless
-    the CalculiX path has run it there already: modes.dat, modes.frd (displacements, stresses)
-    and modes.eig (double-precision eigenvectors)."""
-    if not os.path.exists(os.path.join(work, "modes.eig")):
-        finish(calculix(work, "modes", f"*STEP\n*FREQUENCY,STORAGE=YES\n{modes}\n"
-                                      "*NODE FILE\nU\n*EL FILE\nS\n*END STEP\n"))
+def calculix(work, **jobs):
+    """Runs CalculiX on the model part that ccx2krx left in work, followed by each job's text (as
+    work/job.inp), all jobs at once."""
+    runs = []
+    for job, text in jobs.items():
+        with open(os.path.join(work, job + ".inp"), "w") as f:
+            f.write("*INCLUDE,INPUT=model.inp\n" + text)
+        runs.append(subprocess.Popen([os.environ.get("CCX", "ccx"), "-i", job], cwd=work,
+                                     env=dict(os.environ, OMP_NUM_THREADS="1"), text=True,
+                                     stdout=subprocess.PIPE, stderr=subprocess.STDOUT))
+    for run in runs:
+        out, _ = run.communicate(timeout=300)
+        assert run.returncode == 0 and "*ERROR" not in out, out[-2000:]
 
 
 @pytest.fixture(scope="session")
 def export(ccx2krx, deck, tmp_path_factory):
-    """export(name, options=None, solver="calculix", stress=True, held=False) -> Export of the
-    model with MODES modes, run once per session for each set of arguments; the work directory
-    holds CalculiX's own solution beside the matrices whichever path solved."""
+    """export(name, options=None, solver="calculix", stress=True, held=False, interfaces=()) ->
+    Export of the model with MODES modes, run once per session for each set of arguments."""
     done = {}
 
-    def get(name, options=None, solver="calculix", stress=True, held=False):
-        key = (name, options, solver, stress, held)
+    def get(name, options=None, solver="calculix", stress=True, held=False, interfaces=()):
+        key = (name, options, solver, stress, held, interfaces)
         if key not in done:
-            where = tmp_path_factory.mktemp(name)
-            out, keep = str(where / (name + ".krx")), str(where / "work")
-            args = [deck(name, held=held), "-o", out, "--modes", str(MODES), "--keep", keep,
-                    "--solver", solver] + (["--stress"] if stress else [])
+            args = ["--modes", str(MODES), "--solver", solver] + (["--stress"] if stress else [])
+            args += [a for point in interfaces for a in ("--interface", point)]
             # CalculiX's path recovers the stresses of its eigenvectors as the own path does, on
             # two threads, so that its file's stresses hold the recovery against CalculiX's .frd
             # (the .frd reader is held against CalculiX's static stresses in
@@ -203,10 +188,8 @@ def export(ccx2krx, deck, tmp_path_factory):
                 env = {"CCX2KRX_RECOVER_STRESSES": "1", "OMP_NUM_THREADS": "2"}
                 env.update({f"CCX_NPROC_{part}": "1"
                             for part in ("STIFFNESS", "RESULTS", "EQUATION_SOLVER")})
-            run = run_tool(ccx2krx, args, options, env)
-            assert run.returncode == 0, f"ccx2krx failed on {name}:\n{run.stderr}"
-            calculix_reference(keep, MODES)
-            done[key] = Export(deck(name, held=held), out, keep, run)
+            done[key] = export_all(ccx2krx, tmp_path_factory.mktemp(name),
+                                   [(name, deck(name, held=held), args, options, env)])[name]
         return done[key]
 
     return get

@@ -1,14 +1,19 @@
-"""Small shell, beam and mixed decks written node by node, with their exact mass properties, and
-readers of what CalculiX writes about its expansion of them (.12d, the expanded nodes of the
-.frd)."""
+"""Small shell, beam and mixed decks written node by node, with their exact mass properties; the
+writer of the decks of the shell and beam tests; and a reader of what CalculiX writes about its
+expansion of them (.12d)."""
 
+import gzip
+import os
 import re
 
 import numpy as np
 
 import solids
+from conftest import GEOMETRY
+from make_deck import make_deck
 
 DENSITY = 7.85e-9
+EXAMPLES = "/usr/share/doc/calculix-ccx-test/examples/test"
 MATERIAL = "*MATERIAL,NAME=STEEL\n*ELASTIC\n210000,0.3\n*DENSITY\n7.85e-9\n"
 
 
@@ -27,7 +32,7 @@ def _element_lines(kind, elset, elements):
     return f"*ELEMENT,TYPE={kind},ELSET={elset}\n" + "\n".join(lines) + "\n"
 
 
-def plate(kind, nx, ny, length, width, thickness, fold=None, first=1):
+def plate(kind, nx, ny, length, width, fold=None):
     """An nx x ny grid of shell elements on [0, length] x [0, width] (z = 0); with fold, the part
     beyond x = fold turns up by 90 degrees (x -> fold, z -> x - fold). Returns the nodes (id ->
     xyz) and elements (id -> node ids in CalculiX's order)."""
@@ -42,7 +47,7 @@ def plate(kind, nx, ny, length, width, thickness, fold=None, first=1):
                 x, z = fold, x - fold
             else:
                 z = 0.0
-            grid[i, j] = first + len(grid)
+            grid[i, j] = 1 + len(grid)
             nodes[grid[i, j]] = (x, y, z)
         return grid[i, j]
 
@@ -53,20 +58,20 @@ def plate(kind, nx, ny, length, width, thickness, fold=None, first=1):
             if kind == "S6":  # two triangles, split along the diagonal
                 at = [(i, j), (i + 2, j), (i + 2, j + 2), (i, j + 2)]
                 for a, b, c in ((0, 1, 2), (0, 2, 3)):
-                    elements[first + len(elements)] = [corners[a], corners[b], corners[c]] + [
+                    elements[1 + len(elements)] = [corners[a], corners[b], corners[c]] + [
                         node((at[p][0] + at[q][0]) // 2, (at[p][1] + at[q][1]) // 2)
                         for p, q in ((a, b), (b, c), (c, a))]
                 continue
             if kind.startswith("S8"):
                 corners += [node(i + 1, j), node(i + 2, j + 1), node(i + 1, j + 2), node(i, j + 1)]
-            elements[first + len(elements)] = corners
+            elements[1 + len(elements)] = corners
     return nodes, elements
 
 
 def shell_deck(kind, nx=4, ny=2, length=40.0, width=20.0, thickness=1.0, fold=None, radius=None):
     """A plate deck; with radius, the plate is rolled about an axis along y into a cylindrical
     panel whose arc is the plate's length."""
-    nodes, elements = plate(kind, nx, ny, length, width, thickness, fold)
+    nodes, elements = plate(kind, nx, ny, length, width, fold)
     if radius:
         nodes = {k: (radius * np.sin(x / radius), y, radius * (1 - np.cos(x / radius)))
                  for k, (x, y, z) in nodes.items()}
@@ -100,8 +105,7 @@ def welded_deck():
     """Two C3D20 bricks [0,10] x [0,20] x [0,10], split at y = 10, and an S8 plate of 4 x 1
     elements in the plane y = 10 from x = 0 to 40 whose first element is the bricks' common face:
     CalculiX ties a shell to a solid node by node, which along an edge alone is a hinge."""
-    nodes, bricks = {}, {}
-    at = {}
+    nodes, at, bricks, shells = {}, {}, {}, {}
 
     def node(x, y, z):
         key = (round(x, 9), round(y, 9), round(z, 9))
@@ -110,26 +114,38 @@ def welded_deck():
             nodes[at[key]] = (float(x), float(y), float(z))
         return at[key]
 
+    # A brick's corners, bottom then top, and its twelve edges, in CalculiX's order.
+    corners = [(x, y, z) for z in (0, 10) for x, y in ((0, 0), (10, 0), (10, 10), (0, 10))]
+    edges = [(k, (k + 1) % 4 + 4 * (k // 4)) for k in range(8)] + [(k, k + 4) for k in range(4)]
     for k, y0 in enumerate((0.0, 10.0)):
-        c = [(0, 0, 0), (10, 0, 0), (10, 10, 0), (0, 10, 0),
-             (0, 0, 10), (10, 0, 10), (10, 10, 10), (0, 10, 10)]
-        corner = [node(x, y0 + y, z) for x, y, z in c]
-        pairs = [(0, 1), (1, 2), (2, 3), (3, 0), (4, 5), (5, 6), (6, 7), (7, 4),
-                 (0, 4), (1, 5), (2, 6), (3, 7)]
-        mid = [node(*((np.array(nodes[corner[a]]) + np.array(nodes[corner[b]])) / 2))
-               for a, b in pairs]
-        bricks[k + 1] = corner + mid
-    shells = {}
+        corner = [node(x, y0 + y, z) for x, y, z in corners]
+        bricks[k + 1] = corner + [node(*(np.add(nodes[corner[a]], nodes[corner[b]]) / 2))
+                                  for a, b in edges]
     for e in range(-1, 3):
         x0, x1 = 10.0 + 10 * e, 20.0 + 10 * e
         xm = (x0 + x1) / 2
         shells[4 + e] = [node(x0, 10, 0), node(x1, 10, 0), node(x1, 10, 10), node(x0, 10, 10),
                          node(xm, 10, 0), node(x1, 10, 5), node(xm, 10, 10), node(x0, 10, 5)]
-    text = ("*HEADING\nshell welded to a block\n" + _node_lines(nodes) +
+    return ("*HEADING\nshell welded to a block\n" + _node_lines(nodes) +
             _element_lines("C3D20", "BLOCK", bricks) + _element_lines("S8", "PLATE", shells) +
             MATERIAL + "*SOLID SECTION,ELSET=BLOCK,MATERIAL=STEEL\n"
             "*SHELL SECTION,ELSET=PLATE,MATERIAL=STEEL\n1.0\n")
-    return text
+
+
+def write_deck(source, path):
+    """Writes the deck at path from source: a function that returns its text, a gmsh geometry
+    (meshed at h = 8 into shells 1.5 thick) or one of CalculiX's examples (gzipped or not)."""
+    if callable(source):
+        text = source()
+    elif source.endswith(".geo"):
+        return make_deck(os.path.join(GEOMETRY, source), path, [("h", 8)], shell=1.5)
+    else:
+        with (gzip.open if source.endswith(".gz") else open)(os.path.join(EXAMPLES, source),
+                                                              "rt") as f:
+            text = f.read()
+    with open(path, "w") as f:
+        f.write(text)
+    return path
 
 
 def boxes(pieces):
@@ -150,18 +166,3 @@ def expansion(path):
         elements[int(m.group(1))] = ([int(v) for v in m.group(2).split()],
                                      [int(v) for v in m.group(3).split()])
     return elements, sorted(set(knots))
-
-
-def frd_nodes(path):
-    """{node id: xyz} of the first node block of an ASCII .frd."""
-    nodes, inside = {}, False
-    with open(path) as f:
-        for line in f:
-            if line.startswith("    2C"):
-                inside = True
-            elif inside and line.startswith(" -1"):
-                rest = line[13:].rstrip("\n")
-                nodes[int(line[3:13])] = np.array([float(rest[i:i + 12]) for i in (0, 12, 24)])
-            elif inside and line.startswith(" -3"):
-                break
-    return nodes

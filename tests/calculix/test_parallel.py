@@ -10,7 +10,7 @@ import numpy as np
 import pytest
 
 import krx
-from conftest import MODES, run_tool
+from conftest import MODES, built_tool, run_tool
 
 BUILT = os.environ.get("CCX2KRX_MPI") == "1"
 MPIRUN = os.environ.get("MPIEXEC", "mpirun")
@@ -18,21 +18,10 @@ ROOT_OK = {"OMPI_ALLOW_RUN_AS_ROOT": "1", "OMPI_ALLOW_RUN_AS_ROOT_CONFIRM": "1"}
 needs_mpi = pytest.mark.skipif(not BUILT, reason="ccx2krx was built without MPI")
 
 
-def mpirun(ranks, args, cwd=None):
+def mpirun(*args):
     environment = dict(os.environ, OMP_NUM_THREADS="1", **ROOT_OK)
-    return subprocess.run([MPIRUN, "-n", str(ranks), "--oversubscribe", *args], cwd=cwd,
-                          capture_output=True, text=True, env=environment, timeout=300)
-
-
-def clusters(values, gap=1e-6):
-    """Groups of mode indices whose eigenvalues agree to gap relative to the largest one."""
-    scale = np.max(np.abs(values))
-    groups = [[0]]
-    for k in range(1, len(values)):
-        if abs(values[k] - values[k - 1]) > gap * scale:
-            groups.append([])
-        groups[-1].append(k)
-    return groups
+    return subprocess.run([MPIRUN, "--oversubscribe", *args], capture_output=True, text=True,
+                          env=environment, timeout=300)
 
 
 def assert_same_modes(own_values, own, theirs, their_values, grouped=True):
@@ -40,7 +29,11 @@ def assert_same_modes(own_values, own, theirs, their_values, grouped=True):
     (columns) to 1e-6 of their largest entry up to sign, or the same subspace where repeated."""
     np.testing.assert_allclose(their_values, own_values, rtol=1e-8,
                                atol=1e-8 * np.max(np.abs(own_values)))
-    groups = clusters(np.asarray(own_values)) if grouped else [[k] for k in range(own.shape[1])]
+    scale, groups = np.max(np.abs(own_values)), [[0]]
+    for k in range(1, own.shape[1]):  # modes whose eigenvalues agree to 1e-6 of the largest
+        if not grouped or abs(own_values[k] - own_values[k - 1]) > 1e-6 * scale:
+            groups.append([])
+        groups[-1].append(k)
     for group in groups:
         a, b = own[:, group], theirs[:, group]
         if len(group) == 1:
@@ -54,27 +47,17 @@ def assert_same_modes(own_values, own, theirs, their_values, grouped=True):
                                        atol=1e-6, err_msg=f"modes {group}")
 
 
-def vectors(work, name, count):
-    data = np.fromfile(os.path.join(work, name))
-    return data.reshape(count, -1).T
-
-
-@pytest.fixture(scope="session")
-def compare(krxdump):
-    """compare(base, new) -> krxcompare's status and report."""
-    def run(base, new):
-        done = subprocess.run([os.path.join(os.path.dirname(krxdump), "krxcompare"), "-v", "0",
-                               base, new], capture_output=True, text=True)
-        return done.returncode, done.stdout
-    return run
+def vectors(work):
+    """The own solver's modes in work as columns."""
+    return np.fromfile(os.path.join(work, "own_modes.bin")).reshape(MODES, -1).T
 
 
 def parallel_export(ccx2krx, model, where, ranks, extra=()):
     """The run's file and work directory; each rank must have parsed only its share of the
     matrix files (no rank reads them whole), every value once."""
     out, keep = str(where / f"mpi{ranks}.krx"), str(where / f"work{ranks}")
-    run = mpirun(ranks, [ccx2krx, model, "-o", out, "--modes", str(MODES), "--keep", keep,
-                         "--solver", "mpi", "--timing", *extra])
+    run = mpirun("-n", str(ranks), ccx2krx, model, "-o", out, "--modes", str(MODES), "--keep",
+                 keep, "--solver", "mpi", "--timing", *extra)
     assert run.returncode == 0, run.stderr
     line = [x for x in run.stderr.splitlines() if "matrix values parsed by each rank:" in x]
     assert len(line) == 1, run.stderr
@@ -86,45 +69,37 @@ def parallel_export(ccx2krx, model, where, ranks, extra=()):
 
 
 @needs_mpi
-@pytest.mark.parametrize("name, held", [("bar_c3d8", False), ("wedge_c3d15", False),
-                                        ("bar_c3d8", True), ("wedge_c3d15", True)])
-def test_ranks_give_the_single_machine_modes(ccx2krx, export, compare, tmp_path, name, held):
-    own = export(name, solver="own", stress=False, held=held)
-    own_values = own.read().eigenvalues
-    ours = vectors(own.keep, "own_modes.bin", MODES)
+@pytest.mark.parametrize("name, held, ends", [
+    ("bar_c3d8", False, ()), ("wedge_c3d15", False, ()), ("bar_c3d8", True, ()),
+    ("wedge_c3d15", True, ()), ("bar_c3d8", False, ("END1", "END2"))])
+def test_ranks_give_the_single_machine_modes(ccx2krx, export, tmp_path, name, held, ends):
+    """The modes and the file (krxcompare); with interface points, the static shapes too, and
+    the stresses recovered on rank 0."""
+    own = export(name, solver="own", stress=bool(ends), held=held, interfaces=ends)
+    f = own.read()
+    extra = ["--stress", *(a for point in ends for a in ("--interface", point))] if ends else []
     for ranks in (1, 2):
-        out, keep = parallel_export(ccx2krx, own.deck, tmp_path, ranks)
-        values = krx.read(out).eigenvalues
-        assert_same_modes(own_values, ours, vectors(keep, "own_modes.bin", MODES), values)
-        status, report = compare(own.out, out)
-        assert status == 0, f"{ranks} ranks:\n{report}"
-
-
-@needs_mpi
-def test_ranks_give_the_single_machine_component_modes(ccx2krx, deck, compare, tmp_path):
-    """The static shapes, the fixed-interface modes and the file, stresses recovered on rank 0."""
-    model = deck("bar_c3d8")
-    ends = ["--interface", "END1", "--interface", "END2"]
-    own_out, own_keep = str(tmp_path / "own.krx"), str(tmp_path / "own")
-    run = run_tool(ccx2krx, [model, "-o", own_out, "--modes", str(MODES), "--keep", own_keep,
-                             "--solver", "own", "--stress", *ends])
-    assert run.returncode == 0, run.stderr
-    shapes = np.fromfile(os.path.join(own_keep, "static_shapes.bin"))
-    own_values = krx.read(own_out).eigenvalues
-    for ranks in (1, 2):
-        out, keep = parallel_export(ccx2krx, model, tmp_path, ranks, ["--stress", *ends])
-        theirs = np.fromfile(os.path.join(keep, "static_shapes.bin"))
+        out, keep = parallel_export(ccx2krx, own.deck, tmp_path, ranks, extra)
+        # With interface points, the fixed-interface modes (no eigenvalue repeats on this bar),
+        # and the eigenvalues of the file, which the library computes from the static shapes and
+        # those modes.
+        assert_same_modes(f.eigenvalues, vectors(own.keep), vectors(keep),
+                          krx.read(out).eigenvalues, not ends)
+        krxcompare = os.path.join(os.path.dirname(built_tool("KRXDUMP")), "krxcompare")
+        compare = subprocess.run([krxcompare, "-v", "0", own.out, out], capture_output=True,
+                                 text=True)
+        report = compare.stdout
+        if not ends:
+            assert compare.returncode == 0, f"{ranks} ranks:\n{report}"
+            continue
+        shapes, theirs = (np.fromfile(os.path.join(work, "static_shapes.bin"))
+                          for work in (own.keep, keep))
         assert theirs.shape == shapes.shape
         assert np.max(np.abs(theirs - shapes)) < 1e-8 * np.max(np.abs(shapes))
-        # The fixed-interface modes (no eigenvalue repeats on this bar), and the eigenvalues of
-        # the file, which the library computes from the static shapes and those modes.
-        assert_same_modes(own_values, vectors(own_keep, "own_modes.bin", MODES),
-                          vectors(keep, "own_modes.bin", MODES), krx.read(out).eigenvalues, False)
         # The interface rotations of fixed-interface modes and the stresses of rigid-body modes
         # are zero to rounding, which a relative comparison cannot pass: krxcompare may fail
         # those and nothing else.
-        status, report = compare(own_out, out)
-        stress = np.abs(np.asarray(krx.read(own_out).stress[1]))
+        stress = np.abs(np.asarray(f.stress[1]))
         for line in report.splitlines():
             if line.startswith("->Fail Stress Mode: #"):
                 mode = int(line.split("#")[1]) - 1
@@ -142,10 +117,8 @@ def test_a_failing_rank_ends_the_run_with_one_message(ccx2krx, deck, tmp_path):
     out = str(tmp_path / "out.krx")
     args = [os.path.abspath(ccx2krx), deck("bar_c3d8"), "-o", out, "--modes", "8", "--keep",
             "work", "--solver", "mpi", "--quiet"]
-    environment = dict(os.environ, OMP_NUM_THREADS="1", **ROOT_OK)
-    run = subprocess.run([MPIRUN, "--oversubscribe", "-n", "1", "--wdir", str(tmp_path / "a"),
-                          *args, ":", "-n", "1", "--wdir", str(tmp_path / "b"), *args],
-                         capture_output=True, text=True, env=environment, timeout=300)
+    run = mpirun("-n", "1", "--wdir", str(tmp_path / "a"), *args,
+                 ":", "-n", "1", "--wdir", str(tmp_path / "b"), *args)
     ours = [line for line in run.stderr.splitlines()
             if line.startswith("ccx2krx:") and "note:" not in line]
     assert run.returncode != 0
