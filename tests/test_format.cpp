@@ -92,26 +92,6 @@ TEST(Stream, EncodesPrimitivesAsTheFileContractSays) {
   close_stream(io);
 }
 
-TEST(Stream, SinglePrecisionNarrowsThroughTheScratchInChunks) {
-  for (int xdr = 0; xdr < 2; ++xdr) {
-    FileSlot io;
-    io.file = std::tmpfile();
-    io.precision = 0;
-    if (xdr) { ASSERT_TRUE(bind_xdr_stream(io, XDR_ENCODE, "..\\test")); }
-    std::vector<float> scratch(512);
-    std::vector<double> values(1500);
-    for (std::size_t i = 0; i < values.size(); ++i) values[i] = 0.25 * double(i);
-    ASSERT_TRUE(put_reals(io, scratch, values.data(), values.size()));
-    EXPECT_EQ(4 * 1500, tell_stream(io));
-    ASSERT_TRUE(seek_stream(io, 0));
-    if (xdr) { ASSERT_TRUE(bind_xdr_stream(io, XDR_DECODE, "..\\test")); }
-    std::vector<double> back(values.size());
-    ASSERT_TRUE(get_reals(io, scratch, back.data(), back.size()));
-    EXPECT_EQ(values, back);
-    close_stream(io);
-  }
-}
-
 // Positions past 4 GiB come from the 64-bit file offsets, not from the XDR stream's own.
 TEST(Stream, PositionsPastFourGibibytes) {
   krxtest::TempDir dir;
