@@ -1,9 +1,9 @@
 #!/usr/bin/env bash
 # The install as consumers see it: installs a built tree (default: build) into a fresh temporary
 # prefix, moves that prefix elsewhere, then builds and runs against it alone a C program through
-# `pkg-config krxlib`, a C++ program through find_package(krxlib) and krx::krxlib, and a Fortran
-# program through `use krx` and `pkg-config krxlib-fortran`. The installed krxdump lists the file
-# each one writes. Usage: scripts/check-install.sh [build-dir]
+# `pkg-config krxlib`, the same program compiled as C++ through find_package(krxlib) and
+# krx::krxlib, and a Fortran program through `use krx` and `pkg-config krxlib-fortran`. The
+# installed krxdump lists the file each one writes. Usage: scripts/check-install.sh [build-dir]
 set -euo pipefail
 cd "$(dirname "$0")/.."
 build=$(realpath "${1:-build}")
@@ -44,7 +44,7 @@ cmake -S "$sources" -B cxx -G Ninja -DCMAKE_PREFIX_PATH="$prefix" \
   -DCMAKE_CXX_FLAGS="-Wall -Wextra -Werror" >/dev/null
 cmake --build cxx >/dev/null
 TMP=$work cxx/cxx_consumer cxx.krx >>consumer.log
-lists cxx.krx "C++ consumer" "C++ through find_package(krxlib)"
+lists cxx.krx "C consumer" "the C program as C++ through find_package(krxlib)"
 
 if ! pkg-config --exists krxlib-fortran; then
   echo "check-install: no krxlib-fortran.pc (was a Fortran compiler found at configure time?)" >&2
